@@ -1,0 +1,112 @@
+// Diagnostics: the log writer, the process stop for broken invariants and
+// the memory report command.
+#include <malloc.h>
+#include <syslog.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+#include <zen/mgmtd.h>
+
+#include "pol_util.hpp"
+
+namespace {
+
+pol_log_sink_f g_log_sink = nullptr;
+
+constexpr int kLogTextSize = 1024;
+
+// Categories that the "policy push" total adds up.
+constexpr bool in_push_total(int row)
+{
+    return row == POL_MEM_CTX || row == POL_MEM_BLOCK || row == POL_MEM_ENTRY ||
+           (row >= POL_MEM_TYPE_PFR && row <= POL_MEM_LIST_POL_USER) ||
+           (row >= POL_MEM_LIST_FWD_PREFIX && row <= POL_MEM_LIST_APP) ||
+           (row >= POL_MEM_LIST_VPN && row <= POL_MEM_ENTRY_LIST) || row == POL_MEM_ENTRY_TLOC ||
+           (row >= POL_MEM_ENTRY_VPN && row <= POL_MEM_ENTRY_MATCH_ICMP6);
+}
+
+uint64_t current_count(const t_pol_mem_info &row)
+{
+    return row.alloc - row.free;
+}
+
+}  // namespace
+
+extern "C" {
+
+const char *g_pol_meminfo_file = "/var/log/pol_meminfo.txt";
+
+void pol_log_set_sink(pol_log_sink_f sink)
+{
+    g_log_sink = sink;
+}
+
+void pol_log_write(const char *func, int line, const char *fmt, ...)
+{
+    char text[kLogTextSize];
+    int n = std::snprintf(text, sizeof(text), "%s[%d]: [POL] ", func, line);
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(text + n, sizeof(text) - n, fmt, ap);
+    va_end(ap);
+    if (g_log_sink != nullptr) {
+        g_log_sink(POL_LOG_PRIORITY, text);
+    } else {
+        syslog(POL_LOG_PRIORITY, "%s", text);
+    }
+}
+
+void pol_assert_fail(const char *file, unsigned line, const char *cond)
+{
+    std::printf("%s:%u: failed assertion `%s'\n", file, line, cond);
+    std::fflush(stdout);
+    std::abort();
+}
+
+int pol_dump_memory_info(struct mgmtd_cli_user_info *uinfo, int argc, char **argv)
+{
+    const int sock = uinfo != nullptr ? uinfo->maapi_sock : -1;
+    const uint32_t usid = uinfo != nullptr ? uinfo->usid : 0;
+
+    maapi_cli_printf(sock, usid, "    ================================");
+    maapi_cli_printf(sock, usid, "\n    MEMORY STATISTICS");
+    maapi_cli_printf(sock, usid, "\n    ================================");
+    maapi_cli_printf(sock, usid, "\n%-20s    %-25s    %-10s  %-4s  %-12s    %-12s    %-12s    %-12s\n",
+                     "DESCRIPTION", "TYPE", "SIZE", "CACHE", "#ALLOC", "#FREE", "#PEAK", "#CURRENT");
+
+    uint64_t total = 0;
+    uint64_t push_total = 0;
+    for (int i = 0; i < POL_MEM_MAX; i++) {
+        const t_pol_mem_info &row = g_pol_mem_info[i];
+        const uint64_t current = current_count(row);
+        maapi_cli_printf(sock, usid, "\n%-20s    %-25s    %-10u  %-4s  %-12lu    %-12lu    %-12lu    %-12lu",
+                         row.desc, row.struct_name, row.struct_size, row.cache_needed ? "yes" : "no",
+                         (unsigned long)row.alloc, (unsigned long)row.free,
+                         (unsigned long)row.max_alloc, (unsigned long)current);
+        total += row.struct_size * current;
+        if (in_push_total(i)) {
+            push_total += row.struct_size * current;
+        }
+    }
+    maapi_cli_printf(sock, usid, "\n\nTotal memory used: %d Bytes", static_cast<int32_t>(total));
+    maapi_cli_printf(sock, usid, "\nPolicy push memory used: %d Bytes",
+                     static_cast<int32_t>(push_total));
+
+    if (argc > 1 && argv != nullptr && argv[1] != nullptr && std::strstr(argv[1], "--detail")) {
+        FILE *fp = std::fopen(g_pol_meminfo_file, "w");
+        if (fp == nullptr) {
+            return 0;
+        }
+        if (malloc_info(0, fp) == 0) {
+            maapi_cli_printf(sock, usid, "\n wrote malloc info to %s\n", g_pol_meminfo_file);
+        } else {
+            maapi_cli_printf(sock, usid, "\n Could not write malloc info to %s\n", g_pol_meminfo_file);
+        }
+        std::fclose(fp);
+    }
+    return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,239 @@
+// Users of policies, their registration, and the pending-change queue.
+//
+// Mutating operations only queue the users of the blocks they touched (each
+// user at most once, at the position of its first queueing); the changer
+// flushes once per unit of configuration and every queued user's change
+// callback runs exactly once. Callbacks never nest.
+#include "pol_util.hpp"
+
+namespace {
+
+// Position of the running flush: the user being notified and its successor.
+// A callback may unqueue or unregister either; the operations that do so
+// move the cursor, so the flush never follows a link into a removed user.
+struct flush_cursor {
+    t_pol_user *current;
+    t_pol_user *next;
+};
+flush_cursor g_flush = {nullptr, nullptr};
+
+bool destroying(const t_pol_ctx *ctx)
+{
+    return (ctx->pol_ctx_flags & POL_CTX_FLAG_DESTROYING) != 0;
+}
+
+bool in_callback(const t_pol_ctx *ctx)
+{
+    return (ctx->pol_ctx_flags & POL_CTX_FLAG_IN_CALLBACK) != 0;
+}
+
+bool queued(const t_pol_user *user)
+{
+    return (user->pol_user_flags & POL_USER_FLAG_QUEUED) != 0;
+}
+
+t_pol_user make_key(const char *user_name, e_pol_type type, e_pol_dir dir)
+{
+    t_pol_user key{};
+    key.pol_type = type;
+    key.pol_direction = dir;
+    pol::copy_name(key.user_name, user_name);
+    return key;
+}
+
+}  // namespace
+
+extern "C" {
+
+e_err pol_user_init(t_pol_ctx *ctx)
+{
+    POL_TREE_CREATE(&ctx->pol_users, pol_user_cmp, t_pol_user, user_node);
+    TAILQ_INIT(&ctx->pol_users_chg);
+    return ERR_OK;
+}
+
+// Type, then direction, then user name: the policy name is not part of the
+// key, so a component holds one registration per type and direction.
+int pol_user_cmp(const void *a, const void *b)
+{
+    const auto *x = static_cast<const t_pol_user *>(a);
+    const auto *y = static_cast<const t_pol_user *>(b);
+    if (int r = pol::cmp3<uint32_t>(x->pol_type, y->pol_type)) {
+        return r;
+    }
+    if (int r = pol::cmp3<uint32_t>(x->pol_direction, y->pol_direction)) {
+        return r;
+    }
+    return pol::fold(std::strncmp(x->user_name, y->user_name, POL_NAME_SIZE));
+}
+
+t_pol_user *pol_user_find(t_pol_ctx *ctx, const char *user_name, e_pol_type type, e_pol_dir dir,
+                          avl_index_t *where)
+{
+    t_pol_user key = make_key(user_name, type, dir);
+    return static_cast<t_pol_user *>(avl_find(&ctx->pol_users, &key, where));
+}
+
+// An existing registration is returned as it is, even when this one names
+// another policy or other callbacks.
+t_pol_user *pol_user_find_or_create(t_pol_ctx *ctx, const char *user_name, const char *pol_name,
+                                    e_pol_type type, e_pol_dir dir, t_pol_change_cb_f chg_cb,
+                                    t_pol_label_cb_f label_cb, t_pol_timer_cb_f timer_cb,
+                                    void *user_ctx_p)
+{
+    avl_index_t where = 0;
+    if (t_pol_user *found = pol_user_find(ctx, user_name, type, dir, &where)) {
+        return found;
+    }
+    auto *user = pol::alloc_record<t_pol_user>(POL_MEM_TYPE_POL_USER);
+    if (user == nullptr) {
+        return nullptr;
+    }
+    pol::copy_name(user->user_name, user_name);
+    user->pol_type = type;
+    user->pol_direction = dir;
+    user->pol_chg_cb = chg_cb;
+    user->pol_label_cb = label_cb;
+    user->pol_timer_cb = timer_cb;
+    user->user_ctx_p = user_ctx_p;
+    t_pol_block *block = pol_block_user_add(ctx, pol_name, type, user);
+    if (block == nullptr) {
+        pol_free(user, POL_MEM_TYPE_POL_USER);
+        return nullptr;
+    }
+    user->pol_block_p = block;
+    avl_insert(&ctx->pol_users, user, where);
+    return user;
+}
+
+void pol_user_find_and_delete(t_pol_ctx *ctx, const char *user_name, const char *,
+                              e_pol_type type, e_pol_dir dir)
+{
+    if (t_pol_user *user = pol_user_find(ctx, user_name, type, dir, nullptr)) {
+        pol_user_delete(ctx, user, true);
+    }
+}
+
+// A user whose block was deleted is deliberately neither unqueued nor
+// unlinked here: callers flush before unregistering such a user.
+void pol_user_delete(t_pol_ctx *ctx, t_pol_user *user, bool remove)
+{
+    pol_block_user_delete(ctx, user->pol_block_p, user);
+    if (user == g_flush.current) {
+        g_flush.current = nullptr;
+    }
+    if (remove) {
+        avl_remove(&ctx->pol_users, user);
+    }
+    pol_free(user, POL_MEM_TYPE_POL_USER);
+}
+
+void pol_user_destroy(t_pol_ctx *ctx)
+{
+    pol::tree<t_pol_user>(&ctx->pol_users).drain([&](t_pol_user *user) {
+        pol_user_delete(ctx, user, false);
+    });
+    TAILQ_INIT(&ctx->pol_users_chg);
+}
+
+t_pol_block *pol_block_user_add(t_pol_ctx *ctx, const char *pol_name, e_pol_type type,
+                                t_pol_user *user)
+{
+    uint8_t changed = 0;
+    t_pol_block *block = pol_block_find_or_create(ctx, pol_name, type, &changed);
+    if (block != nullptr) {
+        TAILQ_INSERT_TAIL(&block->users_list, user, pol_block_list_entry);
+    }
+    return block;
+}
+
+void pol_block_user_delete(t_pol_ctx *ctx, t_pol_block *block, t_pol_user *user)
+{
+    if (block == nullptr) {
+        return;
+    }
+    pol_user_chg_list_delete(ctx, user);
+    TAILQ_REMOVE(&block->users_list, user, pol_block_list_entry);
+}
+
+/* ---- the pending-change queue ---- */
+
+void pol_user_chg_list_add(t_pol_ctx *ctx, t_pol_user *user)
+{
+    if (user == nullptr || queued(user)) {
+        return;
+    }
+    TAILQ_INSERT_TAIL(&ctx->pol_users_chg, user, pol_chg_list_entry);
+    user->pol_user_flags |= POL_USER_FLAG_QUEUED;
+}
+
+void pol_user_chg_list_delete(t_pol_ctx *ctx, t_pol_user *user)
+{
+    if (!queued(user)) {
+        return;
+    }
+    if (user == g_flush.next) {
+        g_flush.next = TAILQ_NEXT(user, pol_chg_list_entry);
+    }
+    TAILQ_REMOVE(&ctx->pol_users_chg, user, pol_chg_list_entry);
+    user->pol_user_flags &= static_cast<uint8_t>(~POL_USER_FLAG_QUEUED);
+}
+
+void pol_block_users_add_to_chg_list(t_pol_ctx *ctx, t_pol_block *block)
+{
+    if (block == nullptr || destroying(ctx)) {
+        return;
+    }
+    t_pol_user *user;
+    TAILQ_FOREACH(user, &block->users_list, pol_block_list_entry) {
+        pol_user_chg_list_add(ctx, user);
+    }
+}
+
+// Walks the queue from its head. After each callback the walk goes on with
+// the notified user's successor as the queue stands then: a user the
+// callback queued anew is at the tail and ends the walk, so re-queued users
+// wait for the next flush; users queued behind the current position are
+// delivered by this walk. A flush from inside a callback delivers nothing.
+void pol_user_chg_list_notify_all(t_pol_ctx *ctx)
+{
+    if (destroying(ctx) || in_callback(ctx)) {
+        return;
+    }
+    t_pol_user *user = TAILQ_FIRST(&ctx->pol_users_chg);
+    while (user != nullptr) {
+        g_flush = {user, TAILQ_NEXT(user, pol_chg_list_entry)};
+        pol_user_notify(ctx, user);
+        bool requeued = g_flush.current != nullptr && queued(user);
+        user = requeued ? TAILQ_NEXT(user, pol_chg_list_entry) : g_flush.next;
+    }
+    g_flush = {nullptr, nullptr};
+}
+
+void pol_user_notify(t_pol_ctx *ctx, t_pol_user *user)
+{
+    if (in_callback(ctx)) {
+        return;
+    }
+    ctx->pol_ctx_flags |= POL_CTX_FLAG_IN_CALLBACK;
+    pol_user_chg_list_delete(ctx, user);
+    if (user->pol_chg_cb != nullptr) {
+        user->pol_chg_cb(user, user->user_ctx_p);
+    }
+    ctx->pol_ctx_flags &= static_cast<uint8_t>(~POL_CTX_FLAG_IN_CALLBACK);
+}
+
+void pol_block_user_notify_all(t_pol_ctx *ctx, t_pol_block *block)
+{
+    if (block == nullptr || destroying(ctx)) {
+        return;
+    }
+    t_pol_user *user = TAILQ_FIRST(&block->users_list);
+    while (user != nullptr) {
+        t_pol_user *next = TAILQ_NEXT(user, pol_block_list_entry);
+        pol_user_notify(ctx, user);
+        user = next;
+    }
+}
+
+}  // extern "C"
