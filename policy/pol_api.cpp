@@ -1,7 +1,5 @@
 // Exported entry points: the context's life cycle, registration, the
 // questions a host asks about its handle, and the execution frame.
-#include <array>
-
 #include "pol_util.hpp"
 
 namespace {
@@ -13,11 +11,16 @@ using family_init_f = e_err (*)(t_pol_ctx *);
 constexpr family_init_f kFamilyInit[] = {
     pol_user_init,
     pol_block_init,
+    pol_site_list_main_init,
+    pol_vpn_list_main_init,
 };
 
 // Families in tear-down order, which deliberately differs from start-up;
 // users go last.
-constexpr std::array<family_init_f, 0> kFamilyDeinit{};
+constexpr family_init_f kFamilyDeinit[] = {
+    pol_site_list_main_deinit,
+    pol_vpn_list_main_deinit,
+};
 
 bool handle_sets(const t_pol_user *handle, uint32_t block_flag)
 {
@@ -140,6 +143,31 @@ char *pol_handle_get_name(t_pol_user *handle, char *buf, uint32_t size)
         strlcpy(buf, handle->pol_block_p->pol_name, size);
     }
     return buf;
+}
+
+// Only site lists can be watched.
+t_pol_list_user *pol_list_register(t_pol_list_reg_params *params)
+{
+    if (params == nullptr || params->pol_list_type != POL_LIST_SITE) {
+        return nullptr;
+    }
+    return pol_site_list_user_add(g_pol_ctx_p, params->pol_list_name, params->pol_chg_cb,
+                                  params->user_ctx_p);
+}
+
+void pol_list_unregister(t_pol_list_user *list_user)
+{
+    if (list_user != nullptr && list_user->pol_list_type == POL_LIST_SITE) {
+        pol_site_list_user_remove(g_pol_ctx_p, list_user);
+    }
+}
+
+int pol_list_site_match(t_pol_list_user *list_user, uint32_t site_id)
+{
+    if (list_user == nullptr) {
+        return 0;
+    }
+    return pol_exec_match_site_id_to_site_list(list_user->site_list_p, site_id) ? 1 : 0;
 }
 
 void pol_pre_execute(t_pol_exec_params *params, e_zen_device device)

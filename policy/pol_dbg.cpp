@@ -5,6 +5,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <array>
 #include <cstdlib>
 
 #include <zen/mgmtd.h>
@@ -32,6 +33,28 @@ uint64_t current_count(const t_pol_mem_info &row)
     return row.alloc - row.free;
 }
 
+// A constant text per enumeration value, with a fallback for the rest.
+template <std::size_t N>
+const char *name_of(const std::array<const char *, N> &names, uint32_t value, const char *fallback)
+{
+    return value < N && names[value] != nullptr ? names[value] : fallback;
+}
+
+constexpr std::array<const char *, 3> kActionNames = {nullptr, "accept", "reject"};
+constexpr std::array<const char *, 6> kTypeNames = {nullptr, "route", "data", "perf route",
+                                                    "membership", "cflowd"};
+constexpr std::array<const char *, 4> kListTypeNames = {nullptr, "prefix-list", "site-list",
+                                                        "tloc-list"};
+constexpr std::array<const char *, 3> kDirNames = {"none", "in", "out"};
+constexpr std::array<const char *, 5> kMatchTypeNames = {nullptr, "route", "tloc", "service",
+                                                         "packet"};
+constexpr std::array<const char *, 4> kProtoNames = {nullptr, "udp", "tcp", "icmp"};
+constexpr std::array<const char *, 9> kPfxOpNames = {nullptr, "RANGE", "XRANGE", "EQ", "NE",
+                                                     "LE", "LT", "GE", "GT"};
+constexpr std::array<const char *, 21> kDscpNames = {
+    "default", "af11", "af12", "af13", "af21", "af22", "af23", "af31", "af32", "af33", "af41",
+    "af42", "af43", "ef", "cs1", "cs2", "cs3", "cs4", "cs5", "cs6", "cs7"};
+
 }  // namespace
 
 extern "C" {
@@ -56,6 +79,63 @@ void pol_log_write(const char *func, int line, const char *fmt, ...)
     } else {
         syslog(POL_LOG_PRIORITY, "%s", text);
     }
+}
+
+const char *pol_util_action_str(uint32_t action)
+{
+    return name_of(kActionNames, action, "unknown");
+}
+
+const char *pol_util_type_str(uint32_t type)
+{
+    return name_of(kTypeNames, type, "unknown");
+}
+
+const char *pol_util_list_type_str(uint32_t type)
+{
+    return name_of(kListTypeNames, type, "unknown");
+}
+
+// Deliberately upper case, unlike the other fallbacks.
+const char *pol_util_dir_str(uint32_t dir)
+{
+    return name_of(kDirNames, dir, "UNKNOWN");
+}
+
+const char *pol_util_match_type_str(uint32_t match_type)
+{
+    return name_of(kMatchTypeNames, match_type, "unknown");
+}
+
+const char *pol_util_proto_str(uint32_t proto)
+{
+    return name_of(kProtoNames, proto, "unknown");
+}
+
+const char *pol_util_pfx_op_str(uint32_t op)
+{
+    return name_of(kPfxOpNames, op, "UNKNOWN");
+}
+
+const char *pol_util_dscp_str(uint32_t dscp)
+{
+    return name_of(kDscpNames, dscp, "unknown");
+}
+
+void pol_cli_printf(struct mgmtd_cli_user_info *uinfo, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    maapi_cli_vprintf(uinfo != nullptr ? uinfo->maapi_sock : -1, uinfo != nullptr ? uinfo->usid : 0,
+                      fmt, ap);
+    va_end(ap);
+}
+
+void pol_cli_dump_heading(struct mgmtd_cli_user_info *uinfo, const char *title)
+{
+    pol_cli_printf(uinfo, "\n================================");
+    pol_cli_printf(uinfo, "%s", title);
+    pol_cli_printf(uinfo, "\n================================");
 }
 
 void pol_assert_fail(const char *file, unsigned line, const char *cond)

@@ -95,6 +95,193 @@ t_pol_set_entry *pol_entry_set_add(t_pol_ctx *ctx, t_pol_entry *entry);
 void pol_entry_set_delete(t_pol_ctx *ctx, t_pol_entry *entry, uint8_t *changed);
 void pol_entry_match_delete(t_pol_ctx *ctx, t_pol_entry *entry, uint8_t *changed);
 
+/* ---- text renderers (constant texts; unknown values give a fallback) ---- */
+
+const char *pol_util_action_str(uint32_t action);
+const char *pol_util_type_str(uint32_t type);
+const char *pol_util_list_type_str(uint32_t type);
+const char *pol_util_dir_str(uint32_t dir);
+const char *pol_util_match_type_str(uint32_t match_type);
+const char *pol_util_proto_str(uint32_t proto);
+const char *pol_util_pfx_op_str(uint32_t op);
+const char *pol_util_dscp_str(uint32_t dscp);
+
+/* ---- named lists: shared ---- */
+
+struct mgmtd_cli_user_info;
+
+/* Command output to the session of a CLI user (standard output without one). */
+void pol_cli_printf(struct mgmtd_cli_user_info *uinfo, const char *fmt, ...)
+    __attribute__((format(printf, 2, 3)));
+void pol_cli_dump_heading(struct mgmtd_cli_user_info *uinfo, const char *title);
+
+/* ---- site lists ---- */
+
+e_err pol_site_list_main_init(t_pol_ctx *ctx);
+e_err pol_site_list_main_deinit(t_pol_ctx *ctx);
+int pol_site_list_cmp(const void *a, const void *b);
+t_site_list *pol_site_list_find(t_pol_ctx *ctx, const char *name);
+t_site_list *pol_site_list_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created);
+bool pol_site_list_is_empty(const t_site_list *list);
+e_err pol_site_list_add_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id, uint32_t max_id);
+e_err pol_site_list_del_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id, uint32_t max_id);
+t_site_entry *pol_site_list_find_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id,
+                                       uint32_t max_id);
+void pol_site_list_entry_remove(t_pol_ctx *ctx, t_site_list *list, t_site_entry *entry);
+void pol_site_list_del_all_entries(t_pol_ctx *ctx, t_site_list *list);
+e_err pol_site_list_cfg_del(t_pol_ctx *ctx, const char *name);
+void pol_site_list_del(t_pol_ctx *ctx, t_site_list **list_pp, uint8_t remove);
+t_site_list *pol_site_list_pol_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_entry *match);
+e_err pol_site_list_pol_user_remove(t_pol_ctx *ctx, t_site_list *list, t_pol_match_entry *match);
+t_pol_list_user *pol_site_list_user_add(t_pol_ctx *ctx, const char *name,
+                                        t_pol_list_change_cb_f chg_cb, void *user_ctx_p);
+e_err pol_site_list_user_remove(t_pol_ctx *ctx, t_pol_list_user *list_user);
+void pol_site_list_users_add_to_chg_list(t_pol_ctx *ctx, t_site_list *list);
+void pol_dump_site_list(t_site_list *list, struct mgmtd_cli_user_info *uinfo);
+void pol_dump_site_list_all(struct mgmtd_cli_user_info *uinfo);
+bool pol_exec_match_site_id_to_site_list(t_site_list *list, uint32_t site_id);
+
+/* ---- VPN lists ---- */
+
+e_err pol_vpn_list_main_init(t_pol_ctx *ctx);
+e_err pol_vpn_list_main_deinit(t_pol_ctx *ctx);
+int pol_vpn_list_cmp(const void *a, const void *b);
+t_vpn_list *pol_vpn_list_find(t_pol_ctx *ctx, const char *name);
+t_vpn_list *pol_vpn_list_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created);
+bool pol_vpn_list_is_empty(const t_vpn_list *list);
+t_vpn_list *pol_vpn_list_first(t_pol_ctx *ctx);
+t_vpn_list *pol_vpn_list_next(t_pol_ctx *ctx, t_vpn_list *list);
+e_err pol_vpn_list_add_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id, uint32_t max_id);
+e_err pol_vpn_list_del_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id, uint32_t max_id);
+t_pol_vpn_entry *pol_vpn_list_find_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id,
+                                         uint32_t max_id);
+void pol_vpn_list_entry_remove(t_pol_ctx *ctx, t_vpn_list *list, t_pol_vpn_entry *entry);
+void pol_vpn_list_del_all_entries(t_pol_ctx *ctx, t_vpn_list *list);
+e_err pol_vpn_list_cfg_del(t_pol_ctx *ctx, const char *name);
+void pol_vpn_list_del(t_pol_ctx *ctx, t_vpn_list **list_pp, uint8_t remove);
+t_vpn_list *pol_vpn_list_match_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_entry *match);
+e_err pol_vpn_list_match_user_remove(t_pol_ctx *ctx, t_vpn_list *list, t_pol_match_entry *match);
+t_vpn_list *pol_vpn_list_action_user_add(t_pol_ctx *ctx, const char *name, t_pol_set_entry *set);
+e_err pol_vpn_list_action_user_remove(t_pol_ctx *ctx, t_vpn_list *list, t_pol_set_entry *set);
+t_vpn_list *pol_vpn_list_fwd_pol_user_add(t_pol_ctx *ctx, const char *name,
+                                          t_pol_fwd_vpn_entry *fwd_vpn);
+e_err pol_vpn_list_fwd_pol_user_remove(t_pol_ctx *ctx, t_vpn_list *list,
+                                       t_pol_fwd_vpn_entry *fwd_vpn);
+void pol_vpn_list_users_add_to_chg_list(t_pol_ctx *ctx, t_vpn_list *list);
+void pol_dump_vpn_list(t_vpn_list *list, struct mgmtd_cli_user_info *uinfo);
+void pol_dump_vpn_list_all(struct mgmtd_cli_user_info *uinfo);
+
+/* ---- TLOC lists ---- */
+
+e_err pol_tloc_list_main_init(t_pol_ctx *ctx);
+e_err pol_tloc_list_main_deinit(t_pol_ctx *ctx);
+int pol_tloc_list_cmp(const void *a, const void *b);
+t_tloc_list *pol_tloc_list_find(t_pol_ctx *ctx, const char *name);
+t_tloc_list *pol_tloc_list_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created);
+bool pol_tloc_list_is_empty(const t_tloc_list *list);
+t_tloc_list *pol_tloc_list_first(t_pol_ctx *ctx);
+t_tloc_list *pol_tloc_list_next(t_pol_ctx *ctx, t_tloc_list *list);
+e_err pol_tloc_list_add_entry(t_pol_ctx *ctx, const char *name, const t_tloc_id *tloc,
+                              uint32_t preference);
+e_err pol_tloc_list_del_entry(t_pol_ctx *ctx, const char *name, const t_tloc_id *tloc);
+t_tloc_entry *pol_tloc_list_find_entry(t_pol_ctx *ctx, const char *name, const t_tloc_id *tloc);
+void pol_tloc_list_entry_remove(t_pol_ctx *ctx, t_tloc_list *list, t_tloc_entry *entry);
+void pol_tloc_list_del_all_entries(t_pol_ctx *ctx, t_tloc_list *list);
+e_err pol_tloc_list_cfg_del(t_pol_ctx *ctx, const char *name);
+void pol_tloc_list_del(t_pol_ctx *ctx, t_tloc_list **list_pp, uint8_t remove);
+t_tloc_list *pol_tloc_list_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_entry *match);
+e_err pol_tloc_list_user_remove(t_pol_ctx *ctx, t_tloc_list *list, t_pol_match_entry *match);
+t_tloc_list *pol_tloc_list_action_user_add(t_pol_ctx *ctx, const char *name, t_pol_set_entry *set);
+e_err pol_tloc_list_action_user_remove(t_pol_ctx *ctx, t_tloc_list *list, t_pol_set_entry *set);
+void pol_tloc_list_users_add_to_chg_list(t_pol_ctx *ctx, t_tloc_list *list);
+void pol_tloc_list_update_fwd_pol_label(t_pol_ctx *ctx, uint8_t force);
+void pol_dump_tloc_list(t_tloc_list *list, struct mgmtd_cli_user_info *uinfo);
+void pol_dump_tloc_list_all(struct mgmtd_cli_user_info *uinfo);
+
+/* ---- colour lists ---- */
+
+e_err pol_color_list_main_init(t_pol_ctx *ctx);
+e_err pol_color_list_main_deinit(t_pol_ctx *ctx);
+int pol_color_list_cmp(const void *a, const void *b);
+t_color_list *pol_color_list_find(t_pol_ctx *ctx, const char *name);
+t_color_list *pol_color_list_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created);
+bool pol_color_list_is_empty(const t_color_list *list);
+e_err pol_color_list_add_entry(t_pol_ctx *ctx, const char *name, uint32_t color);
+e_err pol_color_list_del_entry(t_pol_ctx *ctx, const char *name, uint32_t color);
+t_color_entry *pol_color_list_find_entry(t_pol_ctx *ctx, const char *name, uint32_t color);
+void pol_color_list_entry_remove(t_pol_ctx *ctx, t_color_list *list, t_color_entry *entry);
+void pol_color_list_del_all_entries(t_pol_ctx *ctx, t_color_list *list);
+e_err pol_color_list_cfg_del(t_pol_ctx *ctx, const char *name);
+void pol_color_list_del(t_pol_ctx *ctx, t_color_list **list_pp, uint8_t remove);
+t_color_list *pol_color_list_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_entry *match);
+e_err pol_color_list_user_remove(t_pol_ctx *ctx, t_color_list *list, t_pol_match_entry *match);
+void pol_color_list_users_add_to_chg_list(t_pol_ctx *ctx, t_color_list *list);
+void pol_dump_color_list(t_color_list *list, struct mgmtd_cli_user_info *uinfo);
+void pol_dump_color_list_all(struct mgmtd_cli_user_info *uinfo);
+
+/* ---- prefix lists ---- */
+
+e_err pol_pfx_list_main_init(t_pol_ctx *ctx);
+e_err pol_pfx_list_main_deinit(t_pol_ctx *ctx);
+int pol_pfx_list_cmp(const void *a, const void *b);
+t_pfx_list *pol_pfx_list_find(t_pol_ctx *ctx, const t_pfx_list_key *key);
+t_pfx_list *pol_pfx_list_find_or_create(t_pol_ctx *ctx, const t_pfx_list_key *key, uint8_t *created);
+bool pol_pfx_list_is_empty(const t_pfx_list *list);
+e_err pol_pfx_list_entry_add(t_pol_ctx *ctx, const t_pfx_list_key *key,
+                             const t_pfx_entry_param *param);
+e_err pol_pfx_list_del_entry(t_pol_ctx *ctx, const t_pfx_list_key *key,
+                             const t_pfx_entry_param *param);
+t_pfx_entry *pol_pfx_list_find_entry(t_pol_ctx *ctx, const t_pfx_list_key *key,
+                                     const t_pfx_entry_param *param, t_pfx_list **list_pp);
+void pol_pfx_list_entry_remove(t_pol_ctx *ctx, t_pfx_list *list, t_pfx_entry *entry);
+void pol_pfx_list_del_all_entries(t_pol_ctx *ctx, t_pfx_list *list);
+e_err pol_pfx_list_cfg_del(t_pol_ctx *ctx, const t_pfx_list_key *key);
+void pol_pfx_list_del(t_pol_ctx *ctx, t_pfx_list **list_pp, uint8_t remove);
+t_pfx_list *pol_pfx_list_user_add(t_pol_ctx *ctx, const t_pfx_list_key *key,
+                                  t_pol_match_entry *match);
+e_err pol_pfx_list_user_remove(t_pol_ctx *ctx, t_pfx_list *list, t_pol_match_entry *match);
+void pol_pfx_list_users_add_to_chg_list(t_pol_ctx *ctx, t_pfx_list *list);
+void pol_dump_pfx_list(t_pfx_list *list, struct mgmtd_cli_user_info *uinfo);
+void pol_dump_pfx_list_all(struct mgmtd_cli_user_info *uinfo);
+
+/* ---- community lists ---- */
+
+e_err pol_community_list_main_init(t_pol_ctx *ctx);
+e_err pol_community_list_main_deinit(t_pol_ctx *ctx);
+int pol_community_list_cmp(const void *a, const void *b);
+avl_tree_t *pol_community_list_tree(t_pol_ctx *ctx, community_list_type type);
+void pol_community_list_destroy(t_pol_ctx *ctx, avl_tree_t *tree);
+t_community_list *pol_community_list_find(t_pol_ctx *ctx, const char *name,
+                                          community_list_type type);
+t_community_list *pol_community_list_find_or_create(t_pol_ctx *ctx, const char *name,
+                                                    community_list_type type, uint8_t *created);
+bool pol_community_list_is_empty(const t_community_list *list);
+e_err pol_community_list_add_entry(t_pol_ctx *ctx, const char *name, const char *text,
+                                   community_list_type type);
+e_err pol_community_list_del_entry(t_pol_ctx *ctx, const char *name, const char *text,
+                                   community_list_type type);
+t_community_entry *pol_community_list_find_entry(t_pol_ctx *ctx, const char *name,
+                                                 const char *text, community_list_type type);
+t_community_entry *pol_standard_community_list_entry(t_community_list *list, uint32_t community);
+t_community_entry *pol_expanded_community_list_entry(t_community_list *list, const char *pattern);
+void pol_community_list_entry_remove(t_pol_ctx *ctx, t_community_list *list,
+                                     t_community_entry *entry);
+void pol_community_list_del_all_entries(t_pol_ctx *ctx, t_community_list *list);
+e_err pol_community_list_cfg_del(t_pol_ctx *ctx, const char *name, community_list_type type);
+void pol_community_list_del(t_pol_ctx *ctx, t_community_list **list_pp, uint8_t remove);
+t_community_list *pol_community_list_user_add(t_pol_ctx *ctx, const char *name,
+                                              community_list_type type, t_pol_match_entry *match);
+e_err pol_community_list_user_remove(t_pol_ctx *ctx, t_community_list *list,
+                                     t_pol_match_entry *match);
+void pol_community_list_users_add_to_chg_list(t_pol_ctx *ctx, t_community_list *list);
+const char *community_gettoken(const char *text, community_token *kind, uint32_t *value);
+char *community_getstr(uint32_t value, char *buf, size_t size);
+#define POL_COMMUNITY_LIST_STR_SIZE 512
+char *community_list_getstr(char *buf, const uint32_t *values, uint32_t count);
+char *pol_dump_set_community(char *buf, const t_pol_set_community *set);
+void pol_dump_community_list_all(struct mgmtd_cli_user_info *uinfo);
+void pol_dump_expanded_community_list_all(struct mgmtd_cli_user_info *uinfo);
+
 /* ---- community set action ---- */
 
 int pol_config_set_bgp_community_upd(t_pol_entry *entry, uint32_t *communities, uint16_t count);

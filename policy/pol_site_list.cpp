@@ -1,0 +1,260 @@
+// Site lists: named sets of site-id ranges, with the sequences that match
+// on them and at most one list user (a host component watching the list).
+#include "pol_list.hpp"
+
+namespace {
+
+int site_entry_cmp(const void *a, const void *b)
+{
+    const auto *x = static_cast<const t_site_entry *>(a);
+    const auto *y = static_cast<const t_site_entry *>(b);
+    if (int r = pol::cmp3(x->min_site_id, y->min_site_id)) {
+        return r;
+    }
+    return pol::cmp3(x->max_site_id, y->max_site_id);
+}
+
+using site_match_chain = pol::user_chain<t_site_list, t_pol_match_entry, &t_site_list::match_list_head,
+                                         &t_pol_match_entry::match_site_entry, pol::block_of_match>;
+
+struct site_traits : pol::list_hooks<t_site_list> {
+    using list_t = t_site_list;
+    using entry_t = t_site_entry;
+    using key_t = const char *;
+    using chains = pol::chain_list<site_match_chain>;
+    static constexpr e_pol_mem list_mem = POL_MEM_LIST_SITE;
+    static constexpr e_pol_mem entry_mem = POL_MEM_ENTRY_SITE;
+    static constexpr std::size_t list_node_offset = offsetof(t_site_list, site_list_node);
+    static constexpr auto entries = &t_site_list::site_entry_head;
+    static constexpr auto entry_link = &t_site_entry::site_entry;
+    static constexpr int (*list_cmp)(const void *, const void *) = pol_site_list_cmp;
+    static constexpr int (*entry_cmp)(const void *, const void *) = site_entry_cmp;
+
+    static std::array<avl_tree_t *, 1> trees(t_pol_ctx *ctx) { return {&ctx->site_lists}; }
+    static avl_tree_t *tree_of(t_pol_ctx *ctx, key_t) { return &ctx->site_lists; }
+    static avl_tree_t *tree_of_list(t_pol_ctx *ctx, const t_site_list *) { return &ctx->site_lists; }
+    static void set_key(t_site_list &list, key_t name) { pol::copy_name(list.site_list_name, name); }
+
+    static bool extra_empty(const t_site_list *list) { return list->site_list_user_p == nullptr; }
+
+    // The list user hears of every change first, synchronously.
+    static void notify_first(t_pol_ctx *, t_site_list *list)
+    {
+        t_pol_list_user *user = list->site_list_user_p;
+        if (user != nullptr && user->pol_list_chg_cb != nullptr) {
+            user->pol_list_chg_cb(user, user->user_ctx_p);
+        }
+    }
+
+    // At shutdown the list user goes with the list it belongs to.
+    static void on_deinit(t_pol_ctx *, t_site_list *list)
+    {
+        pol_free(list->site_list_user_p, POL_MEM_LIST_POL_USER);
+        list->site_list_user_p = nullptr;
+    }
+};
+
+using site_lists = pol::list_family<site_traits>;
+
+t_site_entry range_probe(uint32_t min_id, uint32_t max_id)
+{
+    t_site_entry probe{};
+    probe.min_site_id = min_id;
+    probe.max_site_id = max_id;
+    return probe;
+}
+
+}  // namespace
+
+extern "C" {
+
+e_err pol_site_list_main_init(t_pol_ctx *ctx)
+{
+    return site_lists::main_init(ctx);
+}
+
+e_err pol_site_list_main_deinit(t_pol_ctx *ctx)
+{
+    return site_lists::main_deinit(ctx);
+}
+
+// The name is the first member of a list, so a bare name serves as a key.
+int pol_site_list_cmp(const void *a, const void *b)
+{
+    return pol::fold(std::strncmp(static_cast<const char *>(a), static_cast<const char *>(b),
+                                  POL_LIST_NAME_SIZE));
+}
+
+t_site_list *pol_site_list_find(t_pol_ctx *ctx, const char *name)
+{
+    return site_lists::find(ctx, name);
+}
+
+t_site_list *pol_site_list_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created)
+{
+    return site_lists::find_or_create(ctx, name, created);
+}
+
+bool pol_site_list_is_empty(const t_site_list *list)
+{
+    return site_lists::is_empty(list);
+}
+
+// Ranges are stored as given: overlapping, nested or reversed ranges are
+// not compared with each other.
+e_err pol_site_list_add_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id, uint32_t max_id)
+{
+    if (pol_site_list_find_entry(ctx, name, min_id, max_id) != nullptr) {
+        return ERR_OK;
+    }
+    uint8_t created = 0;
+    t_site_list *list = site_lists::find_or_create(ctx, name, &created);
+    if (list == nullptr) {
+        return ERR_ALLOC;
+    }
+    t_site_entry *entry = site_lists::alloc_entry();
+    if (entry == nullptr) {
+        site_lists::undo_create(ctx, list, created);
+        return ERR_ALLOC;
+    }
+    entry->min_site_id = min_id;
+    entry->max_site_id = max_id;
+    site_lists::link_entry(list, entry);
+    pol_site_list_users_add_to_chg_list(ctx, list);
+    return ERR_OK;
+}
+
+e_err pol_site_list_del_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id, uint32_t max_id)
+{
+    t_site_list *list = site_lists::find(ctx, name);
+    t_site_entry probe = range_probe(min_id, max_id);
+    t_site_entry *entry = site_lists::find_entry(list, &probe);
+    if (entry == nullptr) {
+        return ERR_OK;
+    }
+    site_lists::entry_remove(ctx, list, entry);
+    pol_site_list_users_add_to_chg_list(ctx, list);
+    return ERR_OK;
+}
+
+t_site_entry *pol_site_list_find_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id,
+                                       uint32_t max_id)
+{
+    t_site_entry probe = range_probe(min_id, max_id);
+    return site_lists::find_entry(site_lists::find(ctx, name), &probe);
+}
+
+void pol_site_list_entry_remove(t_pol_ctx *ctx, t_site_list *list, t_site_entry *entry)
+{
+    site_lists::entry_remove(ctx, list, entry);
+}
+
+void pol_site_list_del_all_entries(t_pol_ctx *ctx, t_site_list *list)
+{
+    site_lists::del_all_entries(ctx, list);
+}
+
+// Deliberately silent: users learn of the emptied list with the next change
+// that notifies.
+e_err pol_site_list_cfg_del(t_pol_ctx *ctx, const char *name)
+{
+    return site_lists::cfg_del(ctx, name);
+}
+
+void pol_site_list_del(t_pol_ctx *ctx, t_site_list **list_pp, uint8_t remove)
+{
+    site_lists::del(ctx, list_pp, remove != 0);
+}
+
+t_site_list *pol_site_list_pol_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_entry *match)
+{
+    return site_lists::user_add<site_match_chain>(ctx, name, match);
+}
+
+e_err pol_site_list_pol_user_remove(t_pol_ctx *ctx, t_site_list *list, t_pol_match_entry *match)
+{
+    return site_lists::user_remove<site_match_chain>(ctx, list, match);
+}
+
+// One list user per list: a second registration gets the first one back,
+// with its callback and context unchanged.
+t_pol_list_user *pol_site_list_user_add(t_pol_ctx *ctx, const char *name,
+                                        t_pol_list_change_cb_f chg_cb, void *user_ctx_p)
+{
+    uint8_t created = 0;
+    t_site_list *list = site_lists::find_or_create(ctx, name, &created);
+    if (list == nullptr) {
+        return nullptr;
+    }
+    if (list->site_list_user_p != nullptr) {
+        return list->site_list_user_p;
+    }
+    auto *user = pol::alloc_record<t_pol_list_user>(POL_MEM_LIST_POL_USER);
+    if (user == nullptr) {
+        site_lists::undo_create(ctx, list, created);
+        return nullptr;
+    }
+    user->pol_list_type = POL_LIST_SITE;
+    user->pol_list_chg_cb = chg_cb;
+    user->user_ctx_p = user_ctx_p;
+    user->site_list_p = list;
+    list->site_list_user_p = user;
+    return user;
+}
+
+e_err pol_site_list_user_remove(t_pol_ctx *ctx, t_pol_list_user *list_user)
+{
+    if (list_user == nullptr || list_user->site_list_p == nullptr) {
+        return ERR_NOT_FOUND;
+    }
+    t_site_list *list = list_user->site_list_p;
+    pol_free(list_user, POL_MEM_LIST_POL_USER);
+    list->site_list_user_p = nullptr;
+    site_lists::del_if_empty(ctx, list);
+    return ERR_OK;
+}
+
+void pol_site_list_users_add_to_chg_list(t_pol_ctx *ctx, t_site_list *list)
+{
+    site_lists::users_add_to_chg_list(ctx, list);
+}
+
+// Answered from a merged interval set of the list's ranges, rebuilt after
+// the list changed.
+bool pol_exec_match_site_id_to_site_list(t_site_list *list, uint32_t site_id)
+{
+    if (list == nullptr) {
+        return false;
+    }
+    const auto &index = pol::current_exec_index<pol::interval_index>(list, [&](pol::interval_index &ix) {
+        site_lists::for_each_entry(list, [&](const t_site_entry *e) { ix.add(e->min_site_id, e->max_site_id); });
+        ix.finish();
+    });
+    return index.contains(site_id);
+}
+
+void pol_dump_site_list(t_site_list *list, struct mgmtd_cli_user_info *uinfo)
+{
+    pol_cli_printf(uinfo, "\nsite-list: %s (0x%p)", list->site_list_name, static_cast<void *>(list));
+    site_lists::for_each_entry(list, [&](const t_site_entry *e) {
+        pol_cli_printf(uinfo, "\n  site-id %d-%d", static_cast<int>(e->min_site_id),
+                       static_cast<int>(e->max_site_id));
+    });
+    if (const t_pol_list_user *user = list->site_list_user_p) {
+        pol_cli_printf(uinfo, "\n  User: %p, list: %s, list-type: %s, ctx: %p, chg_cb: %p",
+                       static_cast<const void *>(user), list->site_list_name,
+                       pol_util_list_type_str(user->pol_list_type), user->user_ctx_p,
+                       reinterpret_cast<void *>(user->pol_list_chg_cb));
+    }
+    pol_cli_printf(uinfo, "\nend\n");
+}
+
+void pol_dump_site_list_all(struct mgmtd_cli_user_info *uinfo)
+{
+    pol_cli_dump_heading(uinfo, "\n  SITE LISTS");
+    pol::tree<t_site_list>(&g_pol_ctx_p->site_lists).for_each([&](t_site_list *list) {
+        pol_dump_site_list(list, uinfo);
+    });
+}
+
+}  // extern "C"

@@ -1,0 +1,2 @@
+// Placeholder: the suite is being written.
+#include <gtest/gtest.h>
