@@ -122,6 +122,13 @@ t_color_entry *pol_color_list_find_entry(t_pol_ctx *ctx, const char *name, uint3
     return color_lists::find_entry(color_lists::find(ctx, name), &probe);
 }
 
+// Route matching asks through the identity index, without a name lookup.
+t_color_entry *pol_color_list_lookup(t_color_list *list, uint32_t color)
+{
+    t_color_entry probe = color_probe(color);
+    return color_lists::find_entry(list, &probe);
+}
+
 void pol_color_list_entry_remove(t_pol_ctx *ctx, t_color_list *list, t_color_entry *entry)
 {
     color_lists::entry_remove(ctx, list, entry);

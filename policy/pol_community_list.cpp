@@ -1,7 +1,522 @@
-// Community lists and the community set action of a sequence.
-#include "pol_util.hpp"
+// Community lists (standard: community values; expanded: regular
+// expressions run over the text form of a route's communities), the
+// community text grammar shared by the reader, execution and the dumps,
+// and the community set action of a sequence.
+//
+// The two kinds live in two trees, so one name may exist once of each.
+// A list's identity index holds both kinds of entry under one order:
+// community value, then pattern text, then insertion order. Standard
+// entries all carry an empty pattern and expanded ones a zero value, so
+// within a list only the field of its kind decides.
+#include <cctype>
+#include <cstdio>
+
+#include "pol_list.hpp"
+
+namespace {
+
+struct well_known_community {
+    const char *name;
+    uint32_t value;
+    community_token kind;
+};
+
+// In the tokenizer's order of trial, which is also the order of lookup
+// for rendering. "internet" deliberately reports the kind of no-export.
+constexpr well_known_community kWellKnown[] = {
+    {"internet", 0x00000000u, community_token_no_export},
+    {"no-export", 0xFFFFFF01u, community_token_no_export},
+    {"no-advertise", 0xFFFFFF02u, community_token_no_advertise},
+    {"local-AS", 0xFFFFFF03u, community_token_local_as},
+};
+
+// Big enough for "65535:65535" and every well-known name.
+constexpr std::size_t kOneCommunityText = 32;
+
+// Compiled with extended syntax; matching needs no sub-match positions.
+constexpr int kPatternFlags = REG_EXTENDED | REG_NOSUB;
+
+constexpr std::size_t kRegexErrorSize = 100;
+
+struct community_key {
+    const char *name;
+    community_list_type type;
+};
+
+// index_seq of a lookup probe: equal to any stored sequence, so a lookup
+// lands somewhere in the run of entries with the probe's value and
+// pattern. Stored entries never carry it (it is list->generation at
+// insertion, which does not get near it).
+constexpr uint64_t kAnySeq = UINT64_MAX;
+
+int community_entry_cmp(const void *a, const void *b)
+{
+    const auto *x = static_cast<const t_community_entry *>(a);
+    const auto *y = static_cast<const t_community_entry *>(b);
+    if (int r = pol::cmp3(x->community, y->community)) {
+        return r;
+    }
+    if (int r = pol::fold(std::strncmp(x->pattern, y->pattern, POL_COMMUNITY_PATTERN_SIZE))) {
+        return r;
+    }
+    if (x->index_seq == kAnySeq || y->index_seq == kAnySeq) {
+        return 0;
+    }
+    return pol::cmp3(x->index_seq, y->index_seq);
+}
+
+using community_match_chain =
+    pol::user_chain<t_community_list, t_pol_match_entry, &t_community_list::match_list_head,
+                    &t_pol_match_entry::match_community_entry, pol::block_of_match>;
+
+struct community_traits : pol::list_hooks<t_community_list> {
+    using list_t = t_community_list;
+    using entry_t = t_community_entry;
+    using key_t = community_key;
+    using chains = pol::chain_list<community_match_chain>;
+    static constexpr e_pol_mem list_mem = POL_MEM_LIST_COMMUNITY;
+    static constexpr e_pol_mem entry_mem = POL_MEM_ENTRY_COMMUNITY;
+    static constexpr std::size_t list_node_offset = offsetof(t_community_list, community_list_node);
+    static constexpr auto entries = &t_community_list::community_entry_head;
+    static constexpr auto entry_link = &t_community_entry::community_entry;
+    static constexpr int (*list_cmp)(const void *, const void *) = pol_community_list_cmp;
+    static constexpr int (*entry_cmp)(const void *, const void *) = community_entry_cmp;
+
+    static std::array<avl_tree_t *, 2> trees(t_pol_ctx *ctx)
+    {
+        return {&ctx->community_lists, &ctx->exp_community_lists};
+    }
+    static avl_tree_t *tree_of(t_pol_ctx *ctx, key_t key)
+    {
+        return pol_community_list_tree(ctx, key.type);
+    }
+    static avl_tree_t *tree_of_list(t_pol_ctx *ctx, const t_community_list *list)
+    {
+        return pol_community_list_tree(ctx, list->type);
+    }
+    static void set_key(t_community_list &list, key_t key)
+    {
+        pol::copy_name(list.community_list_name, key.name);
+        list.type = key.type;
+    }
+};
+
+using community_lists = pol::list_family<community_traits>;
+
+// The first entry in queue order that compares equal to the probe. Equal
+// entries sit next to each other in the index, ordered by insertion, so
+// from wherever the lookup landed the first one is a short walk back.
+t_community_entry *first_equal_entry(t_community_list *list, const t_community_entry &probe)
+{
+    if (list == nullptr) {
+        return nullptr;
+    }
+    pol::tree<t_community_entry> index(&list->entry_index);
+    t_community_entry *found = index.find(&probe);
+    while (found != nullptr) {
+        auto *prev = static_cast<t_community_entry *>(avl_walk(index.raw(), found, AVL_BEFORE));
+        if (prev == nullptr || community_entry_cmp(prev, &probe) != 0) {
+            break;
+        }
+        found = prev;
+    }
+    return found;
+}
+
+// The value of the first token of text, or false when it is not a
+// community (including a text of white space only).
+bool first_community(const char *text, uint32_t *value)
+{
+    community_token kind = community_token_unknown;
+    community_gettoken(text, &kind, value);
+    return kind != community_token_unknown;
+}
+
+const char *text_or_empty(const char *text)
+{
+    return text != nullptr ? text : "";
+}
+
+// Header, entries, "end" and the policies of the match users of every
+// list of one tree.
+template <typename Header, typename Entry>
+void dump_tree(struct mgmtd_cli_user_info *uinfo, avl_tree_t *tree, Header &&header, Entry &&entry)
+{
+    pol::tree<t_community_list>(tree).for_each([&](t_community_list *list) {
+        header(list);
+        community_lists::for_each_entry(list, [&](const t_community_entry *e) { entry(e); });
+        pol_cli_printf(uinfo, "\nend \n");
+        community_match_chain::for_each(list, [&](const t_pol_match_entry *m) {
+            pol_cli_printf(uinfo, "\n  User: %s", pol::block_name(pol::block_of_match(m)));
+        });
+    });
+}
+
+}  // namespace
 
 extern "C" {
+
+e_err pol_community_list_main_init(t_pol_ctx *ctx)
+{
+    return community_lists::main_init(ctx);
+}
+
+e_err pol_community_list_main_deinit(t_pol_ctx *ctx)
+{
+    pol_community_list_destroy(ctx, &ctx->community_lists);
+    pol_community_list_destroy(ctx, &ctx->exp_community_lists);
+    return ERR_OK;
+}
+
+// Every list of the tree is emptied and freed, then the tree itself;
+// users are not told.
+void pol_community_list_destroy(t_pol_ctx *ctx, avl_tree_t *tree)
+{
+    pol::tree<t_community_list>(tree).drain([&](t_community_list *list) {
+        community_lists::del_all_entries(ctx, list);
+        community_lists::del(ctx, &list, false);
+    });
+}
+
+// The name is the first member of a list, so a bare name serves as a key.
+int pol_community_list_cmp(const void *a, const void *b)
+{
+    return pol::fold(std::strncmp(static_cast<const char *>(a), static_cast<const char *>(b),
+                                  POL_LIST_NAME_SIZE));
+}
+
+avl_tree_t *pol_community_list_tree(t_pol_ctx *ctx, community_list_type type)
+{
+    switch (type) {
+    case COMM_LIST_TYPE_STANDARD:
+        return &ctx->community_lists;
+    case COMM_LIST_TYPE_EXPANDED:
+        return &ctx->exp_community_lists;
+    default:
+        return nullptr;
+    }
+}
+
+t_community_list *pol_community_list_find(t_pol_ctx *ctx, const char *name,
+                                          community_list_type type)
+{
+    return community_lists::find(ctx, community_key{name, type});
+}
+
+t_community_list *pol_community_list_find_or_create(t_pol_ctx *ctx, const char *name,
+                                                    community_list_type type, uint8_t *created)
+{
+    uint8_t made = 0;
+    t_community_list *list = community_lists::find_or_create(ctx, community_key{name, type}, &made);
+    if (made) {
+        POL_DBG(0, "Created new list of type %d, name %s", static_cast<int>(type),
+                list->community_list_name);
+    }
+    if (created != nullptr) {
+        *created = made;
+    }
+    return list;
+}
+
+bool pol_community_list_is_empty(const t_community_list *list)
+{
+    return community_lists::is_empty(list);
+}
+
+t_community_entry *pol_standard_community_list_entry(t_community_list *list, uint32_t community)
+{
+    t_community_entry probe{};
+    probe.community = community;
+    probe.index_seq = kAnySeq;
+    return first_equal_entry(list, probe);
+}
+
+// A text of 128 characters or more never matches: the stored pattern of
+// such a text was truncated to 127 and differs from it within the 128
+// characters compared.
+t_community_entry *pol_expanded_community_list_entry(t_community_list *list, const char *pattern)
+{
+    pattern = text_or_empty(pattern);
+    if (strnlen(pattern, POL_COMMUNITY_PATTERN_SIZE) >= POL_COMMUNITY_PATTERN_SIZE) {
+        return nullptr;
+    }
+    t_community_entry probe{};
+    pol::copy_name(probe.pattern, pattern);
+    probe.index_seq = kAnySeq;
+    return first_equal_entry(list, probe);
+}
+
+t_community_entry *pol_community_list_find_entry(t_pol_ctx *ctx, const char *name,
+                                                 const char *text, community_list_type type)
+{
+    switch (type) {
+    case COMM_LIST_TYPE_STANDARD: {
+        uint32_t value = 0;
+        if (!first_community(text, &value)) {
+            return nullptr;
+        }
+        return pol_standard_community_list_entry(pol_community_list_find(ctx, name, type), value);
+    }
+    case COMM_LIST_TYPE_EXPANDED:
+        return pol_expanded_community_list_entry(pol_community_list_find(ctx, name, type), text);
+    default:
+        return nullptr;
+    }
+}
+
+// Only the first token of a standard entry's text counts. A text that is
+// no community, or a pattern that does not compile, deliberately leaves a
+// list this call created in its tree, empty.
+e_err pol_community_list_add_entry(t_pol_ctx *ctx, const char *name, const char *text,
+                                   community_list_type type)
+{
+    text = text_or_empty(text);
+    if (pol_community_list_find_entry(ctx, name, text, type) != nullptr) {
+        // Repeating an entry changes nothing but still tells the users.
+        pol_community_list_users_add_to_chg_list(ctx, pol_community_list_find(ctx, name, type));
+        return ERR_OK;
+    }
+    uint8_t created = 0;
+    t_community_list *list = pol_community_list_find_or_create(ctx, name, type, &created);
+    if (list == nullptr) {
+        return ERR_ALLOC;
+    }
+    t_community_entry *entry = community_lists::alloc_entry();
+    if (entry == nullptr) {
+        community_lists::undo_create(ctx, list, created);
+        return ERR_ALLOC;
+    }
+    if (type == COMM_LIST_TYPE_STANDARD) {
+        if (!first_community(text, &entry->community)) {
+            pol_free(entry, POL_MEM_ENTRY_COMMUNITY);
+            return ERR_BAD_PARAM;
+        }
+    } else {
+        pol::copy_name(entry->pattern, text);
+        int rc = regcomp(&entry->comppattern, text, kPatternFlags);
+        if (rc != 0) {
+            char error[kRegexErrorSize];
+            regerror(rc, &entry->comppattern, error, sizeof(error));
+            POL_LOG("expanded-community-list pattern:%s regex-error %s\n", entry->pattern, error);
+            pol_free(entry, POL_MEM_ENTRY_COMMUNITY);
+            return ERR_FAIL;
+        }
+    }
+    entry->index_seq = list->generation;
+    community_lists::link_entry(list, entry);
+    pol_community_list_users_add_to_chg_list(ctx, list);
+    return ERR_OK;
+}
+
+e_err pol_community_list_del_entry(t_pol_ctx *ctx, const char *name, const char *text,
+                                   community_list_type type)
+{
+    t_community_entry *entry = pol_community_list_find_entry(ctx, name, text, type);
+    if (entry == nullptr) {
+        return ERR_OK;
+    }
+    t_community_list *list = pol_community_list_find(ctx, name, type);
+    community_lists::entry_remove(ctx, list, entry);
+    pol_community_list_users_add_to_chg_list(ctx, list);
+    return ERR_OK;
+}
+
+// Frees the entry record only: the compiled pattern of an expanded entry
+// is deliberately not released with regfree.
+void pol_community_list_entry_remove(t_pol_ctx *ctx, t_community_list *list,
+                                     t_community_entry *entry)
+{
+    community_lists::entry_remove(ctx, list, entry);
+}
+
+void pol_community_list_del_all_entries(t_pol_ctx *ctx, t_community_list *list)
+{
+    community_lists::del_all_entries(ctx, list);
+}
+
+// Deliberately silent: users learn of the emptied list with the next change
+// that notifies.
+e_err pol_community_list_cfg_del(t_pol_ctx *ctx, const char *name, community_list_type type)
+{
+    return community_lists::cfg_del(ctx, community_key{name, type});
+}
+
+void pol_community_list_del(t_pol_ctx *ctx, t_community_list **list_pp, uint8_t remove)
+{
+    community_lists::del(ctx, list_pp, remove != 0);
+}
+
+t_community_list *pol_community_list_user_add(t_pol_ctx *ctx, const char *name,
+                                              community_list_type type, t_pol_match_entry *match)
+{
+    t_community_list *list = pol_community_list_find_or_create(ctx, name, type, nullptr);
+    if (list != nullptr) {
+        community_match_chain::add(list, match);
+    }
+    return list;
+}
+
+e_err pol_community_list_user_remove(t_pol_ctx *ctx, t_community_list *list,
+                                     t_pol_match_entry *match)
+{
+    return community_lists::user_remove<community_match_chain>(ctx, list, match);
+}
+
+void pol_community_list_users_add_to_chg_list(t_pol_ctx *ctx, t_community_list *list)
+{
+    community_lists::users_add_to_chg_list(ctx, list);
+}
+
+/* ---- community text ---- */
+
+const char *community_gettoken(const char *text, community_token *kind, uint32_t *value)
+{
+    if (text == nullptr) {
+        return nullptr;
+    }
+    const char *p = text;
+    while (std::isspace(static_cast<unsigned char>(*p))) {
+        p++;
+    }
+    if (*p == '\0') {
+        return nullptr;
+    }
+    const auto c = static_cast<unsigned char>(*p);
+    if (std::isalpha(c)) {
+        // A prefix match: whatever follows the word is left to the caller.
+        for (const well_known_community &wk : kWellKnown) {
+            const std::size_t len = std::strlen(wk.name);
+            if (std::strncmp(p, wk.name, len) == 0) {
+                *kind = wk.kind;
+                *value = wk.value;
+                return p + len;
+            }
+        }
+        *kind = community_token_unknown;
+        return nullptr;
+    }
+    if (std::isdigit(c)) {
+        // aa:nn, or a bare number; neither part is range-checked and the
+        // arithmetic wraps in 32 bits.
+        uint32_t upper = 0;
+        uint32_t number = 0;
+        bool seen_colon = false;
+        bool digit_since_colon = false;
+        for (; std::isdigit(static_cast<unsigned char>(*p)) || *p == ':'; p++) {
+            if (*p == ':') {
+                if (seen_colon) {
+                    *kind = community_token_unknown;
+                    return nullptr;
+                }
+                seen_colon = true;
+                upper = number << 16;
+                number = 0;
+                digit_since_colon = false;
+            } else {
+                number = number * 10 + static_cast<uint32_t>(*p - '0');
+                digit_since_colon = true;
+            }
+        }
+        if (!digit_since_colon) {
+            *kind = community_token_unknown;
+            return nullptr;
+        }
+        *kind = community_token_val;
+        *value = upper + number;
+        return p;
+    }
+    *kind = community_token_unknown;
+    return nullptr;
+}
+
+char *community_getstr(uint32_t value, char *buf, size_t size)
+{
+    for (const well_known_community &wk : kWellKnown) {
+        if (wk.value == value) {
+            std::snprintf(buf, size, "%s", wk.name);
+            return buf;
+        }
+    }
+    std::snprintf(buf, size, "%u:%u", value >> 16, value & 0xFFFFu);
+    return buf;
+}
+
+// Texts that do not fit are left out whole rather than cut: a cut text
+// would read as another community to the patterns run over the result.
+char *community_list_getstr(char *buf, const uint32_t *values, uint32_t count)
+{
+    std::size_t used = 0;
+    buf[0] = '\0';
+    for (uint32_t i = 0; values != nullptr && i < count; i++) {
+        char one[kOneCommunityText];
+        community_getstr(values[i], one, sizeof(one));
+        const std::size_t need = std::strlen(one) + (i > 0 ? 1 : 0);
+        if (used + need >= POL_COMMUNITY_LIST_STR_SIZE) {
+            break;
+        }
+        std::snprintf(buf + used, POL_COMMUNITY_LIST_STR_SIZE - used, "%s%s", i > 0 ? " " : "",
+                      one);
+        used += need;
+    }
+    return buf;
+}
+
+char *pol_dump_set_community(char *buf, const t_pol_set_community *set)
+{
+    if (set == nullptr) {
+        return nullptr;
+    }
+    return community_list_getstr(buf, set->communities, set->n_communities);
+}
+
+// Text order of the rendered communities, not numeric order: 100:20 sorts
+// before 100:3. A null pointer compares as an empty text.
+int pol_community_cmp(const uint32_t *a, const uint32_t *b)
+{
+    char text_a[POL_COMMUNITY_PATTERN_SIZE] = "";
+    char text_b[POL_COMMUNITY_PATTERN_SIZE] = "";
+    if (a != nullptr) {
+        community_getstr(*a, text_a, sizeof(text_a));
+    }
+    if (b != nullptr) {
+        community_getstr(*b, text_b, sizeof(text_b));
+    }
+    return pol::fold(std::strncmp(text_a, text_b, sizeof(text_a)));
+}
+
+/* ---- dumps ---- */
+
+void pol_dump_community_list_all(struct mgmtd_cli_user_info *uinfo)
+{
+    pol_cli_dump_heading(uinfo, "\n  COMMUNITY LISTS");
+    char text[kOneCommunityText];
+    dump_tree(
+        uinfo, &g_pol_ctx_p->community_lists,
+        [&](const t_community_list *list) {
+            pol_cli_printf(uinfo, "\ncommunity-list: %s (%p)", list->community_list_name,
+                           static_cast<const void *>(list));
+        },
+        [&](const t_community_entry *e) {
+            pol_cli_printf(uinfo, "\n  community: %s",
+                           community_getstr(e->community, text, sizeof(text)));
+        });
+}
+
+void pol_dump_expanded_community_list_all(struct mgmtd_cli_user_info *uinfo)
+{
+    pol_cli_dump_heading(uinfo, "\n  EXPANDED COMMUNITY LISTS");
+    dump_tree(
+        uinfo, &g_pol_ctx_p->exp_community_lists,
+        [&](const t_community_list *list) {
+            pol_cli_printf(uinfo, "\nexpanded-community-list: %s (%p)", list->community_list_name,
+                           static_cast<const void *>(list));
+        },
+        [&](const t_community_entry *e) {
+            pol_cli_printf(uinfo, "\n  community pattern: %s", e->pattern);
+        });
+}
+
+/* ---- community set action ---- */
 
 // Sets (non-empty array) or clears the communities a sequence sets. The
 // record takes ownership of the array. Allocation failure returns 2.

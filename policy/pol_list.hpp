@@ -325,6 +325,9 @@ struct list_family {
         list->generation++;
     }
 
+    // An entry's attributes changed in place: match-time indexes are stale.
+    static void touch(list_t *list) { list->generation++; }
+
     // Unlinks and frees one entry; nobody is told.
     static void entry_remove(t_pol_ctx *, list_t *list, entry_t *entry)
     {

@@ -2,6 +2,10 @@
 // condition, and the sequences that match on them. A list is named by the
 // pair (address family, name); an entry is identified by its prefix alone,
 // its operator and bounds being attributes that a repeated add overwrites.
+#include <arpa/inet.h>
+
+#include <cstdio>
+
 #include <zen/zen_util.h>
 
 #include "pol_list.hpp"
@@ -109,7 +113,7 @@ e_err pol_pfx_list_entry_add(t_pol_ctx *ctx, const t_pfx_list_key *key, const t_
     if (t_pfx_entry *entry = pol_pfx_list_find_entry(ctx, key, param, &list)) {
         set_condition(entry, param);
         // The match index was built from the old condition.
-        list->generation++;
+        pfx_lists::touch(list);
         pol_pfx_list_users_add_to_chg_list(ctx, list);
         return ERR_OK;
     }
@@ -202,9 +206,9 @@ void pol_dump_pfx_list(t_pfx_list *list, struct mgmtd_cli_user_info *uinfo)
                    list->pfx_list_name, static_cast<void *>(list));
     pfx_lists::for_each_entry(list, [&](const t_pfx_entry *e) {
         char buf[64];
-        pol_cli_printf(uinfo, "\n  prefix %s %s min %d max %d", ipprefix_print(&e->prefix, buf, sizeof(buf)),
-                       pol_util_pfx_op_str(e->pfx_op), static_cast<int>(e->preflen_min),
-                       static_cast<int>(e->preflen_max));
+        pol_cli_printf(uinfo, "\n  prefix %s %s min %d max %d",
+                       ipprefix_print(&e->prefix, buf, sizeof(buf)), pol_util_pfx_op_str(e->pfx_op),
+                       static_cast<int>(e->preflen_min), static_cast<int>(e->preflen_max));
     });
     pol_cli_printf(uinfo, "\nend \n");
     pfx_match_chain::for_each(list, [&](const t_pol_match_entry *m) {
@@ -218,6 +222,54 @@ void pol_dump_pfx_list_all(struct mgmtd_cli_user_info *uinfo)
     pol::tree<t_pfx_list>(&g_pol_ctx_p->pfx_lists).for_each([&](t_pfx_list *list) {
         pol_dump_pfx_list(list, uinfo);
     });
+}
+
+/* ---- text test harness ---- */
+
+// "A.B.C.D/LEN", IPv4 only.
+e_err pol_test_pfx_str_to_pfx(const char *text, t_ipprefix *pfx)
+{
+    unsigned a = 0, b = 0, c = 0, d = 0, len = 0;
+    int used = -1;
+    if (text == nullptr ||
+        std::sscanf(text, "%u.%u.%u.%u/%u%n", &a, &b, &c, &d, &len, &used) != 5 || used < 0 ||
+        text[used] != '\0' || a > 255 || b > 255 || c > 255 || d > 255 || len > 32) {
+        return ERR_BAD_PARAM;
+    }
+    *pfx = t_ipprefix{};
+    IPADDR_SET_V4(&pfx->addr, htonl((a << 24) | (b << 16) | (c << 8) | d));
+    pfx->prefixlen = static_cast<uint8_t>(len);
+    return ERR_OK;
+}
+
+// "prefix-list NAME PREFIX [delete]" or "prefix-list NAME delete"; IPv4
+// lists, entries without a length condition.
+void pol_test_parse_pfx_list(t_pol_ctx *ctx, char token[][POL_TEST_TOKEN_SIZE], int num_tokens)
+{
+    e_pol_test_list_op op = pol_test_list_op(token, num_tokens);
+    if (op == POL_TEST_LIST_INVALID) {
+        POL_LOG("prefix-list line needs a name and a prefix or delete");
+        return;
+    }
+    const t_pfx_list_key key = {POL_AF_IPV4, token[1]};
+    if (op == POL_TEST_LIST_DEL_LIST) {
+        POL_DBG(0, "Deleting prefix list %s", token[1]);
+        pol_pfx_list_cfg_del(ctx, &key);
+        return;
+    }
+    t_pfx_entry_param param{};
+    param.pfx_op = PFX_OP_NONE;
+    if (pol_test_pfx_str_to_pfx(token[2], &param.prefix) != ERR_OK) {
+        POL_LOG("prefix-list %s: bad prefix %s", token[1], token[2]);
+        return;
+    }
+    if (op == POL_TEST_LIST_DEL_ENTRY) {
+        POL_DBG(0, "Deleting prefix list %s prefix: %s", token[1], token[2]);
+        pol_pfx_list_del_entry(ctx, &key, &param);
+    } else {
+        POL_DBG(0, "Adding prefix list %s prefix: %s", token[1], token[2]);
+        pol_pfx_list_entry_add(ctx, &key, &param);
+    }
 }
 
 }  // extern "C"

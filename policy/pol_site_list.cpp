@@ -257,4 +257,36 @@ void pol_dump_site_list_all(struct mgmtd_cli_user_info *uinfo)
     });
 }
 
+/* ---- text test harness ---- */
+
+// "site-list NAME SITE [delete]" or "site-list NAME delete"; one site at a
+// time (a range of one). The messages' words "prefix list" are kept.
+void pol_test_parse_site_list(t_pol_ctx *ctx, char token[][POL_TEST_TOKEN_SIZE], int num_tokens)
+{
+    e_pol_test_list_op op = pol_test_list_op(token, num_tokens);
+    if (op == POL_TEST_LIST_INVALID) {
+        POL_LOG("site-list line needs a name and a site or delete");
+        return;
+    }
+    const char *name = token[1];
+    if (op == POL_TEST_LIST_DEL_LIST) {
+        POL_DBG(0, "Deleting prefix list %s", name);
+        pol_site_list_cfg_del(ctx, name);
+        return;
+    }
+    uint64_t site = 0;
+    if (!pol_test_parse_number(token[2], UINT32_MAX, &site)) {
+        POL_LOG("site-list %s: bad site id %s", name, token[2]);
+        return;
+    }
+    const auto id = static_cast<uint32_t>(site);
+    if (op == POL_TEST_LIST_DEL_ENTRY) {
+        POL_DBG(0, "Deleting prefix list %s site: %d", name, static_cast<int>(id));
+        pol_site_list_del_entry(ctx, name, id, id);
+    } else {
+        POL_DBG(0, "Adding prefix list %s site: %d", name, static_cast<int>(id));
+        pol_site_list_add_entry(ctx, name, id, id);
+    }
+}
+
 }  // extern "C"

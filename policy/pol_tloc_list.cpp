@@ -3,6 +3,10 @@
 // action (action users); the list also carries its rendered document and
 // the flag that asks for the data-policy labels of its action users to be
 // recomputed.
+#include <arpa/inet.h>
+
+#include <cstdio>
+
 #include <zen/zen_util.h>
 
 #include "pol_list.hpp"
@@ -127,7 +131,7 @@ e_err pol_tloc_list_add_entry(t_pol_ctx *ctx, const char *name, const t_tloc_id 
         entry->route_preference = preference;
         t_tloc_list *list = tloc_lists::find(ctx, name);
         // Entry contents changed: a match-time index built before is stale.
-        list->generation++;
+        tloc_lists::touch(list);
         mark_changed(list, true);
         pol_tloc_list_users_add_to_chg_list(ctx, list);
         return ERR_OK;
@@ -177,6 +181,13 @@ t_tloc_entry *pol_tloc_list_find_entry(t_pol_ctx *ctx, const char *name, const t
 {
     t_tloc_entry probe = tloc_probe(tloc);
     return tloc_lists::find_entry(tloc_lists::find(ctx, name), &probe);
+}
+
+// Route matching asks through the identity index, without a name lookup.
+t_tloc_entry *pol_tloc_list_lookup(t_tloc_list *list, const t_tloc_id *tloc)
+{
+    t_tloc_entry probe = tloc_probe(tloc);
+    return tloc_lists::find_entry(list, &probe);
 }
 
 void pol_tloc_list_entry_remove(t_pol_ctx *ctx, t_tloc_list *list, t_tloc_entry *entry)
@@ -267,6 +278,64 @@ void pol_dump_tloc_list_all(struct mgmtd_cli_user_info *uinfo)
     pol::tree<t_tloc_list>(&g_pol_ctx_p->tloc_lists).for_each([&](t_tloc_list *list) {
         pol_dump_tloc_list(list, uinfo);
     });
+}
+
+/* ---- text test harness ---- */
+
+// "A.B.C.D:COLOR", optionally followed by ":gre" or ":ipsec" (no
+// encapsulation without it).
+e_err pol_test_tloc_str_to_tloc(const char *text, t_tloc_id *tloc)
+{
+    unsigned a = 0, b = 0, c = 0, d = 0, color = 0;
+    int used = -1;
+    if (text == nullptr ||
+        std::sscanf(text, "%u.%u.%u.%u:%u%n", &a, &b, &c, &d, &color, &used) != 5 || used < 0 ||
+        a > 255 || b > 255 || c > 255 || d > 255 || color > UINT8_MAX) {
+        return ERR_BAD_PARAM;
+    }
+    uint8_t encap = ZEN_TLOC_ENCAP_NONE;
+    const char *rest = text + used;
+    if (std::strcmp(rest, ":gre") == 0) {
+        encap = ZEN_TLOC_ENCAP_GRE;
+    } else if (std::strcmp(rest, ":ipsec") == 0) {
+        encap = ZEN_TLOC_ENCAP_IPSEC_TUNNEL;
+    } else if (*rest != '\0') {
+        return ERR_BAD_PARAM;
+    }
+    *tloc = t_tloc_id{};
+    IPADDR_SET_V4(&tloc->addr, htonl((a << 24) | (b << 16) | (c << 8) | d));
+    tloc->color = static_cast<uint8_t>(color);
+    tloc->encap = encap;
+    return ERR_OK;
+}
+
+// "tloc-list NAME TLOC [delete]" or "tloc-list NAME delete"; entries are
+// added with preference 0.
+void pol_test_parse_tloc_list(t_pol_ctx *ctx, char token[][POL_TEST_TOKEN_SIZE], int num_tokens)
+{
+    e_pol_test_list_op op = pol_test_list_op(token, num_tokens);
+    if (op == POL_TEST_LIST_INVALID) {
+        POL_LOG("tloc-list line needs a name and a tloc or delete");
+        return;
+    }
+    const char *name = token[1];
+    if (op == POL_TEST_LIST_DEL_LIST) {
+        POL_DBG(0, "Deleting tloc list %s", name);
+        pol_tloc_list_cfg_del(ctx, name);
+        return;
+    }
+    t_tloc_id tloc;
+    if (pol_test_tloc_str_to_tloc(token[2], &tloc) != ERR_OK) {
+        POL_LOG("tloc-list %s: bad tloc %s", name, token[2]);
+        return;
+    }
+    if (op == POL_TEST_LIST_DEL_ENTRY) {
+        POL_DBG(0, "Deleting tloc list %s entry: %s", name, token[2]);
+        pol_tloc_list_del_entry(ctx, name, &tloc);
+    } else {
+        POL_DBG(0, "Adding tloc list %s entry: %s", name, token[2]);
+        pol_tloc_list_add_entry(ctx, name, &tloc, 0);
+    }
 }
 
 }  // extern "C"

@@ -236,4 +236,36 @@ void pol_dump_vpn_list_all(struct mgmtd_cli_user_info *uinfo)
     });
 }
 
+/* ---- text test harness ---- */
+
+// "vpn-list NAME VPN [delete]" or "vpn-list NAME delete"; one VPN at a
+// time. The harness's file has no keyword for it.
+void pol_test_parse_vpn_list(t_pol_ctx *ctx, char token[][POL_TEST_TOKEN_SIZE], int num_tokens)
+{
+    e_pol_test_list_op op = pol_test_list_op(token, num_tokens);
+    if (op == POL_TEST_LIST_INVALID) {
+        POL_LOG("vpn-list line needs a name and a vpn or delete");
+        return;
+    }
+    const char *name = token[1];
+    if (op == POL_TEST_LIST_DEL_LIST) {
+        POL_DBG(0, "Deleting vpn list %s", name);
+        pol_vpn_list_cfg_del(ctx, name);
+        return;
+    }
+    uint64_t vpn = 0;
+    if (!pol_test_parse_number(token[2], UINT32_MAX, &vpn)) {
+        POL_LOG("vpn-list %s: bad vpn id %s", name, token[2]);
+        return;
+    }
+    const auto id = static_cast<uint32_t>(vpn);
+    if (op == POL_TEST_LIST_DEL_ENTRY) {
+        POL_DBG(0, "Deleting vpn list %s vpn: %d", name, static_cast<int>(id));
+        pol_vpn_list_del_entry(ctx, name, id, id);
+    } else {
+        POL_DBG(0, "Adding vpn list %s vpn: %d", name, static_cast<int>(id));
+        pol_vpn_list_add_entry(ctx, name, id, id);
+    }
+}
+
 }  // extern "C"

@@ -74,8 +74,13 @@ protected:
         PolContextTest::TearDown();
     }
 
-    // Registers a user of a route policy whose changes count into changes_.
-    void watch(const char *policy) { poltest::register_user(policy, policy, POL_TYPE_ROUTE, POL_DIR_OUT, count_change, &changes_); }
+    // Registers a user of a route policy whose calls count into *calls
+    // (changes_ unless told otherwise).
+    void watch(const char *policy, int *calls = nullptr)
+    {
+        poltest::register_user(policy, policy, POL_TYPE_ROUTE, POL_DIR_OUT, count_change,
+                               calls != nullptr ? calls : &changes_);
+    }
 
     // A new sequence of the policy that matches on the keyed list.
     t_pol_entry *match_on(const char *policy, uint32_t seq, const t_pfx_list_key &k)
@@ -93,7 +98,9 @@ protected:
 
     void unmatch(t_pol_entry *entry)
     {
-        EXPECT_EQ(pol_pfx_list_user_remove(ctx_, entry->match_entry.match_pfx_list_p, &entry->match_entry), ERR_OK);
+        t_pol_match_entry *match = &entry->match_entry;
+        EXPECT_EQ(pol_pfx_list_user_remove(ctx_, match->match_pfx_list_p, match), ERR_OK);
+        match->match_pfx_list_p = nullptr;
     }
 
     static std::vector<std::string> entries(const t_pfx_list *list)
@@ -271,8 +278,13 @@ TEST_F(PfxList, FailedAllocationLeavesNoList)
     {
         poltest::AllocFailure fail(POL_MEM_LIST_PREFIX);
         EXPECT_EQ(pol_pfx_list_entry_add(ctx_, &k, &p), ERR_ALLOC);
-        EXPECT_EQ(pol_pfx_list_user_add(ctx_, &k, nullptr), nullptr);
     }
+    {
+        poltest::AllocFailure fail(POL_MEM_LIST_PREFIX);
+        t_pol_match_entry match{};
+        EXPECT_EQ(pol_pfx_list_user_add(ctx_, &k, &match), nullptr);
+    }
+    EXPECT_EQ(pol_pfx_list_find(ctx_, &k), nullptr);
 
     // An existing list survives a failed add with its entries.
     ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &k, &p), ERR_OK);
@@ -332,7 +344,8 @@ TEST_F(PfxList, IndexAgreesWithQueue)
         ASSERT_EQ(seen, model) << "step " << step;
         ASSERT_EQ(avl_numnodes(&list->entry_index), model.size()) << "step " << step;
         for (std::size_t j = 0; j < pool.size(); j++) {
-            const bool held = std::any_of(model.begin(), model.end(), [&](const auto &m) { return m.first == j; });
+            const bool held =
+                std::any_of(model.begin(), model.end(), [&](const auto &m) { return m.first == j; });
             const t_pfx_entry *f = pol_pfx_list_find_entry(ctx_, &k, &pool[j], nullptr);
             ASSERT_EQ(f != nullptr, held) << "step " << step << " prefix " << j;
             if (f != nullptr) {
@@ -346,30 +359,36 @@ TEST_F(PfxList, NotifiesPoliciesThatMatchOnIt)
 {
     const t_pfx_list_key k = key("edge");
     const t_pfx_list_key k6 = key("edge", POL_AF_IPV6);
+    int p2_calls = 0;
     watch("P1");
-    watch("P2");
-    watch("P3");
+    watch("P2", &p2_calls);
     t_pol_entry *a = match_on("P1", 10, k);
     t_pol_entry *b = match_on("P1", 20, k);
     t_pol_entry *c = match_on("P2", 10, k6);
+    p2_calls = 0;
 
     // Two sequences of one policy still give its user one call per change.
     const t_pfx_entry_param p = pfx("10.0.0.0/8");
+    const t_pfx_entry_param q = pfx("11.0.0.0/8");
     ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &k, &p), ERR_OK);
     EXPECT_EQ(changes_, 1);
-    ASSERT_EQ(pol_pfx_list_del_entry(ctx_, &k, &p), ERR_OK);
+    ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &k, &q), ERR_OK);
     EXPECT_EQ(changes_, 2);
+    ASSERT_EQ(pol_pfx_list_del_entry(ctx_, &k, &p), ERR_OK);
+    EXPECT_EQ(changes_, 3);
     const t_pfx_entry_param p6 = pfx("2001:db8::/32");
+    EXPECT_EQ(p2_calls, 0);
     ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &k6, &p6), ERR_OK);
     EXPECT_EQ(changes_, 3);
+    EXPECT_EQ(p2_calls, 1);
 
     unmatch(a);
     unmatch(b);
-    EXPECT_NE(pol_pfx_list_find(ctx_, &k), nullptr) << "its configuration still holds it";
+    EXPECT_NE(pol_pfx_list_find(ctx_, &k), nullptr) << "its entry still holds it";
     ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &k, &p), ERR_OK);
-    EXPECT_EQ(changes_, 3);
     pol_pfx_list_cfg_del(ctx_, &k6);
     EXPECT_EQ(changes_, 3);
+    EXPECT_EQ(p2_calls, 1);
     unmatch(c);
 }
 

@@ -188,6 +188,7 @@ typedef struct _t_community_entry {
     char pattern[POL_COMMUNITY_PATTERN_SIZE];
     regex_t comppattern;
     avl_node_t index_node;
+    uint64_t index_seq;
 } t_community_entry;
 
 typedef struct _t_community_list {
