@@ -1,6 +1,7 @@
 /* Compiled as C: every public header of the library must stay C-clean. */
 #include <policy/pol.h>
 #include <policy/pol_api.h>
+#include <policy/pol_config.h>
 #include <policy/pol_fwd.h>
 #include <policy/pol_lists.h>
 

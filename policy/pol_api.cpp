@@ -11,15 +11,23 @@ using family_init_f = e_err (*)(t_pol_ctx *);
 constexpr family_init_f kFamilyInit[] = {
     pol_user_init,
     pol_block_init,
+    pol_pfx_list_main_init,
+    pol_tloc_list_main_init,
     pol_site_list_main_init,
     pol_vpn_list_main_init,
+    pol_color_list_main_init,
+    pol_community_list_main_init,
 };
 
 // Families in tear-down order, which deliberately differs from start-up;
 // users go last.
 constexpr family_init_f kFamilyDeinit[] = {
+    pol_pfx_list_main_deinit,
+    pol_tloc_list_main_deinit,
     pol_site_list_main_deinit,
     pol_vpn_list_main_deinit,
+    pol_color_list_main_deinit,
+    pol_community_list_main_deinit,
 };
 
 bool handle_sets(const t_pol_user *handle, uint32_t block_flag)

@@ -1,5 +1,6 @@
-// Diagnostics: the log writer, the process stop for broken invariants and
-// the memory report command.
+// Diagnostics: the log writer, the process stop for broken invariants, the
+// text renderers of enumerations and flag words, and the memory report
+// command.
 #include <malloc.h>
 #include <syslog.h>
 
@@ -54,6 +55,83 @@ constexpr std::array<const char *, 9> kPfxOpNames = {nullptr, "RANGE", "XRANGE",
 constexpr std::array<const char *, 21> kDscpNames = {
     "default", "af11", "af12", "af13", "af21", "af22", "af23", "af31", "af32", "af33", "af41",
     "af42", "af43", "ef", "cs1", "cs2", "cs3", "cs4", "cs5", "cs6", "cs7"};
+
+// One word of a flag-word rendering.
+struct flag_word {
+    uint64_t bit;
+    const char *word;
+};
+
+// Data-policy conditions reuse bits of control-policy conditions: source
+// IP shares the carrier bit, destination IP the group bit, source port the
+// metric bit. Such a bit renders both of its words, in this order.
+constexpr flag_word kMatchFlagWords[] = {
+    {POL_MATCH_FLAG_TAG, "TAG"},
+    {POL_MATCH_FLAG_ORIGIN_METRIC, "METRIC"},
+    {POL_MATCH_FLAG_DOMAIN, "DOMAIN"},
+    {POL_MATCH_FLAG_PREFERENCE, "PREF"},
+    {POL_MATCH_FLAG_VPN_ID, "VPN-ID"},
+    {POL_MATCH_FLAG_VPN_LIST, "VPN-LIST"},
+    {POL_MATCH_FLAG_SITE, "SITE"},
+    {POL_MATCH_FLAG_SITE_LIST, "SITE-LIST"},
+    {POL_MATCH_FLAG_TLOC, "TLOC"},
+    {POL_MATCH_FLAG_TLOC_LIST, "TLOC-LIST"},
+    {POL_MATCH_FLAG_PFX_LIST, "PFX-LIST"},
+    {POL_MATCH_FLAG_ORIGIN, "ORIGIN"},
+    {POL_MATCH_FLAG_ORIGINATOR, "ORIGINATOR"},
+    {POL_MATCH_FLAG_CARRIER, "CARRIER"},
+    {POL_MATCH_FLAG_GROUP, "GROUP"},
+    {0x1000ULL, "SRC_IP"},
+    {0x2000ULL, "DST_IP"},
+    {0x800000ULL, "SRC66_IP"},  // sic: the word operators' scripts know
+    {1ULL << 24, "DST6_IP"},
+    {0x4000ULL, "SRC_PORT"},
+    {0x8000ULL, "DST_PORT"},
+    {0x10000ULL, "DSCP"},
+    {0x20000ULL, "PROTO"},
+    {POL_MATCH_FLAG_COLOR, "COLOR"},
+    {POL_MATCH_FLAG_COLOR_LIST, "COLOR-LIST"},
+    {POL_MATCH_FLAG_COMMUNITY_LIST, "COMMUNITY-LIST"},
+    {POL_MATCH_FLAG_EXP_COMMUNITY_LIST, "EXP-COMMUNITY-LIST"},
+};
+
+// The additive-community bit is deliberately not rendered.
+constexpr flag_word kSetFlagWords[] = {
+    {POL_SET_FLAG_TAG, "TAG"},
+    {POL_SET_FLAG_PREFERENCE, "PREF"},
+    {POL_SET_FLAG_TLOC, "TLOC"},
+    {POL_SET_FLAG_VPN_ID, "VPN-ID"},
+    {POL_SET_FLAG_VPN_LIST, "VPN-LIST"},
+    {POL_SET_FLAG_SERVICE, "SERVICE"},
+    {POL_SET_FLAG_TLOC_LIST, "TLOC_LIST"},
+    {POL_SET_FLAG_COMMUNITY, "COMMUNITY"},
+};
+
+// Appends "word " for every set bit, in table order. Each snprintf advances
+// the write position and shrinks the room by what it reports; once a word
+// does not fit, the text ends truncated (and terminated) there.
+template <std::size_t N>
+char *render_flags(uint64_t flags, const flag_word (&words)[N], char *buf, size_t size)
+{
+    if (buf == nullptr || size == 0) {
+        return buf;
+    }
+    buf[0] = '\0';
+    char *pos = buf;
+    size_t room = size;
+    for (const flag_word &fw : words) {
+        if ((flags & fw.bit) == 0) {
+            continue;
+        }
+        int n = std::snprintf(pos, room, "%s ", fw.word);
+        if (n < 0 || static_cast<size_t>(n) >= room) {
+            break;
+        }
+        pos += n;
+        room -= static_cast<size_t>(n);
+    }
+    return buf;
+}
 
 }  // namespace
 
@@ -120,6 +198,16 @@ const char *pol_util_pfx_op_str(uint32_t op)
 const char *pol_util_dscp_str(uint32_t dscp)
 {
     return name_of(kDscpNames, dscp, "unknown");
+}
+
+char *pol_util_match_flags_str(const t_pol_entry *entry, char *buf, size_t size)
+{
+    return render_flags(entry != nullptr ? entry->entry_match_flags : 0, kMatchFlagWords, buf, size);
+}
+
+char *pol_util_set_flags_str(const t_pol_entry *entry, char *buf, size_t size)
+{
+    return render_flags(entry != nullptr ? entry->entry_set_flags : 0, kSetFlagWords, buf, size);
 }
 
 void pol_cli_printf(struct mgmtd_cli_user_info *uinfo, const char *fmt, ...)

@@ -1,12 +1,355 @@
-// Route execution: one route through the policy of a registered user.
-#include "pol_util.hpp"
+// Route execution: one route through the control, route or membership
+// policy of a registered user, and the set actions of the sequence that
+// decides.
+//
+// Sequences are tried in ascending number; a sequence applies only to its
+// kind of route, and matches when every condition it carries holds. The
+// first match decides; its set actions run only on accept. Conditions that
+// name a list ask the list's match-time index, so the cost per route does
+// not grow with the size of the lists.
+#include <arpa/inet.h>
+
+#include <unordered_map>
+
+#include <zen/zen_util.h>
+
+#include "pol_exec_index.hpp"
+#include "pol_list.hpp"
 
 namespace {
 
-// The route kind must fit the sequence's match type.
-bool match_valid(const t_pol_entry *entry, const t_pol_exec_params *params)
+const t_zen_attr &route_attr(const t_pol_exec_params *params)
 {
-    switch (entry->match_entry.match_type) {
+    return *params->attr_in_p;
+}
+
+bool has(const t_zen_attr &attr, uint64_t bit)
+{
+    return (attr.attr_flags & bit) != 0;
+}
+
+// The route TLOC: a TLOC route's own locator for a TLOC sequence, the
+// route's TLOC attribute otherwise.
+const t_tloc_id &route_tloc(const t_pol_match_entry *m, const t_pol_exec_params *params)
+{
+    return m->match_type == POL_MATCH_TLOC ? params->u.tloc_info.tloc : route_attr(params).tloc;
+}
+
+// A TLOC or colour condition of a non-TLOC sequence needs the attribute.
+bool route_tloc_present(const t_pol_match_entry *m, const t_pol_exec_params *params)
+{
+    return m->match_type == POL_MATCH_TLOC || has(route_attr(params), ZEN_ATTR_FLAG_TLOC);
+}
+
+uint64_t route_vpn(const t_pol_exec_params *params)
+{
+    return params->u.vroute_info.vpn_id;
+}
+
+/* ---- prefix-list match index ---- */
+
+// A prefix as two big-endian 64-bit words, so that masking to a length is
+// the same for both families.
+struct bits128 {
+    uint64_t hi;
+    uint64_t lo;
+    bool operator==(const bits128 &o) const { return hi == o.hi && lo == o.lo; }
+};
+
+struct bits128_hash {
+    std::size_t operator()(const bits128 &b) const
+    {
+        return std::hash<uint64_t>()(b.hi * 0x9e3779b97f4a7c15ULL ^ b.lo);
+    }
+};
+
+uint8_t family_width(e_ipaddr_type type)
+{
+    return type == IP_ADDR_V4 ? 32 : 128;
+}
+
+uint64_t be64(const uint8_t *p)
+{
+    uint64_t v = 0;
+    for (int i = 0; i < 8; i++) {
+        v = (v << 8) | p[i];
+    }
+    return v;
+}
+
+bits128 masked_bits(const t_ipaddr &addr, uint8_t len)
+{
+    uint8_t bytes[16] = {};
+    std::memcpy(bytes, addr.u.addr6_b, addr.addr_type == IP_ADDR_V4 ? 4 : 16);
+    bits128 b = {be64(bytes), be64(bytes + 8)};
+    if (len < 64) {
+        b.hi = len == 0 ? 0 : b.hi & (~0ULL << (64 - len));
+        b.lo = 0;
+    } else if (len < 128) {
+        b.lo = len == 64 ? 0 : b.lo & (~0ULL << (128 - len));
+    }
+    return b;
+}
+
+// The length condition of an entry, copied out of the list.
+struct length_rule {
+    e_pfx_op op;
+    uint8_t entry_len;
+    uint8_t min;
+    uint8_t max;
+
+    bool holds(uint8_t len) const
+    {
+        switch (op) {
+        case PFX_OP_NONE:
+        case PFX_OP_EQ:
+            return len == entry_len;
+        case PFX_OP_RANGE:
+            return min <= len && len <= max;
+        case PFX_OP_XRANGE:
+            return min < len && len < max;
+        case PFX_OP_NE:
+            return len != entry_len;
+        case PFX_OP_LE:
+            return len <= max;  // the upper bound field
+        case PFX_OP_LT:
+        case PFX_OP_GT:
+        case PFX_OP_GE:
+            return op == PFX_OP_LT ? len < min : (op == PFX_OP_GT ? len > min : len >= min);
+        default:
+            return false;
+        }
+    }
+};
+
+bool is_catch_all(const t_pfx_entry *e)
+{
+    return IPADDR_IS_ZERO(&e->prefix.addr) && e->prefix.prefixlen == 0 && e->pfx_op != PFX_OP_NONE &&
+           e->pfx_op != PFX_OP_EQ && e->pfx_op != PFX_OP_NE;
+}
+
+// Entries grouped by address family and covering prefix: a route visits
+// only the groups on its own path (one lookup per entry length present),
+// and the catch-all entries, which skip containment, are held apart.
+struct prefix_index : _t_pol_list_exec_index {
+    struct family_part {
+        std::vector<uint8_t> lengths;  // distinct (clamped) entry lengths, ascending
+        std::unordered_map<uint8_t, std::unordered_map<bits128, std::vector<length_rule>, bits128_hash>>
+            by_length;
+    };
+    family_part v4;
+    family_part v6;
+    std::vector<length_rule> catch_all;
+
+    family_part *part_of(e_ipaddr_type type)
+    {
+        return type == IP_ADDR_V4 ? &v4 : (type == IP_ADDR_V6 ? &v6 : nullptr);
+    }
+
+    void add(const t_pfx_entry *e)
+    {
+        length_rule rule = {e->pfx_op, e->prefix.prefixlen, e->preflen_min, e->preflen_max};
+        if (is_catch_all(e)) {
+            catch_all.push_back(rule);
+            return;
+        }
+        family_part *part = part_of(e->prefix.addr.addr_type);
+        if (part == nullptr) {
+            return;  // an address of no family contains nothing
+        }
+        uint8_t len = std::min(e->prefix.prefixlen, family_width(e->prefix.addr.addr_type));
+        part->by_length[len][masked_bits(e->prefix.addr, len)].push_back(rule);
+    }
+
+    void finish()
+    {
+        for (family_part *part : {&v4, &v6}) {
+            for (const auto &kv : part->by_length) {
+                part->lengths.push_back(kv.first);
+            }
+            std::sort(part->lengths.begin(), part->lengths.end());
+        }
+    }
+
+    bool matches(const t_ipprefix &route) const
+    {
+        for (const length_rule &rule : catch_all) {
+            if (rule.holds(route.prefixlen)) {
+                return true;
+            }
+        }
+        const family_part *part = route.addr.addr_type == IP_ADDR_V4
+                                      ? &v4
+                                      : (route.addr.addr_type == IP_ADDR_V6 ? &v6 : nullptr);
+        if (part == nullptr) {
+            return false;
+        }
+        uint8_t route_len = std::min(route.prefixlen, family_width(route.addr.addr_type));
+        for (uint8_t len : part->lengths) {
+            if (len > route_len) {
+                break;
+            }
+            const auto &groups = part->by_length.at(len);
+            auto it = groups.find(masked_bits(route.addr, len));
+            if (it == groups.end()) {
+                continue;
+            }
+            for (const length_rule &rule : it->second) {
+                if (rule.holds(route.prefixlen)) {
+                    return true;
+                }
+            }
+        }
+        return false;
+    }
+};
+
+const prefix_index &prefix_index_of(t_pfx_list *list)
+{
+    return pol::current_exec_index<prefix_index>(list, [&](prefix_index &ix) {
+        for (t_pfx_entry *e = TAILQ_FIRST(&list->pfx_entry_head); e; e = TAILQ_NEXT(e, pfx_entry)) {
+            ix.add(e);
+        }
+        ix.finish();
+    });
+}
+
+const pol::interval_index &vpn_index_of(t_vpn_list *list)
+{
+    return pol::current_exec_index<pol::interval_index>(list, [&](pol::interval_index &ix) {
+        for (t_pol_vpn_entry *e = TAILQ_FIRST(&list->vpn_entry_head); e; e = TAILQ_NEXT(e, vpn_entry)) {
+            ix.add(e->min_vpn_id, e->max_vpn_id);
+        }
+        ix.finish();
+    });
+}
+
+/* ---- the condition table ---- */
+
+using condition_f = bool (*)(t_pol_match_entry *, t_pol_exec_params *);
+
+struct condition {
+    uint64_t bit;        // sequence bit
+    condition_f test;
+    bool records;        // single-value conditions record their bit
+};
+
+bool community_list_standard(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return pol_exec_match_community_list(m, p, COMM_LIST_TYPE_STANDARD);
+}
+
+bool community_list_expanded(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return pol_exec_match_community_list(m, p, COMM_LIST_TYPE_EXPANDED);
+}
+
+// In evaluation order.
+const condition kConditions[] = {
+    {POL_MATCH_FLAG_TAG, pol_exec_match_tag, true},
+    {POL_MATCH_FLAG_ORIGIN_METRIC, pol_exec_match_origin_metric, true},
+    {POL_MATCH_FLAG_PREFERENCE, pol_exec_match_preference, true},
+    {POL_MATCH_FLAG_DOMAIN, pol_exec_match_domain, true},
+    {POL_MATCH_FLAG_GROUP, pol_exec_match_group, true},
+    {POL_MATCH_FLAG_VPN_ID, pol_exec_match_vpn_id, true},
+    {POL_MATCH_FLAG_VPN_LIST, pol_exec_match_vpn_list, false},
+    {POL_MATCH_FLAG_TLOC, pol_exec_match_tloc, true},
+    {POL_MATCH_FLAG_TLOC_LIST, pol_exec_match_tloc_list, false},
+    {POL_MATCH_FLAG_SITE, pol_exec_match_site, true},
+    {POL_MATCH_FLAG_SITE_LIST, pol_exec_match_site_list, false},
+    {POL_MATCH_FLAG_COMMUNITY_LIST, community_list_standard, false},
+    {POL_MATCH_FLAG_EXP_COMMUNITY_LIST, community_list_expanded, false},
+    {POL_MATCH_FLAG_PFX_LIST, pol_exec_match_pfx_list, false},
+    {POL_MATCH_FLAG_ORIGIN, pol_exec_match_origin, true},
+    {POL_MATCH_FLAG_ORIGINATOR, pol_exec_match_originator, true},
+    {POL_MATCH_FLAG_CARRIER, pol_exec_match_carrier, true},
+    {POL_MATCH_FLAG_COLOR, pol_exec_match_color, true},
+    {POL_MATCH_FLAG_COLOR_LIST, pol_exec_match_color_list, false},
+};
+
+/* ---- set actions ---- */
+
+// Applicability of each set action by route kind and user direction.
+bool set_applies(uint64_t bit, uint8_t safi, e_pol_dir dir)
+{
+    switch (bit) {
+    case POL_SET_FLAG_TAG:
+    case POL_SET_FLAG_PREFERENCE:
+        return safi == POL_SAFI_VROUTE || safi == POL_SAFI_TLOC;
+    case POL_SET_FLAG_TLOC:
+    case POL_SET_FLAG_TLOC_LIST:
+    case POL_SET_FLAG_SERVICE:
+        return safi == POL_SAFI_VROUTE && dir == POL_DIR_OUT;
+    case POL_SET_FLAG_VPN_ID:
+    case POL_SET_FLAG_VPN_LIST:
+        return safi == POL_SAFI_VROUTE && dir == POL_DIR_IN;
+    case POL_SET_FLAG_COMMUNITY:
+    case POL_SET_FLAG_COMMUNITY_ADDITIVE:
+        return safi == POL_SAFI_VROUTE;
+    default:
+        return false;
+    }
+}
+
+// The per-execution export buffer, allocated on first use.
+bool ensure_vpn_buffer(t_pol_exec_params *params)
+{
+    if (params->vpn_list.vpn_list_p == nullptr) {
+        params->vpn_list.vpn_list_p = static_cast<t_pol_exec_vpn_entry *>(
+            pol_calloc(POL_MAX_VPN, sizeof(t_pol_exec_vpn_entry), POL_MEM_LIST_VPN_1));
+    }
+    return params->vpn_list.vpn_list_p != nullptr;
+}
+
+void append_vpn_range(t_pol_exec_params *params, uint64_t min_id, uint64_t max_id)
+{
+    t_pol_vpn_list &vl = params->vpn_list;
+    if (vl.num_vpn_entries < POL_MAX_VPN) {
+        vl.vpn_list_p[vl.num_vpn_entries++] = {min_id, max_id};
+    }
+}
+
+uint32_t ipv4_word(const t_tloc_id &tloc)
+{
+    uint32_t word = 0;
+    IPADDR_GET_IPV4(&tloc.addr, &word);
+    return word;
+}
+
+// The step shared by the TLOC, service and TLOC-list actions: an ultimate
+// action of 2 or more falls back to the route's own TLOC; otherwise a table
+// that stayed empty turns the accept into a reject.
+void ultimate_tloc_step(const t_pol_set_entry *set, t_pol_exec_params *params, e_pol_action *action)
+{
+    t_pol_te_info *te = params->te_info_p;
+    te->ultimate_tloc_action = set->set_ultimate_action;
+    if (set->set_ultimate_action != 0 && set->set_ultimate_action != 1) {
+        if (te->num_entries < POL_MAX_TE_ENTRIES) {
+            te->entries[te->num_entries++] = {params->in_label, params->attr_out.preference,
+                                              params->attr_out.tloc};
+        }
+    } else if (te->num_entries == 0) {
+        *action = POL_ACTION_REJECT;
+    }
+}
+
+// One TLOC resolved through the user's label callback into the table.
+void resolve_tloc(t_pol_user *user, t_pol_exec_params *params, const t_tloc_id &tloc, uint64_t vpn,
+                  uint16_t service, uint32_t preference)
+{
+    user->pol_label_cb(params->afi, ipv4_word(tloc), tloc.color, tloc.encap, vpn, service, false,
+                       nullptr, nullptr, params->te_info_p, preference);
+}
+
+}  // namespace
+
+extern "C" {
+
+/* ---- conditions ---- */
+
+bool pol_exec_match_valid(t_pol_entry *, t_pol_match_entry *m, t_pol_exec_params *params)
+{
+    switch (m->match_type) {
     case POL_MATCH_VROUTE:
         return params->safi == POL_SAFI_VROUTE;
     case POL_MATCH_TLOC:
@@ -18,17 +361,339 @@ bool match_valid(const t_pol_entry *entry, const t_pol_exec_params *params)
     }
 }
 
-// A sequence matches when its kind fits and every condition holds. The
-// condition tests are not part of this build yet: a sequence carrying any
-// condition does not match, which errs on the side of the default action.
-bool sequence_matches(const t_pol_entry *entry, const t_pol_exec_params *params)
+bool pol_exec_match_tag(t_pol_match_entry *m, t_pol_exec_params *p)
 {
-    return match_valid(entry, params) && entry->entry_match_flags == 0;
+    return has(route_attr(p), ZEN_ATTR_FLAG_TAG) && route_attr(p).tag == m->match_tag;
 }
 
-}  // namespace
+bool pol_exec_match_origin_metric(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return has(route_attr(p), ZEN_ATTR_FLAG_ORIGIN_METRIC) &&
+           route_attr(p).origin.proto_metric == m->match_origin_metric;
+}
 
-extern "C" {
+bool pol_exec_match_preference(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return has(route_attr(p), ZEN_ATTR_FLAG_PREFERENCE) && route_attr(p).preference == m->match_preference;
+}
+
+bool pol_exec_match_domain(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return has(route_attr(p), ZEN_ATTR_FLAG_DOMAIN_ID) && route_attr(p).domain_id == m->match_domain;
+}
+
+bool pol_exec_match_group(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    const t_zen_attr &attr = route_attr(p);
+    if (!has(attr, ZEN_ATTR_FLAG_GROUP)) {
+        return false;
+    }
+    uint16_t count = std::min<uint16_t>(attr.group_count, ZEN_ATTR_MAX_GROUPS);
+    return std::find(attr.group_list, attr.group_list + count, m->match_group) != attr.group_list + count;
+}
+
+bool pol_exec_match_vpn_id(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return route_vpn(p) == m->match_vpn_id;
+}
+
+bool pol_exec_match_vpn_list(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return m->match_vpn_list_p != nullptr && vpn_index_of(m->match_vpn_list_p).contains(route_vpn(p));
+}
+
+bool pol_exec_match_tloc(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return route_tloc_present(m, p) && TLOC_CMP(&route_tloc(m, p), &m->match_tloc) == 0;
+}
+
+// Deliberately no presence test on the attribute TLOC.
+bool pol_exec_match_tloc_list(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return m->match_tloc_list_p != nullptr &&
+           pol_tloc_list_lookup(m->match_tloc_list_p, &route_tloc(m, p)) != nullptr;
+}
+
+bool pol_exec_match_site(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return has(route_attr(p), ZEN_ATTR_FLAG_SITE_ID) && route_attr(p).site_id == m->match_site_id;
+}
+
+bool pol_exec_match_site_list(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return pol_exec_match_site_id_to_site_list(m->match_site_list_p, route_attr(p).site_id);
+}
+
+bool pol_exec_match_community_list(t_pol_match_entry *m, t_pol_exec_params *p, community_list_type kind)
+{
+    t_community_list *list = kind == COMM_LIST_TYPE_STANDARD ? m->match_community_list_p
+                                                             : m->match_exp_community_list_p;
+    const t_bgp_community *comms = route_attr(p).community_p;
+    if (list == nullptr || comms == nullptr) {
+        return false;
+    }
+    if (list->type == COMM_LIST_TYPE_STANDARD) {
+        for (uint32_t i = 0; i < comms->n_communities; i++) {
+            if (pol_standard_community_list_entry(list, comms->communities[i]) != nullptr) {
+                return true;
+            }
+        }
+        return false;
+    }
+    char text[POL_COMMUNITY_LIST_STR_SIZE];
+    community_list_getstr(text, comms->communities, comms->n_communities);
+    for (t_community_entry *e = TAILQ_FIRST(&list->community_entry_head); e;
+         e = TAILQ_NEXT(e, community_entry)) {
+        if (regexec(&e->comppattern, text, 0, nullptr, 0) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The route must be of the list's family.
+bool pol_exec_match_pfx_list(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    t_pfx_list *list = m->match_pfx_list_p;
+    if (list == nullptr) {
+        return false;
+    }
+    const t_ipprefix &route = p->u.vroute_info.prefix;
+    bool v4 = IPPREFIX_IS_V4(&route);
+    if ((v4 && list->pfx_af == POL_AF_IPV6) || (!v4 && list->pfx_af == POL_AF_IPV4)) {
+        return false;
+    }
+    return prefix_index_of(list).matches(route);
+}
+
+// One entry against the route prefix, as the index answers it for the
+// whole list.
+bool pol_exec_match_pfx_entry(t_pfx_entry *e, t_pol_exec_params *p)
+{
+    const t_ipprefix &route = p->u.vroute_info.prefix;
+    if (!is_catch_all(e) && !ipprefix_is_contained(&route, &e->prefix)) {
+        return false;
+    }
+    length_rule rule = {e->pfx_op, e->prefix.prefixlen, e->preflen_min, e->preflen_max};
+    return rule.holds(route.prefixlen);
+}
+
+// Protocol 4's subtypes come in pairs; its type is deliberately not compared.
+bool pol_exec_match_origin(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    const t_zen_attr &attr = route_attr(p);
+    if (!has(attr, ZEN_ATTR_FLAG_ORIGIN)) {
+        return false;
+    }
+    uint8_t proto = attr.origin.proto;
+    uint8_t sub = attr.origin.proto_sub_type;
+    if (proto != 4) {
+        return proto == m->match_origin_type && sub == m->match_origin_subtype;
+    }
+    switch (m->match_origin_subtype) {
+    case 3:
+        return sub == 3 || sub == 5;
+    case 4:
+        return sub == 4 || sub == 6;
+    default:
+        return sub == m->match_origin_subtype;
+    }
+}
+
+// IPv6 originators never match.
+bool pol_exec_match_originator(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return has(route_attr(p), ZEN_ATTR_FLAG_ORIGINATOR) && IPADDR_IS_V4(&m->match_originator) &&
+           route_attr(p).originator == m->match_originator.u.addr4.s_addr;
+}
+
+bool pol_exec_match_carrier(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return has(route_attr(p), ZEN_ATTR_FLAG_CARRIER) && route_attr(p).carrier == m->match_carrier;
+}
+
+bool pol_exec_match_color(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return route_tloc_present(m, p) && route_tloc(m, p).color == m->match_color;
+}
+
+bool pol_exec_match_color_list(t_pol_match_entry *m, t_pol_exec_params *p)
+{
+    return m->match_color_list_p != nullptr &&
+           pol_color_list_lookup(m->match_color_list_p, route_tloc(m, p).color) != nullptr;
+}
+
+// All conditions of one sequence, in table order, stopping at the first
+// that fails. Only single-value conditions record their bit.
+bool pol_exec_match(t_pol_entry *entry, t_pol_exec_params *params)
+{
+    t_pol_match_entry *m = &entry->match_entry;
+    if (!pol_exec_match_valid(entry, m, params)) {
+        return false;
+    }
+    for (const condition &c : kConditions) {
+        if ((entry->entry_match_flags & c.bit) == 0) {
+            continue;
+        }
+        if (!c.test(m, params)) {
+            return false;
+        }
+        if (c.records) {
+            params->entry_match_flags |= c.bit;
+        }
+    }
+    return true;
+}
+
+/* ---- set actions ---- */
+
+bool pol_exec_set_valid(t_pol_user *user, uint64_t set_bit, t_pol_exec_params *params)
+{
+    return set_applies(set_bit, params->safi, user->pol_direction);
+}
+
+void pol_exec_set_tag(t_pol_entry *entry, t_pol_exec_params *params)
+{
+    params->attr_out.tag = entry->set_entry.set_tag;
+    params->attr_out.attr_flags |= ZEN_ATTR_FLAG_TAG;
+    params->entry_set_flags |= POL_SET_FLAG_TAG;
+}
+
+void pol_exec_set_preference(t_pol_entry *entry, t_pol_exec_params *params)
+{
+    params->attr_out.preference = entry->set_entry.set_preference;
+    params->attr_out.attr_flags |= ZEN_ATTR_FLAG_PREFERENCE;
+    params->entry_set_flags |= POL_SET_FLAG_PREFERENCE;
+}
+
+// Without a label table the TLOC cannot be resolved: the route is rejected.
+void pol_exec_set_tloc(t_pol_user *user, t_pol_entry *entry, t_pol_exec_params *params,
+                       e_pol_action *action)
+{
+    params->entry_set_flags |= POL_SET_FLAG_TLOC;
+    if (params->te_info_p == nullptr) {
+        *action = POL_ACTION_REJECT;
+        return;
+    }
+    params->te_info_p->num_entries = 0;
+    const t_tloc_id &tloc = entry->set_entry.set_tloc;
+    if (user->pol_label_cb != nullptr) {
+        resolve_tloc(user, params, tloc, route_vpn(params), 0, 0);
+    }
+    ultimate_tloc_step(&entry->set_entry, params, action);
+}
+
+void pol_exec_set_service(t_pol_user *user, t_pol_entry *entry, t_pol_exec_params *params,
+                          e_pol_action *action)
+{
+    params->entry_set_flags |= POL_SET_FLAG_SERVICE;
+    if (params->te_info_p == nullptr) {
+        *action = POL_ACTION_REJECT;
+        return;
+    }
+    const t_pol_set_entry &set = entry->set_entry;
+    params->te_info_p->num_entries = 0;
+    uint64_t vpn = set.set_svc_vpn_id != 0 ? set.set_svc_vpn_id : route_vpn(params);
+    if (user->pol_label_cb != nullptr) {
+        resolve_tloc(user, params, set.set_svc_tloc, vpn, set.set_service, 0);
+    }
+    ultimate_tloc_step(&set, params, action);
+}
+
+// Every TLOC of the list, in list order, while the table has room. A user
+// that sets TLOC lists must have a label callback: it is deliberately
+// called without a test.
+void pol_exec_set_tloc_list(t_pol_user *user, t_pol_entry *entry, t_pol_exec_params *params,
+                            e_pol_action *action)
+{
+    const t_pol_set_entry &set = entry->set_entry;
+    t_pol_te_info *te = params->te_info_p;
+    if (set.tloc_list_p == nullptr || te == nullptr) {
+        return;
+    }
+    te->num_entries = 0;
+    uint64_t vpn = set.set_svc_vpn_id != 0 ? set.set_svc_vpn_id : route_vpn(params);
+    for (t_tloc_entry *e = TAILQ_FIRST(&set.tloc_list_p->tloc_entry_head);
+         e != nullptr && te->num_entries < POL_MAX_TE_ENTRIES; e = TAILQ_NEXT(e, tloc_entry)) {
+        resolve_tloc(user, params, e->tloc, vpn, set.set_service, e->route_preference);
+    }
+    ultimate_tloc_step(&set, params, action);
+    params->entry_set_flags |= POL_SET_FLAG_TLOC_LIST;
+}
+
+void pol_exec_set_vpn_id(t_pol_entry *entry, t_pol_exec_params *params)
+{
+    if (!ensure_vpn_buffer(params)) {
+        return;
+    }
+    uint64_t vpn = entry->set_entry.export_vpn_id;
+    append_vpn_range(params, vpn, vpn);
+    params->entry_set_flags |= POL_SET_FLAG_VPN_ID;
+}
+
+// The same recorded bit as the VPN-id action: the host reads vpn_list.
+void pol_exec_set_vpn_list(t_pol_entry *entry, t_pol_exec_params *params)
+{
+    t_vpn_list *list = entry->set_entry.export_vpn_list_p;
+    if (list == nullptr || !ensure_vpn_buffer(params)) {
+        return;
+    }
+    for (t_pol_vpn_entry *e = TAILQ_FIRST(&list->vpn_entry_head);
+         e != nullptr && params->vpn_list.num_vpn_entries < POL_MAX_VPN; e = TAILQ_NEXT(e, vpn_entry)) {
+        append_vpn_range(params, e->min_vpn_id, e->max_vpn_id);
+    }
+    params->entry_set_flags |= POL_SET_FLAG_VPN_ID;
+}
+
+void pol_exec_set_community(t_pol_entry *entry, t_pol_exec_params *params)
+{
+    params->set_community_p = entry->set_entry.set_community;
+    params->entry_set_flags |= POL_SET_FLAG_COMMUNITY;
+}
+
+void pol_exec_set_community_additive(t_pol_entry *entry, t_pol_exec_params *params)
+{
+    params->set_community_p = entry->set_entry.set_community;
+    params->entry_set_flags |= POL_SET_FLAG_COMMUNITY_ADDITIVE;
+}
+
+void pol_exec_set(t_pol_user *user, t_pol_entry *entry, t_pol_exec_params *params,
+                  e_pol_action *action)
+{
+    auto wants = [&](uint64_t bit) {
+        return (entry->entry_set_flags & bit) != 0 && pol_exec_set_valid(user, bit, params);
+    };
+    if (wants(POL_SET_FLAG_TAG)) {
+        pol_exec_set_tag(entry, params);
+    }
+    if (wants(POL_SET_FLAG_PREFERENCE)) {
+        pol_exec_set_preference(entry, params);
+    }
+    if (wants(POL_SET_FLAG_TLOC)) {
+        pol_exec_set_tloc(user, entry, params, action);
+    }
+    if (wants(POL_SET_FLAG_VPN_ID)) {
+        pol_exec_set_vpn_id(entry, params);
+    }
+    if (wants(POL_SET_FLAG_VPN_LIST)) {
+        pol_exec_set_vpn_list(entry, params);
+    }
+    // A TLOC list deliberately wins over a service of the same sequence.
+    if (wants(POL_SET_FLAG_TLOC_LIST)) {
+        pol_exec_set_tloc_list(user, entry, params, action);
+    } else if (wants(POL_SET_FLAG_SERVICE)) {
+        pol_exec_set_service(user, entry, params, action);
+    }
+    // Additive wins over replace; both are judged by the replace rule.
+    bool communities = pol_exec_set_valid(user, POL_SET_FLAG_COMMUNITY, params);
+    if (communities && (entry->entry_set_flags & POL_SET_FLAG_COMMUNITY_ADDITIVE) != 0) {
+        pol_exec_set_community_additive(entry, params);
+    } else if (communities && (entry->entry_set_flags & POL_SET_FLAG_COMMUNITY) != 0) {
+        pol_exec_set_community(entry, params);
+    }
+}
+
+/* ---- one route ---- */
 
 e_pol_action pol_exec_route(t_pol_user *user, t_pol_exec_params *params)
 {
@@ -36,14 +701,22 @@ e_pol_action pol_exec_route(t_pol_user *user, t_pol_exec_params *params)
     if (block == nullptr) {
         return POL_ACTION_REJECT;
     }
-    for (t_pol_entry *entry = pol::tree<t_pol_entry>(&block->pol_entries).first(); entry != nullptr;
-         entry = pol::tree<t_pol_entry>(&block->pol_entries).next(entry)) {
+    pol::tree<t_pol_entry> sequences(&block->pol_entries);
+    for (t_pol_entry *entry = sequences.first(); entry != nullptr; entry = sequences.next(entry)) {
         params->entry_match_flags = 0;
-        if (sequence_matches(entry, params)) {
-            return entry->entry_action;
+        if (pol_exec_match(entry, params)) {
+            e_pol_action action = entry->entry_action;
+            if (action == POL_ACTION_ACCEPT) {
+                pol_exec_set(user, entry, params, &action);
+            }
+            return action;
         }
     }
-    return block->default_action_entry.entry_action;
+    e_pol_action action = block->default_action_entry.entry_action;
+    if (action == POL_ACTION_ACCEPT) {
+        pol_exec_set(user, &block->default_action_entry, params, &action);
+    }
+    return action;
 }
 
 }  // extern "C"

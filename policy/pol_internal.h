@@ -95,6 +95,53 @@ t_pol_set_entry *pol_entry_set_add(t_pol_ctx *ctx, t_pol_entry *entry);
 void pol_entry_set_delete(t_pol_ctx *ctx, t_pol_entry *entry, uint8_t *changed);
 void pol_entry_match_delete(t_pol_ctx *ctx, t_pol_entry *entry, uint8_t *changed);
 
+/* ---- match conditions (add returns the match entry, null when a list cannot be had) ---- */
+
+t_pol_match_entry *pol_entry_match_add(t_pol_ctx *ctx, t_pol_block *block, t_pol_entry *entry,
+                                       e_pol_match_type type, uint8_t *changed);
+#define POL_DECLARE_MATCH_PAIR(what, arg_type)                                                  \
+    t_pol_match_entry *pol_entry_match_##what##_add(t_pol_ctx *ctx, t_pol_entry *entry,         \
+                                                    arg_type value, uint8_t *changed);          \
+    void pol_entry_match_##what##_delete(t_pol_ctx *ctx, t_pol_entry *entry, uint8_t *changed)
+POL_DECLARE_MATCH_PAIR(tag, uint32_t);
+POL_DECLARE_MATCH_PAIR(origin_metric, uint32_t);
+POL_DECLARE_MATCH_PAIR(preference, uint32_t);
+POL_DECLARE_MATCH_PAIR(domain, uint32_t);
+POL_DECLARE_MATCH_PAIR(group, uint32_t);
+POL_DECLARE_MATCH_PAIR(vpn_id, uint64_t);
+POL_DECLARE_MATCH_PAIR(vpn_list, const char *);
+POL_DECLARE_MATCH_PAIR(tloc, const t_tloc_id *);
+POL_DECLARE_MATCH_PAIR(tloc_list, const char *);
+POL_DECLARE_MATCH_PAIR(site, uint32_t);
+POL_DECLARE_MATCH_PAIR(site_list, const char *);
+POL_DECLARE_MATCH_PAIR(pfx_list, const t_pfx_list_key *);
+POL_DECLARE_MATCH_PAIR(origin, uint32_t);
+POL_DECLARE_MATCH_PAIR(originator, const t_ipaddr *);
+POL_DECLARE_MATCH_PAIR(carrier, uint8_t);
+POL_DECLARE_MATCH_PAIR(color, uint16_t);
+POL_DECLARE_MATCH_PAIR(color_list, const char *);
+t_pol_match_entry *pol_entry_match_community_list_add(t_pol_ctx *ctx, t_pol_entry *entry,
+                                                      const char *name, community_list_type type,
+                                                      uint8_t *changed);
+void pol_entry_match_community_list_delete(t_pol_ctx *ctx, t_pol_entry *entry,
+                                           community_list_type type, uint8_t *changed);
+
+/* ---- set actions (add returns the set entry, null when a list cannot be had) ---- */
+
+#define POL_DECLARE_SET_PAIR(what, arg_type)                                                    \
+    t_pol_set_entry *pol_entry_set_##what##_add(t_pol_ctx *ctx, t_pol_entry *entry,             \
+                                                arg_type value, uint8_t *changed);              \
+    void pol_entry_set_##what##_delete(t_pol_ctx *ctx, t_pol_entry *entry, uint8_t *changed)
+POL_DECLARE_SET_PAIR(tag, uint32_t);
+POL_DECLARE_SET_PAIR(preference, uint32_t);
+POL_DECLARE_SET_PAIR(tloc, const t_tloc_id *);
+POL_DECLARE_SET_PAIR(vpn_id, uint64_t);
+POL_DECLARE_SET_PAIR(vpn_list, const char *);
+POL_DECLARE_SET_PAIR(tloc_list, const char *);
+t_pol_set_entry *pol_entry_set_service_add(t_pol_ctx *ctx, t_pol_entry *entry, uint16_t service,
+                                           const t_tloc_id *tloc, uint64_t vpn_id, uint8_t *changed);
+void pol_entry_set_service_delete(t_pol_ctx *ctx, t_pol_entry *entry, uint8_t *changed);
+
 /* ---- text renderers (constant texts; unknown values give a fallback) ---- */
 
 const char *pol_util_action_str(uint32_t action);
@@ -105,6 +152,11 @@ const char *pol_util_match_type_str(uint32_t match_type);
 const char *pol_util_proto_str(uint32_t proto);
 const char *pol_util_pfx_op_str(uint32_t op);
 const char *pol_util_dscp_str(uint32_t dscp);
+
+/* The words of a sequence's match or set flags, each followed by a blank,
+ * in a fixed order; "" when no flag is set. Truncated to fit size; returns buf. */
+char *pol_util_match_flags_str(const t_pol_entry *entry, char *buf, size_t size);
+char *pol_util_set_flags_str(const t_pol_entry *entry, char *buf, size_t size);
 
 /* ---- named lists: shared ---- */
 
@@ -194,6 +246,8 @@ e_err pol_tloc_list_user_remove(t_pol_ctx *ctx, t_tloc_list *list, t_pol_match_e
 t_tloc_list *pol_tloc_list_action_user_add(t_pol_ctx *ctx, const char *name, t_pol_set_entry *set);
 e_err pol_tloc_list_action_user_remove(t_pol_ctx *ctx, t_tloc_list *list, t_pol_set_entry *set);
 void pol_tloc_list_users_add_to_chg_list(t_pol_ctx *ctx, t_tloc_list *list);
+/* The entry of a list whose TLOC equals the given one, from the identity index. */
+t_tloc_entry *pol_tloc_list_lookup(t_tloc_list *list, const t_tloc_id *tloc);
 void pol_tloc_list_update_fwd_pol_label(t_pol_ctx *ctx, uint8_t force);
 void pol_dump_tloc_list(t_tloc_list *list, struct mgmtd_cli_user_info *uinfo);
 void pol_dump_tloc_list_all(struct mgmtd_cli_user_info *uinfo);
@@ -216,6 +270,8 @@ void pol_color_list_del(t_pol_ctx *ctx, t_color_list **list_pp, uint8_t remove);
 t_color_list *pol_color_list_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_entry *match);
 e_err pol_color_list_user_remove(t_pol_ctx *ctx, t_color_list *list, t_pol_match_entry *match);
 void pol_color_list_users_add_to_chg_list(t_pol_ctx *ctx, t_color_list *list);
+/* The entry of a list holding the colour (low 16 bits), from the identity index. */
+t_color_entry *pol_color_list_lookup(t_color_list *list, uint32_t color);
 void pol_dump_color_list(t_color_list *list, struct mgmtd_cli_user_info *uinfo);
 void pol_dump_color_list_all(struct mgmtd_cli_user_info *uinfo);
 
@@ -294,6 +350,65 @@ int pol_cflowd_entry_cmp(const void *a, const void *b);
 int pol_cflowd_add_collector(t_cflowd_entry *tmpl, const t_cflowd_collector *proto);
 int pol_cflowd_del_collector(t_cflowd_entry *tmpl, const t_cflowd_collector *proto);
 
+/* ---- policy and user dumps (command output; the handlers are in pol_api.h) ---- */
+
+void pol_dump_policies(struct mgmtd_cli_user_info *uinfo, e_pol_type type);
+void pol_dump_block(t_pol_block *block, struct mgmtd_cli_user_info *uinfo);
+void pol_dump_cflowd_template(t_pol_block *block, struct mgmtd_cli_user_info *uinfo);
+void pol_dump_entry(t_pol_entry *entry, struct mgmtd_cli_user_info *uinfo);
+void pol_dump_user(t_pol_user *user, struct mgmtd_cli_user_info *uinfo);
+
+/* ---- text test-parse harness ---- */
+
+/* File pol_test_parse_cfg reads (a test may point it elsewhere). */
+extern const char *g_pol_test_cfg_file;
+
+#define POL_TEST_MAX_TOKENS 20
+#define POL_TEST_TOKEN_SIZE 50
+
+/* The kind of a line, from its first word. */
+typedef enum e_pol_parse_type {
+    E_POL_PARSE_PREFIX_LIST = 1,
+    E_POL_PARSE_TLOC_LIST = 2,
+    E_POL_PARSE_SITE_LIST = 3,
+    E_POL_PARSE_ROUTE_POLICY = 4,
+    E_POL_PARSE_FWD_POLICY = 5,
+    E_POL_PARSE_SITE_POLICY = 6,
+    E_POL_PARSE_MAX = 7,
+} e_pol_parse_type;
+
+/* The caller's parser of "site-policy" lines: the tokens and their count. */
+typedef void (*t_omp_parse_cb)(char token[][POL_TEST_TOKEN_SIZE], int num_tokens);
+
+void pol_test_parse_cfg(t_omp_parse_cb parse_cb);
+/* Cuts a line into tokens; -1 (kind E_POL_PARSE_MAX) when it exceeds the token bounds. */
+int pol_test_get_tokens(const char *line, char token[][POL_TEST_TOKEN_SIZE],
+                        e_pol_parse_type *pol_type_p);
+e_pol_parse_type pol_test_parse_get_type(const char *type_str);
+const char *pol_config_policy_get_match_type(uint32_t pol_match_type);
+
+/* A decimal number of at most max, digits only. */
+bool pol_test_parse_number(const char *text, uint64_t max, uint64_t *value);
+
+/* What a list line asks for: "KEYWORD NAME VALUE" adds, "KEYWORD NAME VALUE delete"
+ * removes the entry, "KEYWORD NAME delete" removes the list. */
+typedef enum e_pol_test_list_op {
+    POL_TEST_LIST_INVALID = 0,
+    POL_TEST_LIST_ADD = 1,
+    POL_TEST_LIST_DEL_ENTRY = 2,
+    POL_TEST_LIST_DEL_LIST = 3,
+} e_pol_test_list_op;
+e_pol_test_list_op pol_test_list_op(char token[][POL_TEST_TOKEN_SIZE], int num_tokens);
+
+e_err pol_test_pfx_str_to_pfx(const char *text, t_ipprefix *pfx);
+e_err pol_test_tloc_str_to_tloc(const char *text, t_tloc_id *tloc);
+void pol_test_parse_site_list(t_pol_ctx *ctx, char token[][POL_TEST_TOKEN_SIZE], int num_tokens);
+void pol_test_parse_vpn_list(t_pol_ctx *ctx, char token[][POL_TEST_TOKEN_SIZE], int num_tokens);
+void pol_test_parse_tloc_list(t_pol_ctx *ctx, char token[][POL_TEST_TOKEN_SIZE], int num_tokens);
+void pol_test_parse_pfx_list(t_pol_ctx *ctx, char token[][POL_TEST_TOKEN_SIZE], int num_tokens);
+/* One route-policy line; ERR_BAD_PARAM (and no change) for a malformed line. */
+e_err pol_test_parse_route_policy(t_pol_ctx *ctx, char token[][POL_TEST_TOKEN_SIZE], int num_tokens);
+
 /* ---- data-policy blocks ---- */
 
 e_err pol_fwd_block_init(t_pol_ctx *ctx, t_pol_block *block);
@@ -326,6 +441,46 @@ void pol_block_user_notify_all(t_pol_ctx *ctx, t_pol_block *block);
 /* ---- route execution ---- */
 
 e_pol_action pol_exec_route(t_pol_user *user, t_pol_exec_params *params);
+bool pol_exec_match(t_pol_entry *entry, t_pol_exec_params *params);
+bool pol_exec_match_valid(t_pol_entry *entry, t_pol_match_entry *match, t_pol_exec_params *params);
+#define POL_DECLARE_CONDITION(what) \
+    bool pol_exec_match_##what(t_pol_match_entry *match, t_pol_exec_params *params)
+POL_DECLARE_CONDITION(tag);
+POL_DECLARE_CONDITION(origin_metric);
+POL_DECLARE_CONDITION(preference);
+POL_DECLARE_CONDITION(domain);
+POL_DECLARE_CONDITION(group);
+POL_DECLARE_CONDITION(vpn_id);
+POL_DECLARE_CONDITION(vpn_list);
+POL_DECLARE_CONDITION(tloc);
+POL_DECLARE_CONDITION(tloc_list);
+POL_DECLARE_CONDITION(site);
+POL_DECLARE_CONDITION(site_list);
+POL_DECLARE_CONDITION(pfx_list);
+POL_DECLARE_CONDITION(origin);
+POL_DECLARE_CONDITION(originator);
+POL_DECLARE_CONDITION(carrier);
+POL_DECLARE_CONDITION(color);
+POL_DECLARE_CONDITION(color_list);
+bool pol_exec_match_community_list(t_pol_match_entry *match, t_pol_exec_params *params,
+                                   community_list_type kind);
+bool pol_exec_match_pfx_entry(t_pfx_entry *entry, t_pol_exec_params *params);
+
+void pol_exec_set(t_pol_user *user, t_pol_entry *entry, t_pol_exec_params *params,
+                  e_pol_action *action);
+bool pol_exec_set_valid(t_pol_user *user, uint64_t set_bit, t_pol_exec_params *params);
+void pol_exec_set_tag(t_pol_entry *entry, t_pol_exec_params *params);
+void pol_exec_set_preference(t_pol_entry *entry, t_pol_exec_params *params);
+void pol_exec_set_tloc(t_pol_user *user, t_pol_entry *entry, t_pol_exec_params *params,
+                       e_pol_action *action);
+void pol_exec_set_vpn_id(t_pol_entry *entry, t_pol_exec_params *params);
+void pol_exec_set_vpn_list(t_pol_entry *entry, t_pol_exec_params *params);
+void pol_exec_set_tloc_list(t_pol_user *user, t_pol_entry *entry, t_pol_exec_params *params,
+                            e_pol_action *action);
+void pol_exec_set_service(t_pol_user *user, t_pol_entry *entry, t_pol_exec_params *params,
+                          e_pol_action *action);
+void pol_exec_set_community(t_pol_entry *entry, t_pol_exec_params *params);
+void pol_exec_set_community_additive(t_pol_entry *entry, t_pol_exec_params *params);
 
 #ifdef __cplusplus
 }

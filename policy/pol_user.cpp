@@ -236,4 +236,29 @@ void pol_block_user_notify_all(t_pol_ctx *ctx, t_pol_block *block)
     }
 }
 
+/* ---- dumps ---- */
+
+void pol_dump_user(t_pol_user *user, struct mgmtd_cli_user_info *uinfo)
+{
+    const t_pol_block *block = user->pol_block_p;
+    pol_cli_printf(uinfo, "\n  %s, type: %s, dir: %s, policy: %s (%p), ctx: %p, cb: %p, change: %s",
+                   user->user_name, pol_util_type_str(user->pol_type),
+                   pol_util_dir_str(user->pol_direction), block != nullptr ? block->pol_name : "",
+                   static_cast<const void *>(block), user->user_ctx_p,
+                   reinterpret_cast<void *>(user->pol_chg_cb), queued(user) ? "yes" : "no");
+}
+
+int pol_dump_users_change_list(struct mgmtd_cli_user_info *uinfo, int, char **)
+{
+    pol_cli_dump_heading(uinfo, "\n  USERS CHANGE LIST");
+    if (g_pol_ctx_p == nullptr) {
+        return 0;
+    }
+    t_pol_user *user;
+    TAILQ_FOREACH(user, &g_pol_ctx_p->pol_users_chg, pol_chg_list_entry) {
+        pol_dump_user(user, uinfo);
+    }
+    return 0;
+}
+
 }  // extern "C"

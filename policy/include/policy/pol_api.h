@@ -75,6 +75,11 @@ void pol_mem_info_update(e_pol_mem mem_type, bool is_alloc);
 /* ---- command handlers ---- */
 
 int pol_dump_memory_info(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_route_policies(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_membership_policies(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_cflowd_policies(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_users_change_list(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_all(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,152 @@
+/*
+ * Configuration change callbacks: the host's management layer calls one of
+ * these for every list entry or container of the policy configuration that
+ * a commit created, deleted or modified. Each turns that one node into
+ * operations on the model and has the users of what changed notified.
+ *
+ * Common parameters: the host's management context, the library context,
+ * what happened to the node, its keys (outermost list first) and its leaves
+ * and containers flattened in schema order. Results: POL_CONFIG_OK (also
+ * when the change is ignored), POL_CONFIG_NOT_FOUND (the policy or list to
+ * change is missing or could not be created), POL_CONFIG_NO_MEMORY, or
+ * POL_CONFIG_BAD_KEY (a key could not be parsed). What was changed before a
+ * failure stays changed.
+ */
+#ifndef POLICY_POL_CONFIG_H
+#define POLICY_POL_CONFIG_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#include <zen/mgmtd.h>
+
+#include <policy/pol_lists.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define POL_CONFIG_OK 0
+#define POL_CONFIG_NOT_FOUND 1
+#define POL_CONFIG_NO_MEMORY 2
+#define POL_CONFIG_BAD_KEY (-1)
+
+/* ---- named lists ---- */
+
+/* Key: list name. */
+int32_t pol_config_policy_site_list_name(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                         mgmtd_iter_op oper, uint8_t num_keys,
+                                         mgmtd_value_t *key_p, uint16_t num_values,
+                                         mgmtd_tag_value_t *val_p);
+/* Keys: list name, site-id text ("10" or "10-20"). */
+int32_t pol_config_policy_site_list(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
+                                    uint16_t num_values, mgmtd_tag_value_t *val_p);
+/* Key: list name. */
+int32_t pol_config_policy_vpn_list_name(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                        mgmtd_iter_op oper, uint8_t num_keys,
+                                        mgmtd_value_t *key_p, uint16_t num_values,
+                                        mgmtd_tag_value_t *val_p);
+/* Keys: list name, VPN-id text ("10" or "10-20"). */
+int32_t pol_config_policy_vpn_list(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                   mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
+                                   uint16_t num_values, mgmtd_tag_value_t *val_p);
+/* Key: list name. */
+int32_t pol_config_policy_tloc_list_name(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                         mgmtd_iter_op oper, uint8_t num_keys,
+                                         mgmtd_value_t *key_p, uint16_t num_values,
+                                         mgmtd_tag_value_t *val_p);
+/* Keys: list name, address, colour, encapsulation; leaf: preference. */
+int32_t pol_config_policy_tloc_list(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
+                                    uint16_t num_values, mgmtd_tag_value_t *val_p);
+/* Key: list name. */
+int32_t pol_config_policy_color_list_name(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                          mgmtd_iter_op oper, uint8_t num_keys,
+                                          mgmtd_value_t *key_p, uint16_t num_values,
+                                          mgmtd_tag_value_t *val_p);
+/* Keys: list name, colour. */
+int32_t pol_config_policy_color_list(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                     mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
+                                     uint16_t num_values, mgmtd_tag_value_t *val_p);
+/* Key: list name; the host registers it once per kind of community list. */
+int32_t pol_config_community_list_name(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                       mgmtd_iter_op oper, uint8_t num_keys,
+                                       mgmtd_value_t *key_p, uint32_t num_values,
+                                       mgmtd_tag_value_t *val_p, community_list_type list_type);
+/* Keys: list name, community text (standard) or pattern (expanded). */
+int32_t pol_config_community_list(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                  mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
+                                  uint16_t num_values, mgmtd_tag_value_t *val_p,
+                                  community_list_type list_type);
+/* Key: list name; the host registers it once per address family. */
+int32_t pol_config_policy_prefix_list_name(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                           mgmtd_iter_op oper, uint8_t num_keys,
+                                           mgmtd_value_t *key_p, uint16_t num_values,
+                                           mgmtd_tag_value_t *val_p, bool is_ipv4);
+/* Keys: list name, prefix; leaves: minimum, maximum and exact length. */
+int32_t pol_config_policy_prefix_list(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                      mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
+                                      uint16_t num_values, mgmtd_tag_value_t *val_p);
+
+/* ---- control policies ---- */
+
+/* Key: policy name; leaf: default action. */
+int32_t pol_config_control_policy_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                       mgmtd_iter_op oper, uint8_t num_keys,
+                                       mgmtd_value_t *key_p, uint16_t num_values,
+                                       mgmtd_tag_value_t *val_p);
+/* Keys: policy name, sequence number; leaves: action and set actions. */
+int32_t pol_config_control_policy_seq_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                           mgmtd_iter_op oper, uint8_t num_keys,
+                                           mgmtd_value_t *key_p, uint16_t num_values,
+                                           mgmtd_tag_value_t *val_p);
+/* Keys: policy name, sequence number, match kind (0 route, 1 TLOC, else service). */
+int32_t pol_config_control_policy_match_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                             mgmtd_iter_op oper, uint8_t num_keys,
+                                             mgmtd_value_t *key_p, uint16_t num_values,
+                                             mgmtd_tag_value_t *val_p);
+/* The same keys; the first leaf names the community list to match. */
+int32_t pol_config_control_policy_match_community_list_read(
+    t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p, mgmtd_iter_op oper, uint8_t num_keys,
+    mgmtd_value_t *key_p, uint16_t num_values, mgmtd_tag_value_t *val_p,
+    community_list_type list_type);
+
+/* ---- route and membership policies ---- */
+
+/* Key: policy name; leaf: default action. */
+int32_t pol_config_route_policy_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                     mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
+                                     uint16_t num_values, mgmtd_tag_value_t *val_p);
+/* Keys: policy name, sequence number; leaves: action and route conditions. */
+int32_t pol_config_route_policy_seq_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                         mgmtd_iter_op oper, uint8_t num_keys,
+                                         mgmtd_value_t *key_p, uint16_t num_values,
+                                         mgmtd_tag_value_t *val_p);
+/* Key: policy name; leaf: default action. */
+int32_t pol_config_membership_policy_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                          mgmtd_iter_op oper, uint8_t num_keys,
+                                          mgmtd_value_t *key_p, uint16_t num_values,
+                                          mgmtd_tag_value_t *val_p);
+/* Keys: policy name, sequence number; leaves: action, VPN, VPN list. */
+int32_t pol_config_membership_policy_seq_read(t_vmgmtd_context *vmgmtd_ctx_p,
+                                              t_pol_ctx *pol_ctx_p, mgmtd_iter_op oper,
+                                              uint8_t num_keys, mgmtd_value_t *key_p,
+                                              uint16_t num_values, mgmtd_tag_value_t *val_p);
+
+/* ---- shared ---- */
+
+/* One-bit mask of a schema enumeration ordinal (below 32): 0 gives 0, n gives 1 << n. */
+uint32_t pol_yang_enum_to_filter_mask(uint32_t enum_val);
+
+/*
+ * After the changes of a commit were delivered: TLOC lists whose contents
+ * changed refresh the labels of the data-policy sequences that use them.
+ */
+void pol_config_update_tloc_list(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* POLICY_POL_CONFIG_H */

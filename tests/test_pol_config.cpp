@@ -1,0 +1,557 @@
+// Configuration change callbacks, driven as the host's management layer
+// drives them: one call per created, modified or deleted node, with its keys
+// and flattened leaves.
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <policy/pol_config.h>
+
+#include "mgmtd_builder.hpp"
+#include "pol_test_support.hpp"
+
+namespace {
+
+using mgmtd_builder::keys;
+using mgmtd_builder::values;
+using poltest::LogCapture;
+
+constexpr community_list_type kStd = COMM_LIST_TYPE_STANDARD;
+constexpr community_list_type kExp = COMM_LIST_TYPE_EXPANDED;
+
+// Schema tags of the policy leaves.
+constexpr uint32_t kPreference = 0x176ecfd3, kMinLen = 0x0c7fba2e, kMaxLen = 0x10ae453c,
+                   kExactLen = 0x0308c88e, kDefaultAction = 0x7037c488, kAction = 0x0369ffb7,
+                   kUltimate = 0x4a63a685, kOmpTag = 0x0c2c7467, kVpn = 0x4d7d11c2,
+                   kVpnList = 0x6aebf6e6, kTlocList = 0x72d28bfe, kCommunity = 0x04de5c80,
+                   kAdditive = 0x4e8cbcb6, kService = 0x32fc12e6, kTloc = 0x33c074ce,
+                   kTlocAddr = 0x61fa2cdb, kColor = 0x2b503622, kEncap = 0x5a62686b,
+                   kServiceType = 0x6ccfcce4, kCarrier = 0x4ef9605a, kSiteList = 0x6d6fa00b,
+                   kSite = 0x59a72353, kOrigin = 0x775cf168, kOriginator = 0x470748d8,
+                   kGroup = 0x7ce0369b, kDomain = 0x1beabc63, kPfx6List = 0x1acbe4b9,
+                   kColorList = 0x3129eae5, kOspfTag = 0x06c5a139, kMetric = 0x0e042d5a,
+                   kRoutePfxList = 0x4b843099;
+
+void count_change(t_pol_user *, void *calls)
+{
+    ++*static_cast<int *>(calls);
+}
+
+bool logged(const LogCapture &log, const std::string &text)
+{
+    const std::string tail = "[POL] " + text;
+    for (const std::string &line : log.lines) {
+        if (line.rfind("191 ", 0) == 0 && line.size() >= tail.size() &&
+            line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+t_tloc_id tloc_of(uint32_t host_addr, uint8_t color, uint8_t encap)
+{
+    t_tloc_id t{};
+    IPADDR_SET_V4(&t.addr, htonl(host_addr));
+    t.color = color;
+    t.encap = encap;
+    return t;
+}
+
+class ConfigTest : public poltest::PolContextTest {
+protected:
+    void SetUp() override
+    {
+        PolContextTest::SetUp();
+        pol_debug_set(0);
+        if (ctx_ != nullptr && ctx_->community_lists.avl_compar == nullptr) {
+            ASSERT_EQ(pol_community_list_main_init(ctx_), ERR_OK);
+            own_communities_ = true;
+        }
+    }
+
+    // Blocks go before a community family this fixture started, since
+    // their sequences may still be users of its lists.
+    void TearDown() override
+    {
+        pol_debug_set(0);
+        if (own_communities_ && ctx_ != nullptr) {
+            for (e_pol_type type : {POL_TYPE_ROUTE, POL_TYPE_MEMBERSHIP}) {
+                while (t_pol_block *block = pol_block_first(ctx_, type)) {
+                    uint8_t changed = 0;
+                    pol_block_find_and_delete(ctx_, block->pol_name, type, &changed);
+                }
+            }
+            pol_community_list_main_deinit(ctx_);
+        }
+        PolContextTest::TearDown();
+    }
+
+    template <typename Reader, typename... Extra>
+    int32_t run(Reader reader, mgmtd_iter_op op, keys &k, values &v, Extra... extra)
+    {
+        return reader(&host_, ctx_, op, k.size(), k.data(), v.size(), v.data(), extra...);
+    }
+
+    int32_t entry_call(decltype(&pol_config_policy_site_list) reader, mgmtd_iter_op op,
+                       const char *list, const char *id)
+    {
+        keys k;
+        k.text(list).text(id);
+        return run(reader, op, k, none_);
+    }
+
+    int32_t policy(decltype(&pol_config_control_policy_read) reader, mgmtd_iter_op op,
+                   const char *name, values &v)
+    {
+        keys k;
+        k.text(name);
+        return run(reader, op, k, v);
+    }
+
+    int32_t sequence(decltype(&pol_config_control_policy_seq_read) reader, mgmtd_iter_op op,
+                     const char *name, uint16_t seq, values &v)
+    {
+        keys k;
+        k.text(name).u16(seq);
+        return run(reader, op, k, v);
+    }
+
+    int32_t match(mgmtd_iter_op op, const char *name, uint16_t seq, int32_t kind, values &v)
+    {
+        keys k;
+        k.text(name).u16(seq).enum_value(kind);
+        return run(pol_config_control_policy_match_read, op, k, v);
+    }
+
+    t_pol_entry *entry_of(const char *name, uint32_t seq, e_pol_type type = POL_TYPE_ROUTE)
+    {
+        t_pol_block *block = pol_block_find(ctx_, name, type, nullptr);
+        return block != nullptr ? pol_entry_find(ctx_, block, seq, nullptr) : nullptr;
+    }
+
+    t_vmgmtd_context host_{};
+    values none_;
+    bool own_communities_ = false;
+};
+
+using ConfigDeathTest = ConfigTest;
+
+TEST_F(ConfigTest, SiteAndVpnRangesAreAddedOnCreationOnly)
+{
+    for (const char *id : {"10", "10-20", "20-10"}) {
+        EXPECT_EQ(entry_call(pol_config_policy_site_list, MOP_CREATED, "S", id), 0) << id;
+    }
+    EXPECT_EQ(entry_call(pol_config_policy_site_list, MOP_MODIFIED, "S", "30"), 0);
+    EXPECT_NE(pol_site_list_find_entry(ctx_, "S", 10, 10), nullptr);
+    EXPECT_NE(pol_site_list_find_entry(ctx_, "S", 10, 20), nullptr);
+    EXPECT_NE(pol_site_list_find_entry(ctx_, "S", 20, 10), nullptr);
+    EXPECT_EQ(pol_site_list_find_entry(ctx_, "S", 30, 30), nullptr);
+    EXPECT_EQ(entry_call(pol_config_policy_site_list, MOP_DELETED, "S", "10-20"), 0);
+    EXPECT_EQ(pol_site_list_find_entry(ctx_, "S", 10, 20), nullptr);
+
+    EXPECT_EQ(entry_call(pol_config_policy_vpn_list, MOP_CREATED, "V", "4294967296"), 0);
+    EXPECT_EQ(entry_call(pol_config_policy_vpn_list, MOP_CREATED, "V", "7-9"), 0);
+    EXPECT_EQ(entry_call(pol_config_policy_vpn_list, MOP_MODIFIED, "V", "11"), 0);
+    EXPECT_NE(pol_vpn_list_find_entry(ctx_, "V", 0, 0), nullptr);
+    EXPECT_NE(pol_vpn_list_find_entry(ctx_, "V", 7, 9), nullptr);
+    EXPECT_EQ(pol_vpn_list_find_entry(ctx_, "V", 11, 11), nullptr);
+
+    keys site_name, vpn_name;
+    site_name.text("S");
+    vpn_name.text("V");
+    EXPECT_EQ(run(pol_config_policy_site_list_name, MOP_DELETED, site_name, none_), 0);
+    EXPECT_EQ(run(pol_config_policy_vpn_list_name, MOP_MODIFIED, vpn_name, none_), 0);
+    EXPECT_EQ(pol_site_list_find(ctx_, "S"), nullptr);
+    EXPECT_NE(pol_vpn_list_find(ctx_, "V"), nullptr);
+}
+
+TEST_F(ConfigTest, UnparsableRangeReturnsMinusOneAndChangesNothing)
+{
+    LogCapture log;
+    for (mgmtd_iter_op op : {MOP_CREATED, MOP_DELETED}) {
+        EXPECT_EQ(entry_call(pol_config_policy_site_list, op, "S", "abc"), -1);
+        EXPECT_EQ(entry_call(pol_config_policy_site_list, op, "S", ""), -1);
+        EXPECT_EQ(entry_call(pol_config_policy_vpn_list, op, "V", "x-1"), -1);
+    }
+    EXPECT_TRUE(logged(log, "Invalid site list range abc in list S"));
+    EXPECT_TRUE(logged(log, "Invalid site list range  in list S"));
+    EXPECT_TRUE(logged(log, "Invalid vpn list range x-1 in list V"));
+    EXPECT_EQ(log.lines.size(), 6u);
+    EXPECT_EQ(pol_site_list_find(ctx_, "S"), nullptr);
+    EXPECT_EQ(pol_vpn_list_find(ctx_, "V"), nullptr);
+}
+
+TEST_F(ConfigTest, TlocColourAndCommunityEntriesAreReaddedOnEveryChange)
+{
+    keys k;
+    k.text("T").ipv4("10.0.0.1").enum_value(3).enum_value(1);
+    const t_tloc_id tloc = tloc_of(0x0a000001, 3, 1);
+    values pref5, pref9, pref_gone;
+    pref5.u32(kPreference, 5);
+    pref9.u32(kPreference, 9);
+    pref_gone.u32(kPreference, 9).removed(kPreference);
+    ASSERT_EQ(run(pol_config_policy_tloc_list, MOP_CREATED, k, pref5), 0);
+    ASSERT_NE(pol_tloc_list_find_entry(ctx_, "T", &tloc), nullptr);
+    EXPECT_EQ(pol_tloc_list_find_entry(ctx_, "T", &tloc)->route_preference, 5u);
+    run(pol_config_policy_tloc_list, MOP_MODIFIED, k, pref9);
+    EXPECT_EQ(pol_tloc_list_find_entry(ctx_, "T", &tloc)->route_preference, 9u);
+    run(pol_config_policy_tloc_list, MOP_MODIFIED, k, pref_gone);
+    EXPECT_EQ(pol_tloc_list_find_entry(ctx_, "T", &tloc)->route_preference, 0u);
+    run(pol_config_policy_tloc_list, MOP_DELETED, k, pref5);
+    EXPECT_EQ(pol_tloc_list_find_entry(ctx_, "T", &tloc), nullptr);
+
+    keys k6;
+    k6.text("T").ipv6("2001:db8::1").enum_value(2).enum_value(2);
+    run(pol_config_policy_tloc_list, MOP_CREATED, k6, none_);
+    t_tloc_list *list = pol_tloc_list_find(ctx_, "T");
+    ASSERT_NE(list, nullptr);
+    const t_tloc_entry *e6 = TAILQ_FIRST(&list->tloc_entry_head);
+    ASSERT_NE(e6, nullptr);
+    EXPECT_EQ(e6->tloc.addr.addr_type, IP_ADDR_V6);
+    EXPECT_EQ(e6->tloc.addr.u.addr6_b[1], 0x01);
+    EXPECT_EQ(e6->tloc.addr.u.addr6_b[15], 0x01);
+
+    keys color;
+    color.text("C").enum_value(5);
+    run(pol_config_policy_color_list, MOP_CREATED, color, none_);
+    run(pol_config_policy_color_list, MOP_MODIFIED, color, none_);
+    EXPECT_NE(pol_color_list_find_entry(ctx_, "C", 5), nullptr);
+    run(pol_config_policy_color_list, MOP_DELETED, color, none_);
+    EXPECT_EQ(pol_color_list_find_entry(ctx_, "C", 5), nullptr);
+
+    keys community;
+    community.text("K").text("65000:1");
+    run(pol_config_community_list, MOP_CREATED, community, none_, kStd);
+    run(pol_config_community_list, MOP_MODIFIED, community, none_, kExp);
+    run(pol_config_community_list, MOP_DELETED, community, none_, kStd);
+    EXPECT_EQ(pol_community_list_find_entry(ctx_, "K", "65000:1", kStd), nullptr);
+    EXPECT_NE(pol_community_list_find_entry(ctx_, "K", "65000:1", kExp), nullptr);
+    run(pol_config_community_list, MOP_CREATED, community, none_, kStd);
+    keys name;
+    name.text("K");
+    EXPECT_EQ(run(pol_config_community_list_name, MOP_DELETED, name, none_, kStd), 0);
+    EXPECT_EQ(pol_community_list_find(ctx_, "K", kStd), nullptr);
+    EXPECT_NE(pol_community_list_find(ctx_, "K", kExp), nullptr);
+}
+
+TEST_F(ConfigTest, PrefixLengthLeavesMakeTheCondition)
+{
+    struct {
+        void (*leaves)(values &);
+        e_pfx_op op;
+        uint8_t min, max;
+    } const cases[] = {
+        {[](values &v) { v.u8(kMinLen, 24).u8(kMaxLen, 28); }, PFX_OP_RANGE, 24, 28},
+        {[](values &v) { v.u8(kMaxLen, 28); }, PFX_OP_LE, 0, 28},
+        {[](values &v) { v.u8(kMinLen, 24); }, PFX_OP_GE, 24, 0},
+        {[](values &) {}, PFX_OP_EQ, 0, 0},
+        {[](values &v) { v.u8(kMinLen, 20).u8(kExactLen, 26).u8(kMaxLen, 30); }, PFX_OP_RANGE, 26,
+         26},
+        {[](values &v) { v.u8(kMinLen, 24).removed(kExactLen); }, PFX_OP_GE, 24, 0},
+        {[](values &v) { v.u8(kMinLen, 24).removed(kMinLen).u8(kMaxLen, 28); }, PFX_OP_LE, 0, 28},
+    };
+    keys k;
+    k.text("PL").ipv4_prefix("10.1.0.0", 16);
+    const t_pfx_list_key v4 = {POL_AF_IPV4, "PL"};
+    t_pfx_entry_param probe{};
+    IPADDR_SET_V4(&probe.prefix.addr, htonl(0x0a010000));
+    probe.prefix.prefixlen = 16;
+    for (const auto &c : cases) {
+        values v;
+        c.leaves(v);
+        ASSERT_EQ(run(pol_config_policy_prefix_list, MOP_MODIFIED, k, v), 0);
+        const t_pfx_entry *e = pol_pfx_list_find_entry(ctx_, &v4, &probe, nullptr);
+        ASSERT_NE(e, nullptr);
+        EXPECT_EQ(e->pfx_op, c.op) << static_cast<int>(c.min) << "-" << static_cast<int>(c.max);
+        EXPECT_EQ(e->preflen_min, c.min);
+        EXPECT_EQ(e->preflen_max, c.max);
+    }
+    const t_pfx_entry *only = TAILQ_FIRST(&pol_pfx_list_find(ctx_, &v4)->pfx_entry_head);
+    EXPECT_EQ(TAILQ_NEXT(only, pfx_entry), nullptr);  // updated in place, never added twice
+
+    keys k6, name;
+    k6.text("PL").ipv6_prefix("2001:db8::", 32);
+    name.text("PL");
+    const t_pfx_list_key v6 = {POL_AF_IPV6, "PL"};
+    run(pol_config_policy_prefix_list, MOP_CREATED, k6, none_);
+    EXPECT_NE(pol_pfx_list_find(ctx_, &v6), nullptr);
+    run(pol_config_policy_prefix_list_name, MOP_DELETED, name, none_, false);
+    EXPECT_EQ(pol_pfx_list_find(ctx_, &v6), nullptr);
+    EXPECT_NE(pol_pfx_list_find(ctx_, &v4), nullptr);
+    run(pol_config_policy_prefix_list, MOP_DELETED, k, none_);
+    EXPECT_EQ(pol_pfx_list_find_entry(ctx_, &v4, &probe, nullptr), nullptr);
+}
+
+TEST_F(ConfigTest, PolicyDefaultActionNotifiesOnlyWhenItChanges)
+{
+    int calls = 0;
+    poltest::register_user("u", "P", POL_TYPE_ROUTE, POL_DIR_OUT, count_change, &calls);
+    values accept, reject, odd;
+    accept.enum_leaf(kDefaultAction, 0);
+    reject.enum_leaf(kDefaultAction, 1);
+    odd.enum_leaf(kDefaultAction, 7);
+    t_pol_block *block = pol_block_find(ctx_, "P", POL_TYPE_ROUTE, nullptr);
+    EXPECT_EQ(policy(pol_config_control_policy_read, MOP_CREATED, "P", accept), 0);
+    EXPECT_EQ(block->default_action_entry.entry_action, POL_ACTION_ACCEPT);
+    EXPECT_EQ(calls, 1);
+    policy(pol_config_control_policy_read, MOP_MODIFIED, "P", accept);
+    EXPECT_EQ(calls, 1);
+    policy(pol_config_route_policy_read, MOP_MODIFIED, "P", reject);
+    EXPECT_EQ(block->default_action_entry.entry_action, POL_ACTION_REJECT);
+    EXPECT_EQ(calls, 2);
+    policy(pol_config_control_policy_read, MOP_MODIFIED, "P", odd);
+    EXPECT_EQ(calls, 2);
+
+    LogCapture log;
+    EXPECT_EQ(policy(pol_config_control_policy_read, MOP_MODIFIED, "Q", accept), 1);
+    EXPECT_EQ(policy(pol_config_membership_policy_read, MOP_MODIFIED, "Q", accept), 1);
+    EXPECT_EQ(policy(pol_config_route_policy_read, MOP_MODIFIED, "Q", accept), 1);
+    EXPECT_EQ(log.lines.size(), 1u);  // the route reader's message is written at every level
+    EXPECT_TRUE(logged(log, "Failed to find route policy: Q"));
+
+    EXPECT_EQ(policy(pol_config_membership_policy_read, MOP_CREATED, "P", accept), 0);
+    EXPECT_EQ(policy(pol_config_route_policy_read, MOP_DELETED, "P", none_), 0);
+    EXPECT_EQ(pol_block_find(ctx_, "P", POL_TYPE_ROUTE, nullptr), nullptr);
+    EXPECT_NE(pol_block_find(ctx_, "P", POL_TYPE_MEMBERSHIP, nullptr), nullptr);
+    EXPECT_EQ(calls, 3);
+}
+
+TEST_F(ConfigTest, ControlSequenceSetActions)
+{
+    policy(pol_config_control_policy_read, MOP_CREATED, "P", none_);
+    values v;
+    v.enum_leaf(kAction, 0).u32(kPreference, 100).u32(kOmpTag, 7).u32(kVpn, 5);
+    v.text(kVpnList, "V").text(kTlocList, "TL").enum_leaf(kUltimate, 3);
+    v.begin(kTloc).ipv4(kTlocAddr, "10.0.0.9").enum_leaf(kColor, 4).enum_leaf(kEncap, 0).end(kTloc);
+    v.begin(kService).enum_leaf(kServiceType, 2).u32(kVpn, 9);
+    v.begin(kTloc).ipv4(kTlocAddr, "10.0.0.7").enum_leaf(kColor, 5).enum_leaf(kEncap, 3).end(kTloc);
+    v.end(kService);
+    ASSERT_EQ(sequence(pol_config_control_policy_seq_read, MOP_CREATED, "P", 10, v), 0);
+    t_pol_entry *e = entry_of("P", 10);
+    ASSERT_NE(e, nullptr);
+    const t_pol_set_entry &set = e->set_entry;
+    EXPECT_EQ(e->entry_action, POL_ACTION_ACCEPT);
+    EXPECT_EQ(e->entry_set_flags, POL_SET_FLAG_PREFERENCE | POL_SET_FLAG_TAG | POL_SET_FLAG_VPN_ID |
+                                      POL_SET_FLAG_VPN_LIST | POL_SET_FLAG_TLOC_LIST |
+                                      POL_SET_FLAG_TLOC | POL_SET_FLAG_SERVICE);
+    EXPECT_EQ(set.set_preference, 100u);
+    EXPECT_EQ(set.set_tag, 7u);
+    EXPECT_EQ(set.export_vpn_id, 5u);
+    EXPECT_STREQ(set.export_vpn_list_p->vpn_list_name, "V");
+    EXPECT_STREQ(set.tloc_list_p->tloc_list_name, "TL");
+    EXPECT_EQ(set.set_ultimate_action, 4);
+    const t_tloc_id set_tloc = tloc_of(0x0a000009, 4, 2), svc_tloc = tloc_of(0x0a000007, 5, 2);
+    EXPECT_EQ(TLOC_CMP(&set.set_tloc, &set_tloc), 0);
+    EXPECT_EQ(TLOC_CMP(&set.set_svc_tloc, &svc_tloc), 0);
+    EXPECT_EQ(set.set_service, 2);
+    EXPECT_EQ(set.set_svc_vpn_id, 9u);
+
+    values colour_only;
+    colour_only.enum_leaf(kUltimate, 4).begin(kTloc).enum_leaf(kColor, 6).end(kTloc);
+    sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 10, colour_only);
+    const t_tloc_id recoloured = tloc_of(0x0a000009, 6, 2);
+    EXPECT_EQ(TLOC_CMP(&set.set_tloc, &recoloured), 0);
+    EXPECT_EQ(set.set_ultimate_action, 3);
+
+    values gone;
+    gone.removed(kPreference).removed(kTlocList).begin(kTloc).removed(kTlocAddr).end(kTloc);
+    gone.begin(kService).removed(kServiceType).end(kService).removed(kUltimate);
+    sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 10, gone);
+    EXPECT_EQ(e->entry_set_flags, POL_SET_FLAG_TAG | POL_SET_FLAG_VPN_ID | POL_SET_FLAG_VPN_LIST);
+    EXPECT_EQ(set.set_ultimate_action, 0);
+    EXPECT_EQ(set.tloc_list_p, nullptr);
+
+    EXPECT_EQ(sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 11, none_), 1);
+    EXPECT_EQ(sequence(pol_config_control_policy_seq_read, MOP_CREATED, "Q", 1, none_), 1);
+    sequence(pol_config_control_policy_seq_read, MOP_DELETED, "P", 10, none_);
+    EXPECT_EQ(entry_of("P", 10), nullptr);
+}
+
+TEST_F(ConfigTest, SetCommunities)
+{
+    policy(pol_config_control_policy_read, MOP_CREATED, "P", none_);
+    values good, bad, off;
+    good.texts(kCommunity, {"65000:1", "no-export"}).boolean(kAdditive, true);
+    bad.texts(kCommunity, {"65000:2", "bogus"});
+    off.boolean(kAdditive, false);
+    ASSERT_EQ(sequence(pol_config_control_policy_seq_read, MOP_CREATED, "P", 10, good), 0);
+    t_pol_entry *e = entry_of("P", 10);
+    ASSERT_NE(e->set_entry.set_community, nullptr);
+    ASSERT_EQ(e->set_entry.set_community->n_communities, 2u);
+    EXPECT_EQ(e->set_entry.set_community->communities[0], (65000u << 16) | 1);
+    EXPECT_EQ(e->set_entry.set_community->communities[1], 0xFFFFFF01u);
+    EXPECT_EQ(e->entry_set_flags, POL_SET_FLAG_COMMUNITY | POL_SET_FLAG_COMMUNITY_ADDITIVE);
+
+    EXPECT_EQ(sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 10, bad), 1);
+    EXPECT_EQ(e->set_entry.set_community, nullptr);
+    sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 10, off);
+    EXPECT_EQ(e->entry_set_flags, 0u);
+
+    LogCapture log;
+    poltest::AllocFailure no_array(POL_MEM_SET_ENTRY_COMMUNITY);
+    EXPECT_EQ(sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 10, good), 2);
+    EXPECT_TRUE(logged(log, "Failed to allocate memory for set community list"));
+}
+
+TEST_F(ConfigTest, MatchConditionsAndMatchDeleteByKind)
+{
+    policy(pol_config_control_policy_read, MOP_CREATED, "P", none_);
+    sequence(pol_config_control_policy_seq_read, MOP_CREATED, "P", 10, none_);
+    sequence(pol_config_control_policy_seq_read, MOP_CREATED, "P", 20, none_);
+    values v;
+    v.u32(kSite, 10).text(kSiteList, "S").enum_leaf(kColor, 3).enum_leaf(kCarrier, 2);
+    v.begin(kTloc).enum_leaf(kColor, 4).ipv4(kTlocAddr, "10.0.0.2").enum_leaf(kEncap, 0).end(kTloc);
+    v.text(kPfx6List, "P6").ipv4(kOriginator, "10.1.1.1").enum_leaf(kOrigin, 3).u32(kVpn, 7);
+    v.u32(kPreference, 5).u32(kOmpTag, 8).u32(kGroup, 1).u32(kDomain, 2).text(kVpnList, "V");
+    v.text(kTlocList, "T").text(kColorList, "C");
+    ASSERT_EQ(match(MOP_CREATED, "P", 10, 0, v), 0);
+    t_pol_entry *e = entry_of("P", 10);
+    const t_pol_match_entry &m = e->match_entry;
+    EXPECT_EQ(m.match_type, POL_MATCH_VROUTE);
+    EXPECT_EQ(e->entry_match_flags,
+              POL_MATCH_FLAG_SITE | POL_MATCH_FLAG_SITE_LIST | POL_MATCH_FLAG_COLOR |
+                  POL_MATCH_FLAG_CARRIER | POL_MATCH_FLAG_TLOC | POL_MATCH_FLAG_PFX_LIST |
+                  POL_MATCH_FLAG_ORIGINATOR | POL_MATCH_FLAG_ORIGIN | POL_MATCH_FLAG_VPN_ID |
+                  POL_MATCH_FLAG_PREFERENCE | POL_MATCH_FLAG_TAG | POL_MATCH_FLAG_GROUP |
+                  POL_MATCH_FLAG_DOMAIN | POL_MATCH_FLAG_VPN_LIST | POL_MATCH_FLAG_TLOC_LIST |
+                  POL_MATCH_FLAG_COLOR_LIST);
+    const t_tloc_id tloc = tloc_of(0x0a000002, 4, 2);
+    EXPECT_EQ(TLOC_CMP(&m.match_tloc, &tloc), 0);
+    EXPECT_EQ(m.match_color, 3);
+    EXPECT_EQ(m.match_pfx_list_p->pfx_af, POL_AF_IPV6);
+    EXPECT_EQ(m.match_originator.u.addr4.s_addr, htonl(0x0a010101u));
+    EXPECT_EQ(m.match_origin_type, 4);
+    EXPECT_EQ(m.match_tag, 8u);
+    EXPECT_EQ(m.match_preference, 5u);
+
+    values gone;
+    gone.removed(kSite).begin(kTloc).removed(kColor).end(kTloc);
+    match(MOP_MODIFIED, "P", 10, 0, gone);
+    EXPECT_EQ(e->entry_match_flags & (POL_MATCH_FLAG_SITE | POL_MATCH_FLAG_TLOC), 0u);
+    EXPECT_NE(e->entry_match_flags & POL_MATCH_FLAG_COLOR, 0u);
+
+    match(MOP_CREATED, "P", 20, 1, none_);
+    match(MOP_DELETED, "P", 20, 0, none_);
+    EXPECT_EQ(entry_of("P", 20)->match_entry.match_type, POL_MATCH_TLOC);
+    match(MOP_DELETED, "P", 10, 1, none_);
+    EXPECT_EQ(m.match_type, POL_MATCH_VROUTE);
+    match(MOP_DELETED, "P", 10, 0, none_);
+    EXPECT_EQ(m.match_type, POL_MATCH_INVALID);
+    EXPECT_EQ(e->entry_match_flags, 0u);
+}
+
+TEST_F(ConfigTest, RouteAndMembershipSequences)
+{
+    values route, ospf_gone, members;
+    route.enum_leaf(kAction, 0).u32(kOmpTag, 10).u32(kOspfTag, 20).u32(kMetric, 50);
+    route.text(kRoutePfxList, "PL");
+    ospf_gone.removed(kOspfTag).enum_leaf(kAction, 1);
+    members.u32(kVpn, 9).text(kVpnList, "VL").enum_leaf(kAction, 0);
+    LogCapture log;
+    EXPECT_EQ(sequence(pol_config_route_policy_seq_read, MOP_CREATED, "R", 1, route), 1);
+    EXPECT_TRUE(logged(log, "Route Policy: R is not found"));
+    EXPECT_EQ(sequence(pol_config_membership_policy_seq_read, MOP_CREATED, "M", 1, none_), 1);
+
+    policy(pol_config_route_policy_read, MOP_CREATED, "R", none_);
+    ASSERT_EQ(sequence(pol_config_route_policy_seq_read, MOP_CREATED, "R", 1, route), 0);
+    t_pol_entry *e = entry_of("R", 1);
+    EXPECT_EQ(e->match_entry.match_type, POL_MATCH_VROUTE);
+    EXPECT_EQ(e->match_entry.match_tag, 20u);
+    EXPECT_EQ(e->match_entry.match_origin_metric, 50u);
+    EXPECT_EQ(e->match_entry.match_pfx_list_p->pfx_af, POL_AF_IPV4);
+    EXPECT_EQ(e->entry_action, POL_ACTION_ACCEPT);
+    sequence(pol_config_route_policy_seq_read, MOP_MODIFIED, "R", 1, ospf_gone);
+    EXPECT_EQ(e->entry_match_flags, POL_MATCH_FLAG_ORIGIN_METRIC | POL_MATCH_FLAG_PFX_LIST);
+    EXPECT_EQ(e->entry_action, POL_ACTION_REJECT);
+
+    policy(pol_config_membership_policy_read, MOP_CREATED, "M", none_);
+    ASSERT_EQ(sequence(pol_config_membership_policy_seq_read, MOP_CREATED, "M", 5, none_), 0);
+    e = entry_of("M", 5, POL_TYPE_MEMBERSHIP);
+    EXPECT_EQ(e->match_entry.match_type, POL_MATCH_SERVICE);
+    EXPECT_EQ(e->entry_match_flags, 0u);
+    sequence(pol_config_membership_policy_seq_read, MOP_MODIFIED, "M", 5, members);
+    EXPECT_EQ(e->entry_match_flags, POL_MATCH_FLAG_VPN_ID | POL_MATCH_FLAG_VPN_LIST);
+    EXPECT_EQ(e->entry_action, POL_ACTION_ACCEPT);
+    sequence(pol_config_membership_policy_seq_read, MOP_DELETED, "M", 5, none_);
+    EXPECT_EQ(entry_of("M", 5, POL_TYPE_MEMBERSHIP), nullptr);
+}
+
+TEST_F(ConfigTest, UsersAreNotifiedOncePerCallbackThatChangedSomething)
+{
+    int calls = 0;
+    poltest::register_user("u", "P", POL_TYPE_ROUTE, POL_DIR_OUT, count_change, &calls);
+    policy(pol_config_control_policy_read, MOP_CREATED, "P", none_);
+    values set, conditions;
+    set.enum_leaf(kAction, 0).u32(kPreference, 1).text(kTlocList, "TL");
+    set.begin(kTloc).ipv4(kTlocAddr, "10.0.0.9").enum_leaf(kColor, 4).end(kTloc);
+    set.begin(kService).enum_leaf(kServiceType, 1).end(kService);
+    conditions.u32(kSite, 3).text(kSiteList, "S");
+    sequence(pol_config_control_policy_seq_read, MOP_CREATED, "P", 1, set);
+    EXPECT_EQ(calls, 1);
+    sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 1, set);
+    EXPECT_EQ(calls, 1);
+    match(MOP_CREATED, "P", 1, 0, conditions);
+    match(MOP_MODIFIED, "P", 1, 0, conditions);
+    EXPECT_EQ(calls, 2);
+
+    keys k;
+    k.text("P").u16(1).enum_value(0);
+    values list;
+    list.text(0x11111111, "CL");
+    run(pol_config_control_policy_match_community_list_read, MOP_CREATED, k, list, kExp);
+    EXPECT_NE(entry_of("P", 1)->entry_match_flags & POL_MATCH_FLAG_EXP_COMMUNITY_LIST, 0u);
+    sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 1, set);
+    EXPECT_EQ(calls, 2);  // carried by the next change that notifies
+    sequence(pol_config_control_policy_seq_read, MOP_DELETED, "P", 1, none_);
+    EXPECT_EQ(calls, 3);
+}
+
+TEST_F(ConfigTest, TracesOnlyFromDebugLevelOne)
+{
+    values v;
+    v.u32(kPreference, 4);
+    keys k;
+    k.text("T").ipv4("10.0.0.1").enum_value(1).enum_value(2);
+    LogCapture log;
+    run(pol_config_policy_tloc_list, MOP_CREATED, k, v);
+    EXPECT_TRUE(log.lines.empty());
+    pol_debug_set(1);
+    run(pol_config_policy_tloc_list, MOP_MODIFIED, k, v);
+    EXPECT_TRUE(logged(log, "Tloc list config - Name:T, Oper:3, num:1"));
+    EXPECT_TRUE(logged(log, "Prefix config - XML = 393138131, type: 12 "));
+    policy(pol_config_control_policy_read, MOP_CREATED, "P", v);
+    EXPECT_TRUE(logged(log, "Control Policy: P, oper:1, num_values:1"));
+    EXPECT_TRUE(logged(log, "cur: 0 XML = 393138131, type: 12 "));
+}
+
+TEST(ConfigFilterMask, OneBitPerOrdinal)
+{
+    EXPECT_EQ(pol_yang_enum_to_filter_mask(0), 0u);
+    EXPECT_EQ(pol_yang_enum_to_filter_mask(1), 2u);
+    EXPECT_EQ(pol_yang_enum_to_filter_mask(5), 32u);
+    EXPECT_EQ(pol_yang_enum_to_filter_mask(31), 2147483648u);
+    EXPECT_DEATH({ dup2(2, 1); pol_yang_enum_to_filter_mask(32); },
+                 "failed assertion `enum_val < 32'");
+}
+
+TEST_F(ConfigDeathTest, KeysOrValuesOfTheWrongShapeStop)
+{
+    keys number, text_addr, one;
+    number.u16(7);
+    text_addr.text("T").text("10.0.0.1").enum_value(1).enum_value(2);
+    one.text("P");
+    EXPECT_DEATH({ dup2(2, 1); run(pol_config_policy_site_list_name, MOP_CREATED, number, none_); },
+                 "failed assertion `\\(key_p\\)->type == C_BUF'");
+    EXPECT_DEATH({ dup2(2, 1); run(pol_config_policy_tloc_list, MOP_CREATED, text_addr, none_); },
+                 "failed assertion `\\(\\(key_p\\)\\)->type == C_IPV6'");
+    EXPECT_DEATH({ dup2(2, 1); run(pol_config_control_policy_seq_read, MOP_CREATED, one, none_); },
+                 "failed assertion `num_keys == expected'");
+    values wrong;
+    wrong.u32(kDefaultAction, 1);
+    EXPECT_DEATH({ dup2(2, 1); run(pol_config_control_policy_read, MOP_CREATED, one, wrong); },
+                 "failed assertion `\\(&cur_val_p->v\\)->type == C_ENUM_VALUE'");
+}
+
+}  // namespace
