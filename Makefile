@@ -1,5 +1,5 @@
 # Entry points: `make test` builds and runs every test in the normal and the
-# sanitizer build; `make demo` runs the demo host; `make bench` runs the
+# sanitizer build; `make demo` runs polctl on the examples; `make bench` runs the
 # benchmarks of a release build; `make install PREFIX=...` installs.
 
 PREFIX ?= /usr/local
@@ -41,7 +41,7 @@ test-asan: build-asan
 test: test-normal test-asan
 
 demo: build
-	./$(BUILD)/tools/pol_demo
+	./$(BUILD)/tools/polctl run examples/policy.xml examples/routes.txt
 
 bench: deps $(BUILD_REL)/CMakeCache.txt
 	cmake --build $(BUILD_REL) -j$(JOBS)

@@ -153,11 +153,6 @@ values &values::ipv4(uint32_t tag, const char *addr)
     return add(tag, ipv4_value(addr));
 }
 
-values &values::ipv6(uint32_t tag, const char *addr)
-{
-    return add(tag, ipv6_value(addr));
-}
-
 values &values::removed(uint32_t tag)
 {
     return add(tag, of_type(C_NOEXISTS));

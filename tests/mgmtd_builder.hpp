@@ -55,7 +55,6 @@ public:
     values &boolean(uint32_t tag, bool v);
     values &enum_leaf(uint32_t tag, int32_t v);
     values &ipv4(uint32_t tag, const char *addr);
-    values &ipv6(uint32_t tag, const char *addr);
     values &removed(uint32_t tag);
     values &begin(uint32_t tag);  // start of a container
     values &end(uint32_t tag);

@@ -63,6 +63,45 @@ e_pol_action execute_route(t_pol_user *user, t_pol_exec_params *params)
     return pol_execute(user, params);
 }
 
+void count_cb(t_pol_user *, void *user_ctx)
+{
+    ++*static_cast<int *>(user_ctx);
+}
+
+void record_cb(t_pol_user *user, void *user_ctx)
+{
+    static_cast<std::vector<std::string> *>(user_ctx)->emplace_back(user->user_name);
+}
+
+t_pol_entry *sequence(const char *policy, uint32_t num, e_pol_type type, bool flush)
+{
+    uint8_t changed = 0;
+    t_pol_block *block = pol_block_find_or_create(g_pol_ctx_p, policy, type, &changed);
+    t_pol_entry *entry = pol_entry_find_or_create(g_pol_ctx_p, block, num, &changed);
+    if (entry == nullptr) {
+        ADD_FAILURE() << "no sequence " << num << " of " << policy;
+        return nullptr;
+    }
+    entry->match_entry.pol_block_p = block;
+    if (flush) {
+        pol_user_chg_list_notify_all(g_pol_ctx_p);
+    }
+    return entry;
+}
+
+std::string ptr(const void *p)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof(buf), "%p", p);
+    return buf;
+}
+
+std::string heading(const std::string &title)
+{
+    const std::string rule = "\n================================";
+    return rule + "\n  " + title + rule;
+}
+
 void PolContextTest::SetUp()
 {
     for (int i = 0; i < POL_MEM_MAX; i++) {

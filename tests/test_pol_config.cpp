@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <tuple>
 
 #include <policy/pol_config.h>
 
@@ -33,10 +34,9 @@ constexpr uint32_t kPreference = 0x176ecfd3, kMinLen = 0x0c7fba2e, kMaxLen = 0x1
                    kColorList = 0x3129eae5, kOspfTag = 0x06c5a139, kMetric = 0x0e042d5a,
                    kRoutePfxList = 0x4b843099;
 
-void count_change(t_pol_user *, void *calls)
-{
-    ++*static_cast<int *>(calls);
-}
+// Readers that take the kind of list after the values.
+auto std_list = [](auto... a) { return pol_config_community_list(a..., kStd); };
+auto exp_list = [](auto... a) { return pol_config_community_list(a..., kExp); };
 
 bool logged(const LogCapture &log, const std::string &text)
 {
@@ -52,77 +52,41 @@ bool logged(const LogCapture &log, const std::string &text)
 
 t_tloc_id tloc_of(uint32_t host_addr, uint8_t color, uint8_t encap)
 {
-    t_tloc_id t{};
+    t_tloc_id t{{}, color, encap};
     IPADDR_SET_V4(&t.addr, htonl(host_addr));
-    t.color = color;
-    t.encap = encap;
     return t;
 }
 
 class ConfigTest : public poltest::PolContextTest {
 protected:
-    void SetUp() override
-    {
-        PolContextTest::SetUp();
-        pol_debug_set(0);
-        if (ctx_ != nullptr && ctx_->community_lists.avl_compar == nullptr) {
-            ASSERT_EQ(pol_community_list_main_init(ctx_), ERR_OK);
-            own_communities_ = true;
-        }
-    }
-
-    // Blocks go before a community family this fixture started, since
-    // their sequences may still be users of its lists.
     void TearDown() override
     {
         pol_debug_set(0);
-        if (own_communities_ && ctx_ != nullptr) {
-            for (e_pol_type type : {POL_TYPE_ROUTE, POL_TYPE_MEMBERSHIP}) {
-                while (t_pol_block *block = pol_block_first(ctx_, type)) {
-                    uint8_t changed = 0;
-                    pol_block_find_and_delete(ctx_, block->pol_name, type, &changed);
-                }
-            }
-            pol_community_list_main_deinit(ctx_);
-        }
         PolContextTest::TearDown();
     }
 
-    template <typename Reader, typename... Extra>
-    int32_t run(Reader reader, mgmtd_iter_op op, keys &k, values &v, Extra... extra)
+    template <typename Reader>
+    int32_t run(Reader reader, mgmtd_iter_op op, keys &k, values &v)
     {
-        return reader(&host_, ctx_, op, k.size(), k.data(), v.size(), v.data(), extra...);
+        return reader(&host_, ctx_, op, k.size(), k.data(), v.size(), v.data());
     }
 
-    int32_t entry_call(decltype(&pol_config_policy_site_list) reader, mgmtd_iter_op op,
-                       const char *list, const char *id)
+    // A reader given keys made of the arguments: texts, sequence numbers
+    // (unsigned) and enum values (int).
+    template <typename Reader, typename... Key>
+    int32_t call(Reader reader, mgmtd_iter_op op, values &v, Key... key)
     {
         keys k;
-        k.text(list).text(id);
-        return run(reader, op, k, none_);
-    }
-
-    int32_t policy(decltype(&pol_config_control_policy_read) reader, mgmtd_iter_op op,
-                   const char *name, values &v)
-    {
-        keys k;
-        k.text(name);
+        (add_key(k, key), ...);
         return run(reader, op, k, v);
     }
+    static void add_key(keys &k, const char *text) { k.text(text); }
+    static void add_key(keys &k, unsigned seq) { k.u16(static_cast<uint16_t>(seq)); }
+    static void add_key(keys &k, int kind) { k.enum_value(kind); }
 
-    int32_t sequence(decltype(&pol_config_control_policy_seq_read) reader, mgmtd_iter_op op,
-                     const char *name, uint16_t seq, values &v)
+    int32_t match(mgmtd_iter_op op, unsigned seq, int kind, values &v)
     {
-        keys k;
-        k.text(name).u16(seq);
-        return run(reader, op, k, v);
-    }
-
-    int32_t match(mgmtd_iter_op op, const char *name, uint16_t seq, int32_t kind, values &v)
-    {
-        keys k;
-        k.text(name).u16(seq).enum_value(kind);
-        return run(pol_config_control_policy_match_read, op, k, v);
+        return call(pol_config_control_policy_match_read, op, v, "P", seq, kind);
     }
 
     t_pol_entry *entry_of(const char *name, uint32_t seq, e_pol_type type = POL_TYPE_ROUTE)
@@ -133,54 +97,42 @@ protected:
 
     t_vmgmtd_context host_{};
     values none_;
-    bool own_communities_ = false;
 };
 
 using ConfigDeathTest = ConfigTest;
 
-TEST_F(ConfigTest, SiteAndVpnRangesAreAddedOnCreationOnly)
+// Ranges are added on creation only; text that is no range returns -1 and
+// changes nothing.
+TEST_F(ConfigTest, SiteAndVpnRanges)
 {
     for (const char *id : {"10", "10-20", "20-10"}) {
-        EXPECT_EQ(entry_call(pol_config_policy_site_list, MOP_CREATED, "S", id), 0) << id;
+        EXPECT_EQ(call(pol_config_policy_site_list, MOP_CREATED, none_, "S", id), 0) << id;
     }
-    EXPECT_EQ(entry_call(pol_config_policy_site_list, MOP_MODIFIED, "S", "30"), 0);
-    EXPECT_NE(pol_site_list_find_entry(ctx_, "S", 10, 10), nullptr);
-    EXPECT_NE(pol_site_list_find_entry(ctx_, "S", 10, 20), nullptr);
-    EXPECT_NE(pol_site_list_find_entry(ctx_, "S", 20, 10), nullptr);
-    EXPECT_EQ(pol_site_list_find_entry(ctx_, "S", 30, 30), nullptr);
-    EXPECT_EQ(entry_call(pol_config_policy_site_list, MOP_DELETED, "S", "10-20"), 0);
+    EXPECT_EQ(call(pol_config_policy_site_list, MOP_MODIFIED, none_, "S", "30"), 0);
+    EXPECT_TRUE(pol_site_list_find_entry(ctx_, "S", 10, 10) && pol_site_list_find_entry(ctx_, "S", 10, 20) &&
+                pol_site_list_find_entry(ctx_, "S", 20, 10) && !pol_site_list_find_entry(ctx_, "S", 30, 30));
+    EXPECT_EQ(call(pol_config_policy_site_list, MOP_DELETED, none_, "S", "10-20"), 0);
     EXPECT_EQ(pol_site_list_find_entry(ctx_, "S", 10, 20), nullptr);
 
-    EXPECT_EQ(entry_call(pol_config_policy_vpn_list, MOP_CREATED, "V", "4294967296"), 0);
-    EXPECT_EQ(entry_call(pol_config_policy_vpn_list, MOP_CREATED, "V", "7-9"), 0);
-    EXPECT_EQ(entry_call(pol_config_policy_vpn_list, MOP_MODIFIED, "V", "11"), 0);
-    EXPECT_NE(pol_vpn_list_find_entry(ctx_, "V", 0, 0), nullptr);
-    EXPECT_NE(pol_vpn_list_find_entry(ctx_, "V", 7, 9), nullptr);
-    EXPECT_EQ(pol_vpn_list_find_entry(ctx_, "V", 11, 11), nullptr);
-
-    keys site_name, vpn_name;
-    site_name.text("S");
-    vpn_name.text("V");
-    EXPECT_EQ(run(pol_config_policy_site_list_name, MOP_DELETED, site_name, none_), 0);
-    EXPECT_EQ(run(pol_config_policy_vpn_list_name, MOP_MODIFIED, vpn_name, none_), 0);
+    EXPECT_EQ(call(pol_config_policy_vpn_list, MOP_CREATED, none_, "V", "4294967296"), 0);
+    EXPECT_EQ(call(pol_config_policy_vpn_list, MOP_CREATED, none_, "V", "7-9"), 0);
+    EXPECT_TRUE(pol_vpn_list_find_entry(ctx_, "V", 0, 0) && pol_vpn_list_find_entry(ctx_, "V", 7, 9));
+    EXPECT_EQ(call(pol_config_policy_site_list_name, MOP_DELETED, none_, "S"), 0);
+    EXPECT_EQ(call(pol_config_policy_vpn_list_name, MOP_MODIFIED, none_, "V"), 0);
     EXPECT_EQ(pol_site_list_find(ctx_, "S"), nullptr);
     EXPECT_NE(pol_vpn_list_find(ctx_, "V"), nullptr);
-}
 
-TEST_F(ConfigTest, UnparsableRangeReturnsMinusOneAndChangesNothing)
-{
     LogCapture log;
     for (mgmtd_iter_op op : {MOP_CREATED, MOP_DELETED}) {
-        EXPECT_EQ(entry_call(pol_config_policy_site_list, op, "S", "abc"), -1);
-        EXPECT_EQ(entry_call(pol_config_policy_site_list, op, "S", ""), -1);
-        EXPECT_EQ(entry_call(pol_config_policy_vpn_list, op, "V", "x-1"), -1);
+        EXPECT_EQ(call(pol_config_policy_site_list, op, none_, "T", "abc"), -1);
+        EXPECT_EQ(call(pol_config_policy_site_list, op, none_, "T", ""), -1);
+        EXPECT_EQ(call(pol_config_policy_vpn_list, op, none_, "W", "x-1"), -1);
     }
-    EXPECT_TRUE(logged(log, "Invalid site list range abc in list S"));
-    EXPECT_TRUE(logged(log, "Invalid site list range  in list S"));
-    EXPECT_TRUE(logged(log, "Invalid vpn list range x-1 in list V"));
+    EXPECT_TRUE(logged(log, "Invalid site list range abc in list T"));
+    EXPECT_TRUE(logged(log, "Invalid site list range  in list T"));
+    EXPECT_TRUE(logged(log, "Invalid vpn list range x-1 in list W"));
     EXPECT_EQ(log.lines.size(), 6u);
-    EXPECT_EQ(pol_site_list_find(ctx_, "S"), nullptr);
-    EXPECT_EQ(pol_vpn_list_find(ctx_, "V"), nullptr);
+    EXPECT_TRUE(pol_site_list_find(ctx_, "T") == nullptr && pol_vpn_list_find(ctx_, "W") == nullptr);
 }
 
 TEST_F(ConfigTest, TlocColourAndCommunityEntriesAreReaddedOnEveryChange)
@@ -192,46 +144,36 @@ TEST_F(ConfigTest, TlocColourAndCommunityEntriesAreReaddedOnEveryChange)
     pref5.u32(kPreference, 5);
     pref9.u32(kPreference, 9);
     pref_gone.u32(kPreference, 9).removed(kPreference);
-    ASSERT_EQ(run(pol_config_policy_tloc_list, MOP_CREATED, k, pref5), 0);
-    ASSERT_NE(pol_tloc_list_find_entry(ctx_, "T", &tloc), nullptr);
-    EXPECT_EQ(pol_tloc_list_find_entry(ctx_, "T", &tloc)->route_preference, 5u);
-    run(pol_config_policy_tloc_list, MOP_MODIFIED, k, pref9);
-    EXPECT_EQ(pol_tloc_list_find_entry(ctx_, "T", &tloc)->route_preference, 9u);
-    run(pol_config_policy_tloc_list, MOP_MODIFIED, k, pref_gone);
-    EXPECT_EQ(pol_tloc_list_find_entry(ctx_, "T", &tloc)->route_preference, 0u);
+    for (auto [op, v, want] : {std::tuple(MOP_CREATED, &pref5, 5u), std::tuple(MOP_MODIFIED, &pref9, 9u),
+                               std::tuple(MOP_MODIFIED, &pref_gone, 0u)}) {
+        ASSERT_EQ(run(pol_config_policy_tloc_list, op, k, *v), 0);
+        ASSERT_NE(pol_tloc_list_find_entry(ctx_, "T", &tloc), nullptr);
+        EXPECT_EQ(pol_tloc_list_find_entry(ctx_, "T", &tloc)->route_preference, want);
+    }
     run(pol_config_policy_tloc_list, MOP_DELETED, k, pref5);
     EXPECT_EQ(pol_tloc_list_find_entry(ctx_, "T", &tloc), nullptr);
 
     keys k6;
     k6.text("T").ipv6("2001:db8::1").enum_value(2).enum_value(2);
     run(pol_config_policy_tloc_list, MOP_CREATED, k6, none_);
-    t_tloc_list *list = pol_tloc_list_find(ctx_, "T");
-    ASSERT_NE(list, nullptr);
-    const t_tloc_entry *e6 = TAILQ_FIRST(&list->tloc_entry_head);
+    const t_tloc_entry *e6 = TAILQ_FIRST(&pol_tloc_list_find(ctx_, "T")->tloc_entry_head);
     ASSERT_NE(e6, nullptr);
-    EXPECT_EQ(e6->tloc.addr.addr_type, IP_ADDR_V6);
-    EXPECT_EQ(e6->tloc.addr.u.addr6_b[1], 0x01);
-    EXPECT_EQ(e6->tloc.addr.u.addr6_b[15], 0x01);
+    const uint8_t *bytes = e6->tloc.addr.u.addr6_b;
+    EXPECT_TRUE(e6->tloc.addr.addr_type == IP_ADDR_V6 && bytes[1] == 1 && bytes[15] == 1);
 
-    keys color;
-    color.text("C").enum_value(5);
-    run(pol_config_policy_color_list, MOP_CREATED, color, none_);
-    run(pol_config_policy_color_list, MOP_MODIFIED, color, none_);
+    call(pol_config_policy_color_list, MOP_CREATED, none_, "C", 5);
+    call(pol_config_policy_color_list, MOP_MODIFIED, none_, "C", 5);
     EXPECT_NE(pol_color_list_find_entry(ctx_, "C", 5), nullptr);
-    run(pol_config_policy_color_list, MOP_DELETED, color, none_);
+    call(pol_config_policy_color_list, MOP_DELETED, none_, "C", 5);
     EXPECT_EQ(pol_color_list_find_entry(ctx_, "C", 5), nullptr);
 
-    keys community;
-    community.text("K").text("65000:1");
-    run(pol_config_community_list, MOP_CREATED, community, none_, kStd);
-    run(pol_config_community_list, MOP_MODIFIED, community, none_, kExp);
-    run(pol_config_community_list, MOP_DELETED, community, none_, kStd);
+    call(std_list, MOP_CREATED, none_, "K", "65000:1");
+    call(exp_list, MOP_MODIFIED, none_, "K", "65000:1");
+    call(std_list, MOP_DELETED, none_, "K", "65000:1");
     EXPECT_EQ(pol_community_list_find_entry(ctx_, "K", "65000:1", kStd), nullptr);
     EXPECT_NE(pol_community_list_find_entry(ctx_, "K", "65000:1", kExp), nullptr);
-    run(pol_config_community_list, MOP_CREATED, community, none_, kStd);
-    keys name;
-    name.text("K");
-    EXPECT_EQ(run(pol_config_community_list_name, MOP_DELETED, name, none_, kStd), 0);
+    call(std_list, MOP_CREATED, none_, "K", "65000:1");
+    EXPECT_EQ(call([](auto... a) { return pol_config_community_list_name(a..., kStd); }, MOP_DELETED, none_, "K"), 0);
     EXPECT_EQ(pol_community_list_find(ctx_, "K", kStd), nullptr);
     EXPECT_NE(pol_community_list_find(ctx_, "K", kExp), nullptr);
 }
@@ -247,14 +189,13 @@ TEST_F(ConfigTest, PrefixLengthLeavesMakeTheCondition)
         {[](values &v) { v.u8(kMaxLen, 28); }, PFX_OP_LE, 0, 28},
         {[](values &v) { v.u8(kMinLen, 24); }, PFX_OP_GE, 24, 0},
         {[](values &) {}, PFX_OP_EQ, 0, 0},
-        {[](values &v) { v.u8(kMinLen, 20).u8(kExactLen, 26).u8(kMaxLen, 30); }, PFX_OP_RANGE, 26,
-         26},
+        {[](values &v) { v.u8(kMinLen, 20).u8(kExactLen, 26).u8(kMaxLen, 30); }, PFX_OP_RANGE, 26, 26},
         {[](values &v) { v.u8(kMinLen, 24).removed(kExactLen); }, PFX_OP_GE, 24, 0},
         {[](values &v) { v.u8(kMinLen, 24).removed(kMinLen).u8(kMaxLen, 28); }, PFX_OP_LE, 0, 28},
     };
     keys k;
     k.text("PL").ipv4_prefix("10.1.0.0", 16);
-    const t_pfx_list_key v4 = {POL_AF_IPV4, "PL"};
+    const t_pfx_list_key v4 = {POL_AF_IPV4, "PL"}, v6 = {POL_AF_IPV6, "PL"};
     t_pfx_entry_param probe{};
     IPADDR_SET_V4(&probe.prefix.addr, htonl(0x0a010000));
     probe.prefix.prefixlen = 16;
@@ -264,20 +205,16 @@ TEST_F(ConfigTest, PrefixLengthLeavesMakeTheCondition)
         ASSERT_EQ(run(pol_config_policy_prefix_list, MOP_MODIFIED, k, v), 0);
         const t_pfx_entry *e = pol_pfx_list_find_entry(ctx_, &v4, &probe, nullptr);
         ASSERT_NE(e, nullptr);
-        EXPECT_EQ(e->pfx_op, c.op) << static_cast<int>(c.min) << "-" << static_cast<int>(c.max);
-        EXPECT_EQ(e->preflen_min, c.min);
-        EXPECT_EQ(e->preflen_max, c.max);
+        EXPECT_EQ(std::tuple(e->pfx_op, +e->preflen_min, +e->preflen_max), std::tuple(c.op, +c.min, +c.max));
     }
     const t_pfx_entry *only = TAILQ_FIRST(&pol_pfx_list_find(ctx_, &v4)->pfx_entry_head);
     EXPECT_EQ(TAILQ_NEXT(only, pfx_entry), nullptr);  // updated in place, never added twice
 
-    keys k6, name;
+    keys k6;
     k6.text("PL").ipv6_prefix("2001:db8::", 32);
-    name.text("PL");
-    const t_pfx_list_key v6 = {POL_AF_IPV6, "PL"};
     run(pol_config_policy_prefix_list, MOP_CREATED, k6, none_);
     EXPECT_NE(pol_pfx_list_find(ctx_, &v6), nullptr);
-    run(pol_config_policy_prefix_list_name, MOP_DELETED, name, none_, false);
+    call([](auto... a) { return pol_config_policy_prefix_list_name(a..., false); }, MOP_DELETED, none_, "PL");
     EXPECT_EQ(pol_pfx_list_find(ctx_, &v6), nullptr);
     EXPECT_NE(pol_pfx_list_find(ctx_, &v4), nullptr);
     run(pol_config_policy_prefix_list, MOP_DELETED, k, none_);
@@ -287,32 +224,32 @@ TEST_F(ConfigTest, PrefixLengthLeavesMakeTheCondition)
 TEST_F(ConfigTest, PolicyDefaultActionNotifiesOnlyWhenItChanges)
 {
     int calls = 0;
-    poltest::register_user("u", "P", POL_TYPE_ROUTE, POL_DIR_OUT, count_change, &calls);
+    poltest::register_user("u", "P", POL_TYPE_ROUTE, POL_DIR_OUT, poltest::count_cb, &calls);
     values accept, reject, odd;
     accept.enum_leaf(kDefaultAction, 0);
     reject.enum_leaf(kDefaultAction, 1);
     odd.enum_leaf(kDefaultAction, 7);
     t_pol_block *block = pol_block_find(ctx_, "P", POL_TYPE_ROUTE, nullptr);
-    EXPECT_EQ(policy(pol_config_control_policy_read, MOP_CREATED, "P", accept), 0);
+    EXPECT_EQ(call(pol_config_control_policy_read, MOP_CREATED, accept, "P"), 0);
     EXPECT_EQ(block->default_action_entry.entry_action, POL_ACTION_ACCEPT);
     EXPECT_EQ(calls, 1);
-    policy(pol_config_control_policy_read, MOP_MODIFIED, "P", accept);
+    call(pol_config_control_policy_read, MOP_MODIFIED, accept, "P");
     EXPECT_EQ(calls, 1);
-    policy(pol_config_route_policy_read, MOP_MODIFIED, "P", reject);
+    call(pol_config_route_policy_read, MOP_MODIFIED, reject, "P");
     EXPECT_EQ(block->default_action_entry.entry_action, POL_ACTION_REJECT);
     EXPECT_EQ(calls, 2);
-    policy(pol_config_control_policy_read, MOP_MODIFIED, "P", odd);
+    call(pol_config_control_policy_read, MOP_MODIFIED, odd, "P");
     EXPECT_EQ(calls, 2);
 
     LogCapture log;
-    EXPECT_EQ(policy(pol_config_control_policy_read, MOP_MODIFIED, "Q", accept), 1);
-    EXPECT_EQ(policy(pol_config_membership_policy_read, MOP_MODIFIED, "Q", accept), 1);
-    EXPECT_EQ(policy(pol_config_route_policy_read, MOP_MODIFIED, "Q", accept), 1);
+    EXPECT_EQ(call(pol_config_control_policy_read, MOP_MODIFIED, accept, "Q"), 1);
+    EXPECT_EQ(call(pol_config_membership_policy_read, MOP_MODIFIED, accept, "Q"), 1);
+    EXPECT_EQ(call(pol_config_route_policy_read, MOP_MODIFIED, accept, "Q"), 1);
     EXPECT_EQ(log.lines.size(), 1u);  // the route reader's message is written at every level
     EXPECT_TRUE(logged(log, "Failed to find route policy: Q"));
 
-    EXPECT_EQ(policy(pol_config_membership_policy_read, MOP_CREATED, "P", accept), 0);
-    EXPECT_EQ(policy(pol_config_route_policy_read, MOP_DELETED, "P", none_), 0);
+    EXPECT_EQ(call(pol_config_membership_policy_read, MOP_CREATED, accept, "P"), 0);
+    EXPECT_EQ(call(pol_config_route_policy_read, MOP_DELETED, none_, "P"), 0);
     EXPECT_EQ(pol_block_find(ctx_, "P", POL_TYPE_ROUTE, nullptr), nullptr);
     EXPECT_NE(pol_block_find(ctx_, "P", POL_TYPE_MEMBERSHIP, nullptr), nullptr);
     EXPECT_EQ(calls, 3);
@@ -320,7 +257,10 @@ TEST_F(ConfigTest, PolicyDefaultActionNotifiesOnlyWhenItChanges)
 
 TEST_F(ConfigTest, ControlSequenceSetActions)
 {
-    policy(pol_config_control_policy_read, MOP_CREATED, "P", none_);
+    auto sequence = [&](mgmtd_iter_op op, unsigned seq, values &v, const char *name = "P") {
+        return call(pol_config_control_policy_seq_read, op, v, name, seq);
+    };
+    call(pol_config_control_policy_read, MOP_CREATED, none_, "P");
     values v;
     v.enum_leaf(kAction, 0).u32(kPreference, 100).u32(kOmpTag, 7).u32(kVpn, 5);
     v.text(kVpnList, "V").text(kTlocList, "TL").enum_leaf(kUltimate, 3);
@@ -328,7 +268,7 @@ TEST_F(ConfigTest, ControlSequenceSetActions)
     v.begin(kService).enum_leaf(kServiceType, 2).u32(kVpn, 9);
     v.begin(kTloc).ipv4(kTlocAddr, "10.0.0.7").enum_leaf(kColor, 5).enum_leaf(kEncap, 3).end(kTloc);
     v.end(kService);
-    ASSERT_EQ(sequence(pol_config_control_policy_seq_read, MOP_CREATED, "P", 10, v), 0);
+    ASSERT_EQ(sequence(MOP_CREATED, 10, v), 0);
     t_pol_entry *e = entry_of("P", 10);
     ASSERT_NE(e, nullptr);
     const t_pol_set_entry &set = e->set_entry;
@@ -336,47 +276,53 @@ TEST_F(ConfigTest, ControlSequenceSetActions)
     EXPECT_EQ(e->entry_set_flags, POL_SET_FLAG_PREFERENCE | POL_SET_FLAG_TAG | POL_SET_FLAG_VPN_ID |
                                       POL_SET_FLAG_VPN_LIST | POL_SET_FLAG_TLOC_LIST |
                                       POL_SET_FLAG_TLOC | POL_SET_FLAG_SERVICE);
-    EXPECT_EQ(set.set_preference, 100u);
-    EXPECT_EQ(set.set_tag, 7u);
-    EXPECT_EQ(set.export_vpn_id, 5u);
+    EXPECT_EQ(std::tuple(set.set_preference, set.set_tag, set.export_vpn_id, +set.set_ultimate_action, +set.set_service,
+                         set.set_svc_vpn_id),
+              std::tuple(100u, 7u, 5u, 4, 2, 9u));
     EXPECT_STREQ(set.export_vpn_list_p->vpn_list_name, "V");
     EXPECT_STREQ(set.tloc_list_p->tloc_list_name, "TL");
-    EXPECT_EQ(set.set_ultimate_action, 4);
     const t_tloc_id set_tloc = tloc_of(0x0a000009, 4, 2), svc_tloc = tloc_of(0x0a000007, 5, 2);
     EXPECT_EQ(TLOC_CMP(&set.set_tloc, &set_tloc), 0);
     EXPECT_EQ(TLOC_CMP(&set.set_svc_tloc, &svc_tloc), 0);
-    EXPECT_EQ(set.set_service, 2);
-    EXPECT_EQ(set.set_svc_vpn_id, 9u);
 
+    // A part of a TLOC changes that part; a removed encapsulation reads as
+    // IPsec and leaves the TLOC in place.
     values colour_only;
     colour_only.enum_leaf(kUltimate, 4).begin(kTloc).enum_leaf(kColor, 6).end(kTloc);
-    sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 10, colour_only);
+    sequence(MOP_MODIFIED, 10, colour_only);
     const t_tloc_id recoloured = tloc_of(0x0a000009, 6, 2);
     EXPECT_EQ(TLOC_CMP(&set.set_tloc, &recoloured), 0);
     EXPECT_EQ(set.set_ultimate_action, 3);
+    values gre, encap_gone;
+    gre.begin(kTloc).enum_leaf(kEncap, 1).end(kTloc);
+    encap_gone.begin(kTloc).removed(kEncap).end(kTloc);
+    sequence(MOP_MODIFIED, 10, gre);
+    EXPECT_EQ(set.set_tloc.encap, 1);
+    sequence(MOP_MODIFIED, 10, encap_gone);
+    EXPECT_EQ(TLOC_CMP(&set.set_tloc, &recoloured), 0);
 
     values gone;
     gone.removed(kPreference).removed(kTlocList).begin(kTloc).removed(kTlocAddr).end(kTloc);
     gone.begin(kService).removed(kServiceType).end(kService).removed(kUltimate);
-    sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 10, gone);
+    sequence(MOP_MODIFIED, 10, gone);
     EXPECT_EQ(e->entry_set_flags, POL_SET_FLAG_TAG | POL_SET_FLAG_VPN_ID | POL_SET_FLAG_VPN_LIST);
     EXPECT_EQ(set.set_ultimate_action, 0);
     EXPECT_EQ(set.tloc_list_p, nullptr);
 
-    EXPECT_EQ(sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 11, none_), 1);
-    EXPECT_EQ(sequence(pol_config_control_policy_seq_read, MOP_CREATED, "Q", 1, none_), 1);
-    sequence(pol_config_control_policy_seq_read, MOP_DELETED, "P", 10, none_);
+    EXPECT_EQ(sequence(MOP_MODIFIED, 11, none_), 1);
+    EXPECT_EQ(sequence(MOP_CREATED, 1, none_, "Q"), 1);
+    sequence(MOP_DELETED, 10, none_);
     EXPECT_EQ(entry_of("P", 10), nullptr);
 }
 
 TEST_F(ConfigTest, SetCommunities)
 {
-    policy(pol_config_control_policy_read, MOP_CREATED, "P", none_);
+    call(pol_config_control_policy_read, MOP_CREATED, none_, "P");
     values good, bad, off;
     good.texts(kCommunity, {"65000:1", "no-export"}).boolean(kAdditive, true);
     bad.texts(kCommunity, {"65000:2", "bogus"});
     off.boolean(kAdditive, false);
-    ASSERT_EQ(sequence(pol_config_control_policy_seq_read, MOP_CREATED, "P", 10, good), 0);
+    ASSERT_EQ(call(pol_config_control_policy_seq_read, MOP_CREATED, good, "P", 10u), 0);
     t_pol_entry *e = entry_of("P", 10);
     ASSERT_NE(e->set_entry.set_community, nullptr);
     ASSERT_EQ(e->set_entry.set_community->n_communities, 2u);
@@ -384,29 +330,30 @@ TEST_F(ConfigTest, SetCommunities)
     EXPECT_EQ(e->set_entry.set_community->communities[1], 0xFFFFFF01u);
     EXPECT_EQ(e->entry_set_flags, POL_SET_FLAG_COMMUNITY | POL_SET_FLAG_COMMUNITY_ADDITIVE);
 
-    EXPECT_EQ(sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 10, bad), 1);
+    EXPECT_EQ(call(pol_config_control_policy_seq_read, MOP_MODIFIED, bad, "P", 10u), 1);
     EXPECT_EQ(e->set_entry.set_community, nullptr);
-    sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 10, off);
+    call(pol_config_control_policy_seq_read, MOP_MODIFIED, off, "P", 10u);
     EXPECT_EQ(e->entry_set_flags, 0u);
 
     LogCapture log;
     poltest::AllocFailure no_array(POL_MEM_SET_ENTRY_COMMUNITY);
-    EXPECT_EQ(sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 10, good), 2);
+    EXPECT_EQ(call(pol_config_control_policy_seq_read, MOP_MODIFIED, good, "P", 10u), 2);
     EXPECT_TRUE(logged(log, "Failed to allocate memory for set community list"));
 }
 
 TEST_F(ConfigTest, MatchConditionsAndMatchDeleteByKind)
 {
-    policy(pol_config_control_policy_read, MOP_CREATED, "P", none_);
-    sequence(pol_config_control_policy_seq_read, MOP_CREATED, "P", 10, none_);
-    sequence(pol_config_control_policy_seq_read, MOP_CREATED, "P", 20, none_);
+    call(pol_config_control_policy_read, MOP_CREATED, none_, "P");
+    for (unsigned seq : {10u, 20u, 30u}) {
+        call(pol_config_control_policy_seq_read, MOP_CREATED, none_, "P", seq);
+    }
     values v;
     v.u32(kSite, 10).text(kSiteList, "S").enum_leaf(kColor, 3).enum_leaf(kCarrier, 2);
     v.begin(kTloc).enum_leaf(kColor, 4).ipv4(kTlocAddr, "10.0.0.2").enum_leaf(kEncap, 0).end(kTloc);
     v.text(kPfx6List, "P6").ipv4(kOriginator, "10.1.1.1").enum_leaf(kOrigin, 3).u32(kVpn, 7);
     v.u32(kPreference, 5).u32(kOmpTag, 8).u32(kGroup, 1).u32(kDomain, 2).text(kVpnList, "V");
     v.text(kTlocList, "T").text(kColorList, "C");
-    ASSERT_EQ(match(MOP_CREATED, "P", 10, 0, v), 0);
+    ASSERT_EQ(match(MOP_CREATED, 10, 0, v), 0);
     t_pol_entry *e = entry_of("P", 10);
     const t_pol_match_entry &m = e->match_entry;
     EXPECT_EQ(m.match_type, POL_MATCH_VROUTE);
@@ -419,25 +366,29 @@ TEST_F(ConfigTest, MatchConditionsAndMatchDeleteByKind)
                   POL_MATCH_FLAG_COLOR_LIST);
     const t_tloc_id tloc = tloc_of(0x0a000002, 4, 2);
     EXPECT_EQ(TLOC_CMP(&m.match_tloc, &tloc), 0);
-    EXPECT_EQ(m.match_color, 3);
-    EXPECT_EQ(m.match_pfx_list_p->pfx_af, POL_AF_IPV6);
-    EXPECT_EQ(m.match_originator.u.addr4.s_addr, htonl(0x0a010101u));
-    EXPECT_EQ(m.match_origin_type, 4);
-    EXPECT_EQ(m.match_tag, 8u);
-    EXPECT_EQ(m.match_preference, 5u);
+    EXPECT_EQ(std::tuple(+m.match_color, m.match_pfx_list_p->pfx_af, m.match_originator.u.addr4.s_addr,
+                         +m.match_origin_type, m.match_tag, m.match_preference),
+              std::tuple(3, POL_AF_IPV6, htonl(0x0a010101u), 4, 8u, 5u));
 
     values gone;
     gone.removed(kSite).begin(kTloc).removed(kColor).end(kTloc);
-    match(MOP_MODIFIED, "P", 10, 0, gone);
+    match(MOP_MODIFIED, 10, 0, gone);
     EXPECT_EQ(e->entry_match_flags & (POL_MATCH_FLAG_SITE | POL_MATCH_FLAG_TLOC), 0u);
     EXPECT_NE(e->entry_match_flags & POL_MATCH_FLAG_COLOR, 0u);
 
-    match(MOP_CREATED, "P", 20, 1, none_);
-    match(MOP_DELETED, "P", 20, 0, none_);
+    // A route (0) or TLOC (1) match goes only from a sequence of that kind;
+    // any other kind always goes.
+    match(MOP_CREATED, 20, 1, none_);
+    match(MOP_CREATED, 30, 1, none_);
+    match(MOP_DELETED, 20, 0, none_);
     EXPECT_EQ(entry_of("P", 20)->match_entry.match_type, POL_MATCH_TLOC);
-    match(MOP_DELETED, "P", 10, 1, none_);
+    match(MOP_DELETED, 20, 2, none_);
+    EXPECT_EQ(entry_of("P", 20)->match_entry.match_type, POL_MATCH_INVALID);
+    match(MOP_DELETED, 30, 1, none_);
+    EXPECT_EQ(entry_of("P", 30)->match_entry.match_type, POL_MATCH_INVALID);
+    match(MOP_DELETED, 10, 1, none_);
     EXPECT_EQ(m.match_type, POL_MATCH_VROUTE);
-    match(MOP_DELETED, "P", 10, 0, none_);
+    match(MOP_DELETED, 10, 0, none_);
     EXPECT_EQ(m.match_type, POL_MATCH_INVALID);
     EXPECT_EQ(e->entry_match_flags, 0u);
 }
@@ -450,61 +401,57 @@ TEST_F(ConfigTest, RouteAndMembershipSequences)
     ospf_gone.removed(kOspfTag).enum_leaf(kAction, 1);
     members.u32(kVpn, 9).text(kVpnList, "VL").enum_leaf(kAction, 0);
     LogCapture log;
-    EXPECT_EQ(sequence(pol_config_route_policy_seq_read, MOP_CREATED, "R", 1, route), 1);
+    EXPECT_EQ(call(pol_config_route_policy_seq_read, MOP_CREATED, route, "R", 1u), 1);
     EXPECT_TRUE(logged(log, "Route Policy: R is not found"));
-    EXPECT_EQ(sequence(pol_config_membership_policy_seq_read, MOP_CREATED, "M", 1, none_), 1);
+    EXPECT_EQ(call(pol_config_membership_policy_seq_read, MOP_CREATED, none_, "M", 1u), 1);
 
-    policy(pol_config_route_policy_read, MOP_CREATED, "R", none_);
-    ASSERT_EQ(sequence(pol_config_route_policy_seq_read, MOP_CREATED, "R", 1, route), 0);
+    call(pol_config_route_policy_read, MOP_CREATED, none_, "R");
+    ASSERT_EQ(call(pol_config_route_policy_seq_read, MOP_CREATED, route, "R", 1u), 0);
     t_pol_entry *e = entry_of("R", 1);
-    EXPECT_EQ(e->match_entry.match_type, POL_MATCH_VROUTE);
-    EXPECT_EQ(e->match_entry.match_tag, 20u);
-    EXPECT_EQ(e->match_entry.match_origin_metric, 50u);
-    EXPECT_EQ(e->match_entry.match_pfx_list_p->pfx_af, POL_AF_IPV4);
-    EXPECT_EQ(e->entry_action, POL_ACTION_ACCEPT);
-    sequence(pol_config_route_policy_seq_read, MOP_MODIFIED, "R", 1, ospf_gone);
+    EXPECT_EQ(std::tuple(e->match_entry.match_type, e->match_entry.match_tag, e->match_entry.match_origin_metric,
+                         e->match_entry.match_pfx_list_p->pfx_af, e->entry_action),
+              std::tuple(POL_MATCH_VROUTE, 20u, 50u, POL_AF_IPV4, POL_ACTION_ACCEPT));
+    call(pol_config_route_policy_seq_read, MOP_MODIFIED, ospf_gone, "R", 1u);
     EXPECT_EQ(e->entry_match_flags, POL_MATCH_FLAG_ORIGIN_METRIC | POL_MATCH_FLAG_PFX_LIST);
     EXPECT_EQ(e->entry_action, POL_ACTION_REJECT);
 
-    policy(pol_config_membership_policy_read, MOP_CREATED, "M", none_);
-    ASSERT_EQ(sequence(pol_config_membership_policy_seq_read, MOP_CREATED, "M", 5, none_), 0);
+    call(pol_config_membership_policy_read, MOP_CREATED, none_, "M");
+    ASSERT_EQ(call(pol_config_membership_policy_seq_read, MOP_CREATED, none_, "M", 5u), 0);
     e = entry_of("M", 5, POL_TYPE_MEMBERSHIP);
     EXPECT_EQ(e->match_entry.match_type, POL_MATCH_SERVICE);
     EXPECT_EQ(e->entry_match_flags, 0u);
-    sequence(pol_config_membership_policy_seq_read, MOP_MODIFIED, "M", 5, members);
+    call(pol_config_membership_policy_seq_read, MOP_MODIFIED, members, "M", 5u);
     EXPECT_EQ(e->entry_match_flags, POL_MATCH_FLAG_VPN_ID | POL_MATCH_FLAG_VPN_LIST);
     EXPECT_EQ(e->entry_action, POL_ACTION_ACCEPT);
-    sequence(pol_config_membership_policy_seq_read, MOP_DELETED, "M", 5, none_);
+    call(pol_config_membership_policy_seq_read, MOP_DELETED, none_, "M", 5u);
     EXPECT_EQ(entry_of("M", 5, POL_TYPE_MEMBERSHIP), nullptr);
 }
 
 TEST_F(ConfigTest, UsersAreNotifiedOncePerCallbackThatChangedSomething)
 {
     int calls = 0;
-    poltest::register_user("u", "P", POL_TYPE_ROUTE, POL_DIR_OUT, count_change, &calls);
-    policy(pol_config_control_policy_read, MOP_CREATED, "P", none_);
-    values set, conditions;
+    poltest::register_user("u", "P", POL_TYPE_ROUTE, POL_DIR_OUT, poltest::count_cb, &calls);
+    call(pol_config_control_policy_read, MOP_CREATED, none_, "P");
+    values set, conditions, list;
     set.enum_leaf(kAction, 0).u32(kPreference, 1).text(kTlocList, "TL");
     set.begin(kTloc).ipv4(kTlocAddr, "10.0.0.9").enum_leaf(kColor, 4).end(kTloc);
     set.begin(kService).enum_leaf(kServiceType, 1).end(kService);
     conditions.u32(kSite, 3).text(kSiteList, "S");
-    sequence(pol_config_control_policy_seq_read, MOP_CREATED, "P", 1, set);
+    list.text(0x11111111, "CL");
+    call(pol_config_control_policy_seq_read, MOP_CREATED, set, "P", 1u);
     EXPECT_EQ(calls, 1);
-    sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 1, set);
+    call(pol_config_control_policy_seq_read, MOP_MODIFIED, set, "P", 1u);
     EXPECT_EQ(calls, 1);
-    match(MOP_CREATED, "P", 1, 0, conditions);
-    match(MOP_MODIFIED, "P", 1, 0, conditions);
+    match(MOP_CREATED, 1, 0, conditions);
+    match(MOP_MODIFIED, 1, 0, conditions);
     EXPECT_EQ(calls, 2);
 
-    keys k;
-    k.text("P").u16(1).enum_value(0);
-    values list;
-    list.text(0x11111111, "CL");
-    run(pol_config_control_policy_match_community_list_read, MOP_CREATED, k, list, kExp);
+    call([](auto... a) { return pol_config_control_policy_match_community_list_read(a..., kExp); }, MOP_CREATED,
+         list, "P", 1u, 0);
     EXPECT_NE(entry_of("P", 1)->entry_match_flags & POL_MATCH_FLAG_EXP_COMMUNITY_LIST, 0u);
-    sequence(pol_config_control_policy_seq_read, MOP_MODIFIED, "P", 1, set);
+    call(pol_config_control_policy_seq_read, MOP_MODIFIED, set, "P", 1u);
     EXPECT_EQ(calls, 2);  // carried by the next change that notifies
-    sequence(pol_config_control_policy_seq_read, MOP_DELETED, "P", 1, none_);
+    call(pol_config_control_policy_seq_read, MOP_DELETED, none_, "P", 1u);
     EXPECT_EQ(calls, 3);
 }
 
@@ -521,7 +468,7 @@ TEST_F(ConfigTest, TracesOnlyFromDebugLevelOne)
     run(pol_config_policy_tloc_list, MOP_MODIFIED, k, v);
     EXPECT_TRUE(logged(log, "Tloc list config - Name:T, Oper:3, num:1"));
     EXPECT_TRUE(logged(log, "Prefix config - XML = 393138131, type: 12 "));
-    policy(pol_config_control_policy_read, MOP_CREATED, "P", v);
+    call(pol_config_control_policy_read, MOP_CREATED, v, "P");
     EXPECT_TRUE(logged(log, "Control Policy: P, oper:1, num_values:1"));
     EXPECT_TRUE(logged(log, "cur: 0 XML = 393138131, type: 12 "));
 }
@@ -538,19 +485,17 @@ TEST(ConfigFilterMask, OneBitPerOrdinal)
 
 TEST_F(ConfigDeathTest, KeysOrValuesOfTheWrongShapeStop)
 {
-    keys number, text_addr, one;
-    number.u16(7);
+    keys text_addr;
     text_addr.text("T").text("10.0.0.1").enum_value(1).enum_value(2);
-    one.text("P");
-    EXPECT_DEATH({ dup2(2, 1); run(pol_config_policy_site_list_name, MOP_CREATED, number, none_); },
+    values wrong;
+    wrong.u32(kDefaultAction, 1);
+    EXPECT_DEATH({ dup2(2, 1); call(pol_config_policy_site_list_name, MOP_CREATED, none_, 7u); },
                  "failed assertion `\\(key_p\\)->type == C_BUF'");
     EXPECT_DEATH({ dup2(2, 1); run(pol_config_policy_tloc_list, MOP_CREATED, text_addr, none_); },
                  "failed assertion `\\(\\(key_p\\)\\)->type == C_IPV6'");
-    EXPECT_DEATH({ dup2(2, 1); run(pol_config_control_policy_seq_read, MOP_CREATED, one, none_); },
+    EXPECT_DEATH({ dup2(2, 1); call(pol_config_control_policy_seq_read, MOP_CREATED, none_, "P"); },
                  "failed assertion `num_keys == expected'");
-    values wrong;
-    wrong.u32(kDefaultAction, 1);
-    EXPECT_DEATH({ dup2(2, 1); run(pol_config_control_policy_read, MOP_CREATED, one, wrong); },
+    EXPECT_DEATH({ dup2(2, 1); call(pol_config_control_policy_read, MOP_CREATED, wrong, "P"); },
                  "failed assertion `\\(&cur_val_p->v\\)->type == C_ENUM_VALUE'");
 }
 

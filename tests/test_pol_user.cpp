@@ -1,10 +1,6 @@
 // Registration of users, batched change notification and its re-entrancy
 // rules, and the small exported entry points.
-#include <unistd.h>
-
-#include <algorithm>
 #include <cstring>
-#include <functional>
 
 #include "pol_test_support.hpp"
 
@@ -29,107 +25,63 @@ void probe_cb(t_pol_user *handle, void *user_ctx)
 
 class PolUser : public PolContextTest {
 protected:
-    void SetUp() override
-    {
-        PolContextTest::SetUp();
-        g_calls.clear();
-        g_max_depth = 0;
-    }
-
+    PolUser() { g_calls.clear(); g_max_depth = 0; }
     static t_pol_user *add(const char *user, const char *policy, std::function<void()> *action = nullptr,
                            e_pol_dir dir = POL_DIR_OUT)
     {
         return register_user(user, policy, POL_TYPE_ROUTE, dir, probe_cb, action);
     }
-
-    // One configuration change of a route policy: a new sequence.
-    void touch(const char *policy)
-    {
-        uint8_t changed = 0;
-        t_pol_block *blk = pol_block_find_or_create(ctx_, policy, POL_TYPE_ROUTE, &changed);
-        ASSERT_NE(pol_entry_find_or_create(ctx_, blk, next_seq_++, &changed), nullptr);
-    }
-
+    // One configuration change of each route policy named: a new sequence.
+    template <typename... P>
+    void touch(P... policies) { (sequence(policies, next_seq_++, POL_TYPE_ROUTE, false), ...); }
     void flush() { pol_user_chg_list_notify_all(ctx_); }
     static bool queued(const t_pol_user *h) { return h->pol_user_flags & POL_USER_FLAG_QUEUED; }
 
     uint32_t next_seq_ = 1;
 };
 
-TEST_F(PolUser, RegistrationKeepsFirstBinding)
+TEST_F(PolUser, RegistrationKeepsFirstBindingAndMakesTheBlock)
 {
     std::function<void()> first = [] {}, second = [] {};
     t_pol_user *h1 = add("comp", "polA", &first);
     ASSERT_NE(h1, nullptr);
     EXPECT_EQ(add("comp", "polB", &second), h1);
-    EXPECT_EQ(h1->pol_block_p, pol_block_find(ctx_, "polA", POL_TYPE_ROUTE, nullptr));
     EXPECT_EQ(h1->user_ctx_p, &first);
     EXPECT_EQ(pol_block_find(ctx_, "polB", POL_TYPE_ROUTE, nullptr), nullptr);
+    // The block is made empty; the reader later fills that same block.
+    uint8_t changed = 0;
+    EXPECT_EQ(pol_block_find_or_create(ctx_, "polA", POL_TYPE_ROUTE, &changed), h1->pol_block_p);
+    EXPECT_TRUE(changed == 0 && avl_numnodes(&h1->pol_block_p->pol_entries) == 0u);
 
     // Another direction or type is another registration.
     t_pol_user *in = add("comp", "polB", nullptr, POL_DIR_IN);
     t_pol_user *member = register_user("comp", "polA", POL_TYPE_MEMBERSHIP, POL_DIR_OUT);
     EXPECT_TRUE(in != h1 && member != h1 && member->pol_block_p != h1->pol_block_p);
-    EXPECT_EQ(TAILQ_FIRST(&h1->pol_block_p->users_list), h1);
-    EXPECT_EQ(TAILQ_NEXT(h1, pol_block_list_entry), nullptr);
+    EXPECT_TRUE(TAILQ_FIRST(&h1->pol_block_p->users_list) == h1 && TAILQ_NEXT(h1, pol_block_list_entry) == nullptr);
     flush();
     EXPECT_TRUE(g_calls.empty());  // registering notifies nobody
-
     for (e_pol_mem row : {POL_MEM_TYPE_POL_USER, POL_MEM_BLOCK}) {
         AllocFailure fail(row);
         EXPECT_EQ(register_user("late", "polC"), nullptr);
     }
     EXPECT_EQ(avl_numnodes(&ctx_->pol_users), 3u);
-    for (t_pol_user *h : {h1, in, member}) {
-        pol_unregister(&h);
-    }
-}
-
-TEST_F(PolUser, PolicyConfiguredAfterRegistration)
-{
-    t_pol_user *h = add("fwd", "later");
-    t_pol_block *blk = pol_block_find(ctx_, "later", POL_TYPE_ROUTE, nullptr);
-    ASSERT_NE(blk, nullptr);
-    EXPECT_EQ(h->pol_block_p, blk);
-    EXPECT_EQ(avl_numnodes(&blk->pol_entries), 0u);
-    t_pol_exec_params params;
-    EXPECT_EQ(execute_route(h, &params), POL_ACTION_REJECT);
-
-    // The reader fills the existing block and flushes once at the end.
-    uint8_t changed = 0;
-    EXPECT_EQ(pol_block_find_or_create(ctx_, "later", POL_TYPE_ROUTE, &changed), blk);
-    t_pol_entry *e = pol_entry_find_or_create(ctx_, blk, 10, &changed);
-    pol_entry_action_add(ctx_, e, POL_ACTION_ACCEPT, &changed);
-    blk->default_action_entry.entry_action = POL_ACTION_ACCEPT;
-    EXPECT_TRUE(g_calls.empty());
-    flush();
-    flush();
-    EXPECT_EQ(g_calls, Calls{"fwd"});
-    EXPECT_EQ(execute_route(h, &params), POL_ACTION_ACCEPT);
-    pol_unregister(&h);
 }
 
 TEST_F(PolUser, BatchesChangesInFirstQueuedOrder)
 {
     t_pol_user *a1 = add("a1", "P1"), *a2 = add("a2", "P1"), *b = add("b", "P2");
     uint8_t changed = 0;
-    touch("P1");
-    touch("P1");
-    pol_entry_action_add(ctx_, pol_entry_find(ctx_, a1->pol_block_p, 1, nullptr), POL_ACTION_ACCEPT,
-                         &changed);
+    touch("P1", "P1");
+    pol_entry_action_add(ctx_, pol_entry_find(ctx_, a1->pol_block_p, 1, nullptr), POL_ACTION_ACCEPT, &changed);
+    EXPECT_TRUE(g_calls.empty());
+    flush();
     flush();
     EXPECT_EQ(g_calls, (Calls{"a1", "a2"}));
     g_calls.clear();
-    touch("P2");
-    touch("P1");
-    touch("P2");
+    touch("P2", "P1", "P2");
     flush();
     EXPECT_EQ(g_calls, (Calls{"b", "a1", "a2"}));
-    EXPECT_FALSE(queued(a1) || queued(a2) || queued(b));
-    EXPECT_TRUE(TAILQ_EMPTY(&ctx_->pol_users_chg));
-    for (t_pol_user *h : {a1, a2, b}) {
-        pol_unregister(&h);
-    }
+    EXPECT_TRUE(!queued(a1) && !queued(a2) && !queued(b) && TAILQ_EMPTY(&ctx_->pol_users_chg));
 }
 
 TEST_F(PolUser, CallbackThatFlushesDoesNotRecurse)
@@ -139,87 +91,66 @@ TEST_F(PolUser, CallbackThatFlushesDoesNotRecurse)
     t_pol_user *a = nullptr;
     int runs = 0;
     std::function<void()> again = [&] {
-        if (runs++ == 0) {
-            touch("P1");
-            flush();
-            pol_block_user_notify_all(ctx_, a->pol_block_p);
-        }
+        if (runs++ == 0) { touch("P1"); flush(); pol_block_user_notify_all(ctx_, a->pol_block_p); }
     };
     a = add("a", "P1", &again);
-    t_pol_user *y = add("y", "P5");
-    touch("P1");
-    touch("P5");
+    add("y", "P5");
+    touch("P1", "P5");
     flush();
-    EXPECT_EQ(std::count(g_calls.begin(), g_calls.end(), "a"), 1);
+    EXPECT_EQ(g_calls, Calls{"a"});  // a, queued again behind y, ends the walk
     EXPECT_TRUE(queued(a));
     flush();
-    EXPECT_EQ(std::count(g_calls.begin(), g_calls.end(), "a"), 2);
-    EXPECT_EQ(std::count(g_calls.begin(), g_calls.end(), "y"), 1);
+    EXPECT_EQ(g_calls, (Calls{"a", "y", "a"}));
 
     // Users queued behind the current position are delivered by the
     // running walk, not by the inner flush.
     g_calls.clear();
     size_t inside = 0;
-    std::function<void()> queue_b = [&] {
-        touch("P3");
-        flush();
-        inside = g_calls.size();
-    };
-    t_pol_user *c = add("c", "P4", &queue_b), *x = add("x", "P2"), *b = add("b", "P3");
-    touch("P4");
-    touch("P2");
+    std::function<void()> queue_b = [&] { touch("P3"); flush(); inside = g_calls.size(); };
+    add("c", "P4", &queue_b);
+    add("x", "P2");
+    add("b", "P3");
+    touch("P4", "P2");
     flush();
-    EXPECT_EQ(inside, 1u);
     EXPECT_EQ(g_calls, (Calls{"c", "x", "b"}));
-    EXPECT_EQ(g_max_depth, 1);
+    EXPECT_TRUE(inside == 1u && g_max_depth == 1);
     EXPECT_TRUE(TAILQ_EMPTY(&ctx_->pol_users_chg));
-    for (t_pol_user *h : {a, x, b, c, y}) {
-        pol_unregister(&h);
-    }
 }
 
-TEST_F(PolUser, CallbackUnregistersQueuedUsers)
-{
-    t_pol_user *victim = nullptr, *self = nullptr;
-    std::function<void()> kill_next = [&] { pol_unregister(&victim); };
-    std::function<void()> kill_self = [&] { pol_unregister(&self); };
-    t_pol_user *a = add("a", "P1", &kill_next);
-    victim = add("v", "P1");
-    t_pol_user *after = add("after", "P2");
-    touch("P1");
-    touch("P2");
-    flush();
-    EXPECT_EQ(victim, nullptr);
-    EXPECT_EQ(g_calls, (Calls{"a", "after"}));
-
-    g_calls.clear();
-    self = add("self", "P3", &kill_self);
-    touch("P3");
-    touch("P2");
-    flush();
-    EXPECT_EQ(self, nullptr);
-    EXPECT_EQ(g_calls, (Calls{"self", "after"}));
-    pol_unregister(&a);
-    pol_unregister(&after);
-}
-
-TEST_F(PolUser, UnregisterNullsHandleAndUnqueues)
+TEST_F(PolUser, UnregisterNullsHandleAndUnqueuesEvenFromCallbacks)
 {
     t_pol_user *h = add("h", "P1"), *keep = add("keep", "P1");
     t_pol_block *blk = h->pol_block_p;
     touch("P1");
     EXPECT_TRUE(queued(h));
     pol_unregister(&h);
-    EXPECT_EQ(h, nullptr);
-    EXPECT_EQ(pol_user_find(ctx_, "h", POL_TYPE_ROUTE, POL_DIR_OUT, nullptr), nullptr);
-    EXPECT_EQ(TAILQ_FIRST(&blk->users_list), keep);
-    EXPECT_EQ(TAILQ_NEXT(keep, pol_block_list_entry), nullptr);
+    EXPECT_TRUE(h == nullptr && pol_user_find(ctx_, "h", POL_TYPE_ROUTE, POL_DIR_OUT, nullptr) == nullptr);
+    EXPECT_TRUE(TAILQ_FIRST(&blk->users_list) == keep && TAILQ_NEXT(keep, pol_block_list_entry) == nullptr);
     flush();
     EXPECT_EQ(g_calls, Calls{"keep"});
     pol_unregister(&h);
     pol_unregister(nullptr);
     pol_unregister(&keep);
     EXPECT_TRUE(TAILQ_EMPTY(&blk->users_list));
+
+    // A callback may unregister the next queued user, or itself.
+    g_calls.clear();
+    t_pol_user *victim = nullptr, *self = nullptr;
+    std::function<void()> kill_next = [&] { pol_unregister(&victim); };
+    std::function<void()> kill_self = [&] { pol_unregister(&self); };
+    add("a", "P1", &kill_next);
+    victim = add("v", "P1");
+    add("after", "P2");
+    touch("P1", "P2");
+    flush();
+    EXPECT_EQ(victim, nullptr);
+    EXPECT_EQ(g_calls, (Calls{"a", "after"}));
+    g_calls.clear();
+    self = add("self", "P3", &kill_self);
+    touch("P3", "P2");
+    flush();
+    EXPECT_EQ(self, nullptr);
+    EXPECT_EQ(g_calls, (Calls{"self", "after"}));
 }
 
 TEST_F(PolUser, NothingDeliveredOrQueuedWhileDestroying)
@@ -230,9 +161,7 @@ TEST_F(PolUser, NothingDeliveredOrQueuedWhileDestroying)
     pol_block_users_add_to_chg_list(ctx_, b->pol_block_p);
     flush();
     pol_block_user_notify_all(ctx_, a->pol_block_p);
-    EXPECT_FALSE(queued(b));
-    EXPECT_TRUE(queued(a));
-    EXPECT_TRUE(g_calls.empty());
+    EXPECT_TRUE(!queued(b) && queued(a) && g_calls.empty());
     ctx_->pol_ctx_flags &= static_cast<uint8_t>(~POL_CTX_FLAG_DESTROYING);
     touch("P2");
     destroy_context();  // with users still queued
@@ -247,7 +176,6 @@ TEST_F(PolApi, InitDebugAndLogging)
 {
     EXPECT_EQ(pol_init(nullptr), nullptr);
     EXPECT_EQ(g_pol_ctx_p, ctx_);
-
     LogCapture log;
     pol_debug_set(4660);
     EXPECT_EQ(g_pol_dbg_level, 52u);
@@ -272,33 +200,30 @@ TEST_F(PolApi, HandleQueries)
     t_pol_user *in = add("in", "route-pol", nullptr, POL_DIR_IN);
     t_pol_user *member = register_user("m", "route-pol", POL_TYPE_MEMBERSHIP, POL_DIR_OUT);
     member->pol_block_p->pol_flags = POL_BLOCK_FLAG_SETS_TLOC;
-    uint32_t &flags = out->pol_block_p->pol_flags;
-    flags = POL_BLOCK_FLAG_SETS_SERVICE;
-    EXPECT_EQ(pol_handle_sets_service(out) * 100 + pol_handle_sets_tloc(out) * 10 + pol_handle_sets_tloc_list(out), 100);
-    flags = POL_BLOCK_FLAG_SETS_TLOC | POL_BLOCK_FLAG_SETS_TLOC_LIST;
-    EXPECT_EQ(pol_handle_sets_service(out) * 100 + pol_handle_sets_tloc(out) * 10 + pol_handle_sets_tloc_list(out), 11);
-    for (t_pol_user *h : {in, member, static_cast<t_pol_user *>(nullptr)}) {
-        EXPECT_EQ(pol_handle_sets_tloc(h) + pol_handle_sets_tloc_list(h), 0);
-    }
+    auto sets = [](t_pol_user *h) {
+        return pol_handle_sets_service(h) * 100 + pol_handle_sets_tloc(h) * 10 + pol_handle_sets_tloc_list(h);
+    };
+    out->pol_block_p->pol_flags = POL_BLOCK_FLAG_SETS_SERVICE;
+    EXPECT_EQ(sets(out), 100);
+    out->pol_block_p->pol_flags = POL_BLOCK_FLAG_SETS_TLOC | POL_BLOCK_FLAG_SETS_TLOC_LIST;
+    EXPECT_EQ(sets(out), 11);
+    EXPECT_EQ(sets(in) + sets(member) + sets(nullptr), 0);
 
     uint8_t changed = 0;  // a detached handle answers nothing
     pol_block_find_and_delete(ctx_, "route-pol", POL_TYPE_ROUTE, &changed);
-    EXPECT_EQ(pol_handle_sets_tloc(out), 0);
+    EXPECT_EQ(sets(out), 0);
     EXPECT_STREQ(pol_handle_get_name(out, buf, sizeof(buf)), "");
     flush();
-    for (t_pol_user *h : {out, in, member}) {
-        pol_unregister(&h);
-    }
 }
 
 TEST_F(PolApi, ExecutionFrame)
 {
     t_pol_user *h = add("x", "open");
-    h->pol_block_p->default_action_entry.entry_action = POL_ACTION_ACCEPT;
     t_pol_exec_params params;
+    EXPECT_EQ(execute_route(h, &params), POL_ACTION_REJECT);  // nothing configured yet
+    h->pol_block_p->default_action_entry.entry_action = POL_ACTION_ACCEPT;
     EXPECT_EQ(execute_route(h, &params), POL_ACTION_ACCEPT);
-    EXPECT_EQ(pol_execute(nullptr, &params), POL_ACTION_REJECT);
-    EXPECT_EQ(pol_execute(h, nullptr), POL_ACTION_REJECT);
+    EXPECT_TRUE(pol_execute(nullptr, &params) == POL_ACTION_REJECT && pol_execute(h, nullptr) == POL_ACTION_REJECT);
 
     // Only a controller's execution releases the export VPN buffer.
     const uint64_t freed = g_pol_mem_info[POL_MEM_LIST_VPN_1].free;
@@ -314,7 +239,6 @@ TEST_F(PolApi, ExecutionFrame)
     EXPECT_EQ(g_pol_mem_info[POL_MEM_LIST_VPN_1].free, freed + 1);
     EXPECT_EQ(params.vpn_list.vpn_list_p, buf);
     pol_post_execute(nullptr);
-    pol_unregister(&h);
 }
 
 TEST(PolAssertDeathTest, PrintsFileLineAndCondition)

@@ -1,0 +1,71 @@
+# polctl end to end, run from the source tree so that the reports name the
+# inputs by their relative paths. The same checks run in the sanitizer
+# build, where any report fails them.
+function(polctl_test name rc)
+  cmake_parse_arguments(T "" "GOLDEN;GOLDEN_ERR;ERR_REGEX;OUT_REGEX" "ARGS" ${ARGN})
+  string(REPLACE ";" "|" args "${T_ARGS}")
+  add_test(NAME ${name}
+    COMMAND ${CMAKE_COMMAND} -DPOLCTL=$<TARGET_FILE:polctl> -DARGS=${args}
+            -DWORKDIR=${PROJECT_SOURCE_DIR} -DEXPECT_RC=${rc}
+            -DGOLDEN=${T_GOLDEN} -DGOLDEN_ERR=${T_GOLDEN_ERR}
+            -DERR_REGEX=${T_ERR_REGEX} -DOUT_REGEX=${T_OUT_REGEX}
+            -P ${CMAKE_CURRENT_SOURCE_DIR}/polctl_check.cmake)
+  set_tests_properties(${name} PROPERTIES
+    ENVIRONMENT "LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/lsan.supp:print_suppressions=0")
+endfunction()
+
+set(POLCTL_GOLDEN ${CMAKE_CURRENT_SOURCE_DIR}/golden)
+set(POLCTL_DATA tests/data/polctl)
+polctl_test(polctl_run 0 ARGS run examples/policy.xml examples/routes.txt
+  GOLDEN ${POLCTL_GOLDEN}/run.txt)
+polctl_test(polctl_run_json 0 ARGS --json run examples/policy.xml examples/routes.txt
+  GOLDEN ${POLCTL_GOLDEN}/run.json)
+polctl_test(polctl_run_json_config 0 ARGS run examples/policy.json examples/routes.txt
+  GOLDEN ${POLCTL_GOLDEN}/run-from-json.txt)
+polctl_test(polctl_diff 0 ARGS diff examples/policy.xml examples/policy-v2.xml
+  GOLDEN ${POLCTL_GOLDEN}/diff.txt)
+polctl_test(polctl_diff_json 0 ARGS --json diff examples/policy.xml examples/policy-v2.xml
+  OUT_REGEX "\"command\": \"diff\"")
+polctl_test(polctl_check 0 ARGS check examples/policy-v2.xml GOLDEN ${POLCTL_GOLDEN}/check.txt)
+polctl_test(polctl_check_json 0 ARGS --json check examples/policy.xml
+  OUT_REGEX "\"valid\": true")
+foreach(what policies lists users memory)
+  polctl_test(polctl_show_${what} 0 ARGS show ${what} OUT_REGEX ".")
+endforeach()
+polctl_test(polctl_show_json 0 ARGS --json show policies OUT_REGEX "\"text\": \".*hub-and-spoke")
+polctl_test(polctl_help 0 ARGS --help OUT_REGEX "usage: polctl")
+polctl_test(polctl_usage_no_command 2 ERR_REGEX "no command")
+polctl_test(polctl_usage_unknown 2 ARGS frobnicate ERR_REGEX "unknown command")
+polctl_test(polctl_usage_option 2 ARGS --colour run ERR_REGEX "unknown option --colour")
+polctl_test(polctl_usage_show 2 ARGS show everything ERR_REGEX "show what")
+polctl_test(polctl_usage_diff 2 ARGS diff examples/policy.xml ERR_REGEX "diff needs OLD and NEW")
+
+# Bad input: exit 1 with the file and line (or the configuration path).
+foreach(bad
+    "malformed.xml|:6: Opening \\(\"site-list\"\\) and closing"
+    "unknown-leaf.xml|:9: Node \"weight\" not found"
+    "wrong-type.xml|:8: Invalid type uint32 value \"high\""
+    "duplicate-key.xml|:7: Duplicate instance of \"vpn\""
+    "missing-key.xml|:6: List instance is missing its key \"seq\""
+    "dangling-ref.xml|: Invalid leafref value \"no-such-list\".*at /zen-policy:policy/control-policy"
+    "bad-prefix.xml|:6: Unsatisfied pattern - \"10.0.0.0/33\""
+    "wrong-type.json|:8: Value \"-5\" is out of type uint32")
+  string(REPLACE "|" ";" pair "${bad}")
+  list(GET pair 0 file)
+  list(GET pair 1 message)
+  string(REGEX REPLACE "[.]" "_" tag ${file})
+  polctl_test(polctl_bad_check_${tag} 1 ARGS check ${POLCTL_DATA}/${file}
+    ERR_REGEX "polctl: ${POLCTL_DATA}/${file}${message}")
+  polctl_test(polctl_bad_run_${tag} 1 ARGS run ${POLCTL_DATA}/${file} examples/routes.txt
+    ERR_REGEX "polctl: ${POLCTL_DATA}/${file}${message}")
+  # The second commit is refused whole: nothing delivered, nobody told.
+  polctl_test(polctl_bad_diff_${tag} 1 ARGS diff examples/policy.xml ${POLCTL_DATA}/${file}
+    OUT_REGEX "commit 2: ${POLCTL_DATA}/${file}\n  error: [^\n]*\n  0 callbacks, 0 notifications\n"
+    ERR_REGEX "polctl: ${POLCTL_DATA}/${file}${message}")
+endforeach()
+polctl_test(polctl_bad_missing_file 1 ARGS check ${POLCTL_DATA}/no-such-file.xml
+  ERR_REGEX "no-such-file.xml: cannot open")
+polctl_test(polctl_bad_routes 1 ARGS run examples/policy.xml ${POLCTL_DATA}/bad-routes.txt
+  GOLDEN ${POLCTL_GOLDEN}/bad-routes.txt GOLDEN_ERR ${POLCTL_GOLDEN}/bad-routes.err)
+polctl_test(polctl_bad_routes_file 1 ARGS run examples/policy.xml ${POLCTL_DATA}/none.txt
+  ERR_REGEX "none.txt: cannot open")

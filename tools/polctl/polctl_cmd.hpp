@@ -1,0 +1,35 @@
+// The commands of polctl. Each writes its report to out and its problems
+// to err, and returns the exit status: 0 done, 1 bad input (the message
+// names the file and line or the configuration path), 2 usage.
+#ifndef POLCTL_CMD_HPP
+#define POLCTL_CMD_HPP
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+namespace polctl {
+
+enum exit_status { EXIT_OK = 0, EXIT_INPUT = 1, EXIT_USAGE = 2 };
+
+struct options {
+    bool json = false;
+    uint32_t debug = 0;  // library debug level; its log lines go to err
+};
+
+int cmd_run(const options &opt, const std::string &config, const std::string &routes,
+            std::ostream &out, std::ostream &err);
+int cmd_diff(const options &opt, const std::string &old_config, const std::string &new_config,
+             std::ostream &out, std::ostream &err);
+int cmd_check(const options &opt, const std::string &config, std::ostream &out,
+              std::ostream &err);
+// what: policies, lists, users or memory.
+int cmd_show(const options &opt, const std::string &what, const std::string &config,
+             const std::string &routes, std::ostream &out, std::ostream &err);
+
+// Where the example inputs live: the source tree, or the installed copy.
+std::string examples_dir();
+
+}  // namespace polctl
+
+#endif  // POLCTL_CMD_HPP

@@ -1,0 +1,316 @@
+// Binding of the policy module to the library's configuration change
+// callbacks, and the host side of users and labels.
+#include "polctl_host.hpp"
+
+#include <arpa/inet.h>
+
+#include <cstring>
+
+#include <policy/pol_config.h>
+#include <zen/zen_util.h>
+
+namespace polctl {
+
+namespace {
+
+// The host whose users and labels the library's callbacks reach (the
+// library's label callback carries no context).
+host *g_host = nullptr;
+
+// The datastore calls every subscription alike; the library's callbacks
+// differ in the width of the value count and in their extra argument.
+template <int32_t (*Fn)(t_vmgmtd_context *, t_pol_ctx *, mgmtd_iter_op, uint8_t, mgmtd_value_t *,
+                        uint16_t, mgmtd_tag_value_t *)>
+int32_t plain(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op oper,
+              uint8_t num_keys, mgmtd_value_t *key_p, uint32_t num_values,
+              mgmtd_tag_value_t *val_p, int32_t)
+{
+    if (num_values > UINT16_MAX) {
+        return POL_CONFIG_NO_MEMORY;
+    }
+    return Fn(vmgmtd_ctx_p, static_cast<t_pol_ctx *>(host_ctx_p), oper, num_keys, key_p,
+              static_cast<uint16_t>(num_values), val_p);
+}
+
+int32_t community_list_name(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op oper,
+                            uint8_t num_keys, mgmtd_value_t *key_p, uint32_t num_values,
+                            mgmtd_tag_value_t *val_p, int32_t arg)
+{
+    return pol_config_community_list_name(vmgmtd_ctx_p, static_cast<t_pol_ctx *>(host_ctx_p), oper,
+                                          num_keys, key_p, num_values, val_p,
+                                          static_cast<community_list_type>(arg));
+}
+
+int32_t community_list(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op oper,
+                       uint8_t num_keys, mgmtd_value_t *key_p, uint32_t num_values,
+                       mgmtd_tag_value_t *val_p, int32_t arg)
+{
+    if (num_values > UINT16_MAX) {
+        return POL_CONFIG_NO_MEMORY;
+    }
+    return pol_config_community_list(vmgmtd_ctx_p, static_cast<t_pol_ctx *>(host_ctx_p), oper,
+                                     num_keys, key_p, static_cast<uint16_t>(num_values), val_p,
+                                     static_cast<community_list_type>(arg));
+}
+
+int32_t prefix_list_name(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op oper,
+                         uint8_t num_keys, mgmtd_value_t *key_p, uint32_t num_values,
+                         mgmtd_tag_value_t *val_p, int32_t arg)
+{
+    if (num_values > UINT16_MAX) {
+        return POL_CONFIG_NO_MEMORY;
+    }
+    return pol_config_policy_prefix_list_name(vmgmtd_ctx_p, static_cast<t_pol_ctx *>(host_ctx_p),
+                                              oper, num_keys, key_p,
+                                              static_cast<uint16_t>(num_values), val_p, arg != 0);
+}
+
+int32_t match_community_list(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op oper,
+                             uint8_t num_keys, mgmtd_value_t *key_p, uint32_t num_values,
+                             mgmtd_tag_value_t *val_p, int32_t arg)
+{
+    if (num_values > UINT16_MAX) {
+        return POL_CONFIG_NO_MEMORY;
+    }
+    return pol_config_control_policy_match_community_list_read(
+        vmgmtd_ctx_p, static_cast<t_pol_ctx *>(host_ctx_p), oper, num_keys, key_p,
+        static_cast<uint16_t>(num_values), val_p, static_cast<community_list_type>(arg));
+}
+
+#define POLICY_PATH "/zen-policy:policy"
+#define LISTS_PATH POLICY_PATH "/lists"
+
+// Path, callback, key depth, extra argument, name, flags. Keys are handed
+// over in the order the callbacks read them: list name, then the entry's
+// keys; policy name, sequence number, match kind. A prefix-list entry is
+// rebuilt from the lengths it is handed (a length not handed over counts
+// as absent), so its modifications carry all of its lengths.
+const std::vector<mgmtd_ds_sub_t> kSubscriptions = {
+    {LISTS_PATH "/site-list", plain<pol_config_policy_site_list_name>, 1, 0, "site-list", 0},
+    {LISTS_PATH "/site-list/site", plain<pol_config_policy_site_list>, 2, 0, "site-list-entry", 0},
+    {LISTS_PATH "/vpn-list", plain<pol_config_policy_vpn_list_name>, 1, 0, "vpn-list", 0},
+    {LISTS_PATH "/vpn-list/vpn", plain<pol_config_policy_vpn_list>, 2, 0, "vpn-list-entry", 0},
+    {LISTS_PATH "/tloc-list", plain<pol_config_policy_tloc_list_name>, 1, 0, "tloc-list", 0},
+    {LISTS_PATH "/tloc-list/tloc", plain<pol_config_policy_tloc_list>, 4, 0, "tloc-list-entry", 0},
+    {LISTS_PATH "/color-list", plain<pol_config_policy_color_list_name>, 1, 0, "color-list", 0},
+    {LISTS_PATH "/color-list/entry", plain<pol_config_policy_color_list>, 2, 0,
+     "color-list-entry", 0},
+    {LISTS_PATH "/prefix-list", prefix_list_name, 1, 1, "prefix-list", 0},
+    {LISTS_PATH "/prefix-list/entry", plain<pol_config_policy_prefix_list>, 2, 0,
+     "prefix-list-entry", MGMTD_DS_SUB_WHOLE},
+    {LISTS_PATH "/ipv6-prefix-list", prefix_list_name, 1, 0, "ipv6-prefix-list", 0},
+    {LISTS_PATH "/ipv6-prefix-list/entry", plain<pol_config_policy_prefix_list>, 2, 0,
+     "ipv6-prefix-list-entry", MGMTD_DS_SUB_WHOLE},
+    {LISTS_PATH "/community-list", community_list_name, 1, COMM_LIST_TYPE_STANDARD,
+     "community-list", 0},
+    {LISTS_PATH "/community-list/entry", community_list, 2, COMM_LIST_TYPE_STANDARD,
+     "community-list-entry", 0},
+    {LISTS_PATH "/expanded-community-list", community_list_name, 1, COMM_LIST_TYPE_EXPANDED,
+     "expanded-community-list", 0},
+    {LISTS_PATH "/expanded-community-list/entry", community_list, 2, COMM_LIST_TYPE_EXPANDED,
+     "expanded-community-list-entry", 0},
+    {POLICY_PATH "/control-policy", plain<pol_config_control_policy_read>, 1, 0,
+     "control-policy", 0},
+    {POLICY_PATH "/control-policy/sequence", plain<pol_config_control_policy_seq_read>, 2, 0,
+     "control-sequence", 0},
+    {POLICY_PATH "/control-policy/sequence/match", plain<pol_config_control_policy_match_read>, 3,
+     0, "control-match", 0},
+    {POLICY_PATH "/control-policy/sequence/match/community-list", match_community_list, 3,
+     COMM_LIST_TYPE_STANDARD, "control-match-community-list", 0},
+    {POLICY_PATH "/control-policy/sequence/match/expanded-community-list", match_community_list,
+     3, COMM_LIST_TYPE_EXPANDED, "control-match-expanded-community-list", 0},
+    {POLICY_PATH "/route-policy", plain<pol_config_route_policy_read>, 1, 0, "route-policy", 0},
+    {POLICY_PATH "/route-policy/sequence", plain<pol_config_route_policy_seq_read>, 2, 0,
+     "route-sequence", 0},
+    {POLICY_PATH "/membership-policy", plain<pol_config_membership_policy_read>, 1, 0,
+     "membership-policy", 0},
+    {POLICY_PATH "/membership-policy/sequence", plain<pol_config_membership_policy_seq_read>, 2,
+     0, "membership-sequence", 0},
+};
+
+const char *color_name_or_number(uint8_t color, char *buf, size_t size)
+{
+    const char *name = zen_util_tloc_color_name(color);
+    if (std::strcmp(name, "unknown") != 0) {
+        return name;
+    }
+    std::snprintf(buf, size, "%u", static_cast<unsigned>(color));
+    return buf;
+}
+
+}  // namespace
+
+const std::vector<mgmtd_ds_sub_t> &policy_subscriptions()
+{
+    return kSubscriptions;
+}
+
+std::string tloc_text(const t_tloc_id &tloc)
+{
+    char addr[INET6_ADDRSTRLEN + 8];
+    char color[16];
+    ipaddr_print(&tloc.addr, addr, sizeof(addr));
+    return std::string(addr) + ":" + color_name_or_number(tloc.color, color, sizeof(color)) + ":" +
+           zen_util_tloc_encap_name(tloc.encap);
+}
+
+/* ---- labels ---- */
+
+// 100000 x service + 1000 x last byte of the IPv4 address + 10 x colour +
+// encapsulation: 10.0.0.2:mpls:ipsec is 2022, behind a firewall 102022.
+uint32_t label_table::rule(const t_tloc_id &tloc, uint16_t service)
+{
+    const uint32_t last_byte =
+        IPADDR_IS_V4(&tloc.addr) ? ntohl(tloc.addr.u.addr4.s_addr) & 0xFFu : 0;
+    return 100000u * service + 1000u * last_byte + 10u * tloc.color + tloc.encap;
+}
+
+void label_table::set_label(const t_tloc_id &tloc, uint32_t label)
+{
+    explicit_[tloc_text(tloc)] = label;
+}
+
+void label_table::set_unreachable(const t_tloc_id &tloc)
+{
+    unreachable_.insert(tloc_text(tloc));
+}
+
+bool label_table::resolve(const t_tloc_id &tloc, uint64_t vpn, uint16_t service, uint32_t *label)
+{
+    const std::string text = tloc_text(tloc);
+    if (unreachable_.count(text) != 0) {
+        return false;
+    }
+    auto it = explicit_.find(text);
+    *label = it != explicit_.end() ? it->second : rule(tloc, service);
+    handed_out_[key{text, vpn, service}] = *label;
+    return true;
+}
+
+/* ---- host ---- */
+
+host::host() = default;
+
+host::~host()
+{
+    for (auto &user : users_) {
+        pol_unregister(&user->handle);
+    }
+    if (ctx_ != nullptr) {
+        pol_destroy();
+    }
+    mgmtd_ds_close(ds_);
+    if (g_host == this) {
+        g_host = nullptr;
+    }
+}
+
+bool host::start(std::string *error)
+{
+    char msg[512] = "";
+    ds_ = mgmtd_ds_open(mgmtd_ds_policy_schema(), msg, sizeof(msg));
+    if (ds_ == nullptr) {
+        *error = std::string("configuration datastore: ") + msg;
+        return false;
+    }
+    t_pol_init_params init;
+    std::memset(&init, 0, sizeof(init));
+    init.pol_label_cb = on_label;
+    init.tenant_vpn_id = 1;
+    std::snprintf(init.tenant_orgname, sizeof(init.tenant_orgname), "%s", "polctl");
+    ctx_ = pol_init(&init);
+    if (ctx_ == nullptr) {
+        *error = "the policy library did not start";
+        return false;
+    }
+    const std::vector<mgmtd_ds_sub_t> &subs = policy_subscriptions();
+    if (mgmtd_ds_subscribe(ds_, subs.data(), subs.size(), ctx_) != MGMTD_DS_OK) {
+        *error = std::string("subscription table: ") + mgmtd_ds_error(ds_);
+        return false;
+    }
+    g_host = this;
+    return true;
+}
+
+int host::commit_file(const std::string &path, std::string *error)
+{
+    const int status = mgmtd_ds_commit_file(ds_, path.c_str());
+    if (status == MGMTD_DS_OK) {
+        // TLOC lists that changed refresh the labels of what uses them.
+        pol_config_update_tloc_list(nullptr, ctx_);
+    } else {
+        *error = mgmtd_ds_error(ds_);
+    }
+    return status;
+}
+
+user_record *host::register_user(const std::string &name, const std::string &policy,
+                                 e_pol_type type, e_pol_dir dir)
+{
+    auto record = std::make_unique<user_record>();
+    record->name = name;
+    record->policy = policy;
+    record->type = type;
+    record->dir = dir;
+    record->owner = this;
+    t_pol_reg_params reg;
+    std::memset(&reg, 0, sizeof(reg));
+    std::snprintf(reg.user_name, sizeof(reg.user_name), "%s", name.c_str());
+    std::snprintf(reg.pol_name, sizeof(reg.pol_name), "%s", policy.c_str());
+    reg.pol_type = type;
+    reg.pol_direction = dir;
+    reg.pol_chg_cb = on_change;
+    reg.pol_label_cb = on_label;
+    reg.user_ctx_p = record.get();
+    record->handle = pol_register(&reg);
+    if (record->handle == nullptr) {
+        return nullptr;
+    }
+    users_.push_back(std::move(record));
+    return users_.back().get();
+}
+
+std::vector<notification> host::take_notifications()
+{
+    std::vector<notification> out;
+    out.swap(notifications_);
+    return out;
+}
+
+void host::on_change(t_pol_user *handle, void *user_ctx_p)
+{
+    auto *record = static_cast<user_record *>(user_ctx_p);
+    if (record == nullptr || record->owner == nullptr) {
+        return;
+    }
+    char policy[POL_NAME_SIZE];
+    pol_handle_get_name(handle, policy, sizeof(policy));
+    record->owner->notifications_.push_back({record->name, policy});
+}
+
+// Appends the TLOC with its label to the TE table, keeping the last slot
+// free for the ultimate-TLOC fallback the library may add.
+void host::on_label(uint16_t, uint32_t addr, uint8_t color, uint8_t encap, uint64_t vpn_id,
+                    uint16_t service, bool, uint32_t *, t_tloc_id *, t_pol_te_info *te_info_p,
+                    uint32_t preference)
+{
+    if (g_host == nullptr || te_info_p == nullptr ||
+        te_info_p->num_entries + 1 >= POL_MAX_TE_ENTRIES) {
+        return;
+    }
+    t_tloc_id tloc;
+    std::memset(&tloc, 0, sizeof(tloc));
+    IPADDR_SET_V4(&tloc.addr, addr);
+    tloc.color = color;
+    tloc.encap = encap;
+    uint32_t label = 0;
+    if (!g_host->labels_.resolve(tloc, vpn_id, service, &label)) {
+        return;
+    }
+    t_pol_te &te = te_info_p->entries[te_info_p->num_entries++];
+    te.label = label;
+    te.preference = preference;
+    TLOC_COPY(&te.tloc, &tloc);
+}
+
+}  // namespace polctl

@@ -1,0 +1,117 @@
+// polctl: the command-line host of the policy library.
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "polctl_cmd.hpp"
+
+namespace {
+
+const char kUsage[] =
+    "usage: polctl [--json] [--debug LEVEL] COMMAND [ARGS]\n"
+    "\n"
+    "commands:\n"
+    "  run [CONFIG] [ROUTES]       commit CONFIG, register the users ROUTES declares and run\n"
+    "                              its routes; print verdicts, flags, rewritten attributes,\n"
+    "                              TLOCs with labels, export VPNs and communities\n"
+    "  diff OLD NEW                commit OLD, then NEW; print every callback delivered and\n"
+    "                              every user notified\n"
+    "  check CONFIG                validate CONFIG and summarise it\n"
+    "  show WHAT [CONFIG] [ROUTES] load CONFIG (and the users of ROUTES) and print the\n"
+    "                              library's dump of WHAT: policies, lists, users or memory\n"
+    "\n"
+    "CONFIG is an XML or JSON (*.json) file of the zen-policy module; ROUTES a routes file.\n"
+    "Defaults: the files of the examples directory (%s).\n"
+    "\n"
+    "options:\n"
+    "  --json          print the report as JSON\n"
+    "  --debug LEVEL   library debug level; its log lines go to standard error\n"
+    "  -h, --help      print this help\n"
+    "\n"
+    "exit status: 0 done, 1 bad input (the message names the file and line, or the\n"
+    "configuration path), 2 usage\n";
+
+void usage(std::ostream &out)
+{
+    char text[sizeof(kUsage) + 512];
+    std::snprintf(text, sizeof(text), kUsage, polctl::examples_dir().c_str());
+    out << text;
+}
+
+int usage_error(const std::string &message)
+{
+    std::cerr << "polctl: " << message << "\n";
+    usage(std::cerr);
+    return polctl::EXIT_USAGE;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    polctl::options opt;
+    std::vector<std::string> args;
+    for (int i = 1; i < argc; i++) {
+        const std::string arg = argv[i];
+        if (arg == "-h" || arg == "--help") {
+            usage(std::cout);
+            return polctl::EXIT_OK;
+        }
+        if (arg == "--json") {
+            opt.json = true;
+        } else if (arg == "--debug") {
+            char *end = nullptr;
+            if (i + 1 >= argc) {
+                return usage_error("--debug needs a level");
+            }
+            const unsigned long level = std::strtoul(argv[++i], &end, 10);
+            if (*end != '\0' || level > 255) {
+                return usage_error("--debug needs a level from 0 to 255");
+            }
+            opt.debug = static_cast<uint32_t>(level);
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return usage_error("unknown option " + arg);
+        } else {
+            args.push_back(arg);
+        }
+    }
+    if (args.empty()) {
+        return usage_error("no command");
+    }
+    const std::string command = args[0];
+    const std::string examples = polctl::examples_dir();
+    const std::string config = examples + "/policy.xml";
+    const std::string routes = examples + "/routes.txt";
+    auto arg = [&](size_t i, const std::string &fallback) {
+        return args.size() > i ? args[i] : fallback;
+    };
+    if (command == "run") {
+        if (args.size() > 3) {
+            return usage_error("run takes at most CONFIG and ROUTES");
+        }
+        return polctl::cmd_run(opt, arg(1, config), arg(2, routes), std::cout, std::cerr);
+    }
+    if (command == "diff") {
+        if (args.size() != 3) {
+            return usage_error("diff needs OLD and NEW");
+        }
+        return polctl::cmd_diff(opt, args[1], args[2], std::cout, std::cerr);
+    }
+    if (command == "check") {
+        if (args.size() != 2) {
+            return usage_error("check needs one CONFIG");
+        }
+        return polctl::cmd_check(opt, args[1], std::cout, std::cerr);
+    }
+    if (command == "show") {
+        if (args.size() < 2 || args.size() > 4) {
+            return usage_error("show needs WHAT, then at most CONFIG and ROUTES");
+        }
+        // The example routes file only goes with the example configuration.
+        const std::string users = args.size() > 2 ? arg(3, "") : routes;
+        return polctl::cmd_show(opt, args[1], arg(2, config), users, std::cout, std::cerr);
+    }
+    return usage_error("unknown command \"" + command + "\"");
+}

@@ -1,0 +1,72 @@
+// The routes file of polctl: the device kind, the users to register, label
+// rules and the routes to run, one statement a line (docs/polctl-routes.md).
+#ifndef POLCTL_ROUTES_HPP
+#define POLCTL_ROUTES_HPP
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "pol_internal.h"
+
+namespace polctl {
+
+// A problem of one line of an input file.
+struct input_error {
+    std::string file;
+    int line = 0;
+    std::string message;
+
+    std::string text() const;
+};
+
+struct user_decl {
+    int line = 0;
+    std::string name;
+    std::string policy;
+    e_pol_type type = POL_TYPE_ROUTE;
+    e_pol_dir dir = POL_DIR_OUT;
+};
+
+struct label_decl {
+    int line = 0;
+    t_tloc_id tloc{};
+    bool unreachable = false;
+    uint32_t label = 0;
+};
+
+struct route_decl {
+    int line = 0;
+    std::string user;
+    std::string text;  // the route as written, after the user name
+    uint8_t safi = POL_SAFI_VROUTE;
+    uint16_t afi = 1;
+    t_ipprefix prefix{};       // virtual route
+    uint64_t vpn = 0;          // virtual and service routes
+    t_tloc_id route_tloc{};    // TLOC route
+    t_zen_attr attr{};         // attributes (community_p stays null here)
+    std::vector<uint32_t> communities;
+    bool has_communities = false;
+    uint32_t in_label = 0;
+};
+
+struct routes_file {
+    std::string path;
+    e_zen_device device = ZEN_DEVICE_QARMON;
+    std::vector<user_decl> users;
+    std::vector<label_decl> labels;
+    std::vector<route_decl> routes;
+    std::vector<input_error> errors;
+};
+
+// Reads the file; a bad line is recorded in errors and skipped. False
+// (with one error) only when the file cannot be read.
+bool read_routes_file(const std::string &path, routes_file *out);
+
+// Text forms shared with the output: "10.0.0.1:mpls:ipsec" and device names.
+bool parse_tloc(const std::string &text, t_tloc_id *tloc);
+const char *device_name(e_zen_device device);
+
+}  // namespace polctl
+
+#endif  // POLCTL_ROUTES_HPP
