@@ -9,7 +9,7 @@
 // not grow with the size of the lists.
 #include <arpa/inet.h>
 
-#include <unordered_map>
+#include <tuple>
 
 #include <zen/zen_util.h>
 
@@ -56,12 +56,16 @@ struct bits128 {
     bool operator==(const bits128 &o) const { return hi == o.hi && lo == o.lo; }
 };
 
-struct bits128_hash {
-    std::size_t operator()(const bits128 &b) const
-    {
-        return std::hash<uint64_t>()(b.hi * 0x9e3779b97f4a7c15ULL ^ b.lo);
-    }
-};
+// splitmix64 finaliser: every input bit reaches the low bits a table
+// index is taken from.
+uint64_t mix64(uint64_t x)
+{
+    x ^= x >> 30;
+    x *= 0xbf58476d1ce4e5b9ULL;
+    x ^= x >> 27;
+    x *= 0x94d049bb133111ebULL;
+    return x ^ (x >> 31);
+}
 
 uint8_t family_width(e_ipaddr_type type)
 {
@@ -131,17 +135,93 @@ bool is_catch_all(const t_pfx_entry *e)
 // Entries grouped by address family and covering prefix: a route visits
 // only the groups on its own path (one lookup per entry length present),
 // and the catch-all entries, which skip containment, are held apart.
-struct prefix_index : _t_pol_list_exec_index {
-    struct family_part {
-        std::vector<uint8_t> lengths;  // distinct (clamped) entry lengths, ascending
-        std::unordered_map<uint8_t, std::unordered_map<bits128, std::vector<length_rule>, bits128_hash>>
-            by_length;
+// The entries of one address family grouped by (length, masked prefix) in
+// a flat open-addressing table: a route probes once per entry length
+// present, and each probe touches one slot and one run of rules, so the
+// cost stays flat as the list grows.
+struct prefix_groups {
+    struct slot {
+        bits128 key;
+        uint32_t first;  // index of the group's first rule in rules
+        uint32_t count;  // 0: empty slot
+        uint8_t len;
     };
-    family_part v4;
-    family_part v6;
+    struct pending {
+        uint8_t len;
+        bits128 key;
+        length_rule rule;
+    };
+    std::vector<uint8_t> lengths;  // distinct (clamped) entry lengths, ascending
+    std::vector<slot> slots;       // power-of-two size, at least twice the groups
+    std::vector<length_rule> rules;
+    std::vector<pending> added;    // filled by add, consumed by finish
+
+    static std::size_t hash(const bits128 &key, uint8_t len)
+    {
+        return mix64(key.hi ^ mix64(key.lo ^ len));
+    }
+
+    const slot *probe(const bits128 &key, uint8_t len) const
+    {
+        std::size_t mask = slots.size() - 1;
+        for (std::size_t i = hash(key, len) & mask;; i = (i + 1) & mask) {
+            const slot &s = slots[i];
+            if (s.count == 0 || (s.len == len && s.key == key)) {
+                return &s;
+            }
+        }
+    }
+
+    void finish()
+    {
+        std::sort(added.begin(), added.end(), [](const pending &a, const pending &b) {
+            return std::tie(a.len, a.key.hi, a.key.lo) < std::tie(b.len, b.key.hi, b.key.lo);
+        });
+        std::size_t size = 16;
+        while (size < added.size() * 2) {
+            size *= 2;
+        }
+        slots.assign(size, slot{});
+        for (const pending &p : added) {
+            auto *s = const_cast<slot *>(probe(p.key, p.len));
+            if (s->count == 0) {
+                *s = {p.key, static_cast<uint32_t>(rules.size()), 0, p.len};
+                if (lengths.empty() || lengths.back() != p.len) {
+                    lengths.push_back(p.len);
+                }
+            }
+            rules.push_back(p.rule);
+            s->count++;
+        }
+        added.clear();
+        added.shrink_to_fit();
+    }
+
+    bool matches(const t_ipaddr &addr, uint8_t clamped_len, uint8_t route_len) const
+    {
+        for (uint8_t len : lengths) {
+            if (len > clamped_len) {
+                break;
+            }
+            const slot *s = probe(masked_bits(addr, len), len);
+            for (uint32_t i = 0; i < s->count; i++) {
+                if (rules[s->first + i].holds(route_len)) {
+                    return true;
+                }
+            }
+        }
+        return false;
+    }
+};
+
+// Entries by address family, and the catch-all entries, which skip the
+// containment test, held apart.
+struct prefix_index : _t_pol_list_exec_index {
+    prefix_groups v4;
+    prefix_groups v6;
     std::vector<length_rule> catch_all;
 
-    family_part *part_of(e_ipaddr_type type)
+    prefix_groups *part_of(e_ipaddr_type type)
     {
         return type == IP_ADDR_V4 ? &v4 : (type == IP_ADDR_V6 ? &v6 : nullptr);
     }
@@ -153,22 +233,18 @@ struct prefix_index : _t_pol_list_exec_index {
             catch_all.push_back(rule);
             return;
         }
-        family_part *part = part_of(e->prefix.addr.addr_type);
+        prefix_groups *part = part_of(e->prefix.addr.addr_type);
         if (part == nullptr) {
             return;  // an address of no family contains nothing
         }
         uint8_t len = std::min(e->prefix.prefixlen, family_width(e->prefix.addr.addr_type));
-        part->by_length[len][masked_bits(e->prefix.addr, len)].push_back(rule);
+        part->added.push_back({len, masked_bits(e->prefix.addr, len), rule});
     }
 
     void finish()
     {
-        for (family_part *part : {&v4, &v6}) {
-            for (const auto &kv : part->by_length) {
-                part->lengths.push_back(kv.first);
-            }
-            std::sort(part->lengths.begin(), part->lengths.end());
-        }
+        v4.finish();
+        v6.finish();
     }
 
     bool matches(const t_ipprefix &route) const
@@ -178,29 +254,13 @@ struct prefix_index : _t_pol_list_exec_index {
                 return true;
             }
         }
-        const family_part *part = route.addr.addr_type == IP_ADDR_V4
-                                      ? &v4
-                                      : (route.addr.addr_type == IP_ADDR_V6 ? &v6 : nullptr);
+        e_ipaddr_type type = route.addr.addr_type;
+        const prefix_groups *part = type == IP_ADDR_V4 ? &v4 : (type == IP_ADDR_V6 ? &v6 : nullptr);
         if (part == nullptr) {
             return false;
         }
-        uint8_t route_len = std::min(route.prefixlen, family_width(route.addr.addr_type));
-        for (uint8_t len : part->lengths) {
-            if (len > route_len) {
-                break;
-            }
-            const auto &groups = part->by_length.at(len);
-            auto it = groups.find(masked_bits(route.addr, len));
-            if (it == groups.end()) {
-                continue;
-            }
-            for (const length_rule &rule : it->second) {
-                if (rule.holds(route.prefixlen)) {
-                    return true;
-                }
-            }
-        }
-        return false;
+        uint8_t clamped = std::min(route.prefixlen, family_width(type));
+        return part->matches(route.addr, clamped, route.prefixlen);
     }
 };
 
