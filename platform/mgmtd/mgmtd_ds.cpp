@@ -58,20 +58,6 @@ uint32_t text_hash(const char *text)
     return h;
 }
 
-const char *oper_name(mgmtd_iter_op oper)
-{
-    switch (oper) {
-    case MOP_CREATED:
-        return "create";
-    case MOP_DELETED:
-        return "delete";
-    case MOP_MODIFIED:
-        return "modify";
-    default:
-        return "other";
-    }
-}
-
 // A data path as text (libyang allocates it).
 std::string path_of(const lyd_node *node)
 {
@@ -557,7 +543,7 @@ struct mgmtd_ds {
         }
         if (status != 0) {
             error = format("commit stopped at %s: %s callback %s returned status %" PRId32,
-                           path.c_str(), oper_name(oper), s.name.c_str(), status);
+                           path.c_str(), mgmtd_iter_op_name(oper), s.name.c_str(), status);
             return false;
         }
         return true;
@@ -1037,6 +1023,20 @@ const char *mgmtd_ds_tag_name(const mgmtd_ds_t *ds, uint32_t tag)
 {
     auto it = ds->name_of_tag.find(tag);
     return it != ds->name_of_tag.end() ? it->second.c_str() : nullptr;
+}
+
+const char *mgmtd_iter_op_name(mgmtd_iter_op oper)
+{
+    switch (oper) {
+    case MOP_CREATED:
+        return "create";
+    case MOP_DELETED:
+        return "delete";
+    case MOP_MODIFIED:
+        return "modify";
+    default:
+        return "other";
+    }
 }
 
 const char *mgmtd_value_type_name(enum mgmtd_vtype type)

@@ -178,6 +178,22 @@ bool start_host(host &h, std::ostream &err)
     return true;
 }
 
+// Starts the host and commits one configuration file: EXIT_OK, or the exit
+// status of the failure, already reported.
+int start_and_commit(host &h, const options &opt, const char *command, const std::string &config,
+                     std::ostream &out, std::ostream &err)
+{
+    set_logging(opt, err);
+    if (!start_host(h, err)) {
+        return EXIT_INPUT;
+    }
+    std::string message;
+    if (h.commit_file(config, &message) != MGMTD_DS_OK) {
+        return input_failure(opt, command, config, {ds_error(config, message)}, out, err);
+    }
+    return EXIT_OK;
+}
+
 /* ---- run ---- */
 
 struct te_row {
@@ -443,20 +459,6 @@ struct diff_trace {
     std::vector<callback_record> records;
 };
 
-const char *oper_word(mgmtd_iter_op oper)
-{
-    switch (oper) {
-    case MOP_CREATED:
-        return "create";
-    case MOP_DELETED:
-        return "delete";
-    case MOP_MODIFIED:
-        return "modify";
-    default:
-        return "other";
-    }
-}
-
 std::string value_text(const mgmtd_value_t &v)
 {
     if (v.type == C_XMLBEGIN || v.type == C_XMLEND || v.type == C_NOEXISTS) {
@@ -512,7 +514,7 @@ void print_commit_text(int number, const commit_report &c, std::ostream &out)
     size_t notified = 0;
     for (size_t i = 0; i < c.callbacks.size(); i++) {
         const callback_record &rec = c.callbacks[i];
-        out << "  #" << i + 1 << " " << oper_word(rec.oper) << " " << rec.sub << " " << rec.path
+        out << "  #" << i + 1 << " " << mgmtd_iter_op_name(rec.oper) << " " << rec.sub << " " << rec.path
             << (rec.arg != 0 ? " arg " + std::to_string(rec.arg) : "")
             << (rec.status != 0 ? " status " + std::to_string(rec.status) : "") << "\n";
         out << "     keys: " << (rec.keys.empty() ? "-" : join(rec.keys, ", ")) << "\n";
@@ -539,7 +541,7 @@ void print_commit_json(json_writer &j, const commit_report &c)
     j.begin_object().field("file", c.file).key("callbacks").begin_array();
     for (const callback_record &rec : c.callbacks) {
         j.begin_object()
-            .field("operation", oper_word(rec.oper))
+            .field("operation", mgmtd_iter_op_name(rec.oper))
             .field("subscription", rec.sub)
             .field("path", rec.path)
             .field("arg", static_cast<int64_t>(rec.arg))
@@ -689,16 +691,11 @@ std::string examples_dir()
 int cmd_run(const options &opt, const std::string &config, const std::string &routes,
             std::ostream &out, std::ostream &err)
 {
-    set_logging(opt, err);
     host h;
-    if (!start_host(h, err)) {
-        return EXIT_INPUT;
+    if (int rc = start_and_commit(h, opt, "run", config, out, err); rc != EXIT_OK) {
+        return rc;
     }
     std::vector<input_error> errors;
-    std::string message;
-    if (h.commit_file(config, &message) != MGMTD_DS_OK) {
-        return input_failure(opt, "run", config, {ds_error(config, message)}, out, err);
-    }
     const uint32_t delivered = mgmtd_ds_delivered(h.ds());
     routes_file rf;
     if (!read_routes_file(routes, &rf)) {
@@ -921,16 +918,11 @@ int cmd_show(const options &opt, const std::string &what, const std::string &con
         err << "polctl: show what? (policies, lists, users or memory), not \"" << what << "\"\n";
         return EXIT_USAGE;
     }
-    set_logging(opt, err);
     host h;
-    if (!start_host(h, err)) {
-        return EXIT_INPUT;
+    if (int rc = start_and_commit(h, opt, "show", config, out, err); rc != EXIT_OK) {
+        return rc;
     }
     std::vector<input_error> errors;
-    std::string message;
-    if (h.commit_file(config, &message) != MGMTD_DS_OK) {
-        return input_failure(opt, "show", config, {ds_error(config, message)}, out, err);
-    }
     routes_file rf;
     if (!routes.empty()) {
         read_routes_file(routes, &rf);

@@ -157,6 +157,9 @@ const char *mgmtd_ds_tag_name(const mgmtd_ds_t *ds, uint32_t tag);
 
 /* Value kind name ("C_BUF") and value text ("10.0.0.1", "[100:1 100:2]"). */
 const char *mgmtd_value_type_name(enum mgmtd_vtype type);
+
+/* "create", "delete", "modify", or "other". */
+const char *mgmtd_iter_op_name(mgmtd_iter_op oper);
 char *mgmtd_value_print(const mgmtd_value_t *value, char *buf, size_t size);
 
 #ifdef __cplusplus
