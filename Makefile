@@ -1,5 +1,6 @@
 # Entry points: `make test` builds and runs every test in the normal and the
-# sanitizer build; `make demo` runs polctl on the examples; `make bench` runs the
+# sanitizer build; `make demo` loads the examples with polctl, prints the
+# policies with the library's dump and runs the example routes; `make bench` runs the
 # benchmarks of a release build; `make install PREFIX=...` installs.
 
 PREFIX ?= /usr/local
@@ -41,6 +42,7 @@ test-asan: build-asan
 test: test-normal test-asan
 
 demo: build
+	./$(BUILD)/tools/polctl show policies examples/policy.xml examples/routes.txt
 	./$(BUILD)/tools/polctl run examples/policy.xml examples/routes.txt
 
 bench: deps $(BUILD_REL)/CMakeCache.txt
