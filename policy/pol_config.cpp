@@ -1037,6 +1037,20 @@ t_pol_entry *typed_sequence_for(t_pol_ctx *ctx, t_pol_block *block, uint32_t seq
     return entry;
 }
 
+// A list-name node carries no leaves the library reads: a delete drops the
+// list's configuration, anything else is only traced.
+template <typename Delete>
+int32_t delete_or_trace(mgmtd_iter_op oper, mgmtd_tag_value_t *val_p, uint32_t num_values,
+                        Delete &&cfg_del)
+{
+    if (oper == MOP_DELETED) {
+        cfg_del();
+    } else {
+        trace_values(val_p, num_values);
+    }
+    return POL_CONFIG_OK;
+}
+
 }  // namespace
 
 extern "C" {
@@ -1065,12 +1079,7 @@ int32_t pol_config_policy_site_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx_
     const char *name = key_text(key_p);
     POL_DBG(0, "Site list Config - Name:%s, Oper:%u, num:%u", name, static_cast<unsigned>(oper),
             static_cast<unsigned>(num_values));
-    if (oper == MOP_DELETED) {
-        pol_site_list_cfg_del(pol_ctx_p, name);
-    } else {
-        trace_values(val_p, num_values);
-    }
-    return POL_CONFIG_OK;
+    return delete_or_trace(oper, val_p, num_values, [&] { pol_site_list_cfg_del(pol_ctx_p, name); });
 }
 
 int32_t pol_config_policy_site_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, mgmtd_iter_op oper,
@@ -1101,12 +1110,7 @@ int32_t pol_config_policy_vpn_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p
     const char *name = key_text(key_p);
     POL_DBG(0, "VPN list Config - Name:%s, Oper:%u, num:%u", name, static_cast<unsigned>(oper),
             static_cast<unsigned>(num_values));
-    if (oper == MOP_DELETED) {
-        pol_vpn_list_cfg_del(pol_ctx_p, name);
-    } else {
-        trace_values(val_p, num_values);
-    }
-    return POL_CONFIG_OK;
+    return delete_or_trace(oper, val_p, num_values, [&] { pol_vpn_list_cfg_del(pol_ctx_p, name); });
 }
 
 int32_t pol_config_policy_vpn_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, mgmtd_iter_op oper,
@@ -1139,12 +1143,7 @@ int32_t pol_config_policy_tloc_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx_
     const char *name = key_text(key_p);
     POL_DBG(0, "Tloc list Config - Name:%s, Oper:%u, num:%u", name, static_cast<unsigned>(oper),
             static_cast<unsigned>(num_values));
-    if (oper == MOP_DELETED) {
-        pol_tloc_list_cfg_del(pol_ctx_p, name);
-    } else {
-        trace_values(val_p, num_values);
-    }
-    return POL_CONFIG_OK;
+    return delete_or_trace(oper, val_p, num_values, [&] { pol_tloc_list_cfg_del(pol_ctx_p, name); });
 }
 
 // Every operation but a delete (re-)adds the entry with its preference.
@@ -1184,12 +1183,7 @@ int32_t pol_config_policy_color_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx
     const char *name = key_text(key_p);
     POL_DBG(0, "Color list Config - Name:%s, Oper:%u, num:%u", name, static_cast<unsigned>(oper),
             static_cast<unsigned>(num_values));
-    if (oper == MOP_DELETED) {
-        pol_color_list_cfg_del(pol_ctx_p, name);
-    } else {
-        trace_values(val_p, num_values);
-    }
-    return POL_CONFIG_OK;
+    return delete_or_trace(oper, val_p, num_values, [&] { pol_color_list_cfg_del(pol_ctx_p, name); });
 }
 
 int32_t pol_config_policy_color_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
@@ -1221,12 +1215,7 @@ int32_t pol_config_community_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
     const char *name = key_text(key_p);
     POL_DBG(0, "Community list Config - Name:%s, type:%d, Oper:%u, num:%u", name,
             static_cast<int>(list_type), static_cast<unsigned>(oper), num_values);
-    if (oper == MOP_DELETED) {
-        pol_community_list_cfg_del(pol_ctx_p, name, list_type);
-    } else {
-        trace_values(val_p, num_values);
-    }
-    return POL_CONFIG_OK;
+    return delete_or_trace(oper, val_p, num_values, [&] { pol_community_list_cfg_del(pol_ctx_p, name, list_type); });
 }
 
 int32_t pol_config_community_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, mgmtd_iter_op oper,
@@ -1260,12 +1249,7 @@ int32_t pol_config_policy_prefix_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ct
     POL_DBG(0, "Prefix list Config - Name:%s, is_ipv4:%u, Oper:%u, num:%u", key.pfx_key_name_p,
             static_cast<unsigned>(is_ipv4), static_cast<unsigned>(oper),
             static_cast<unsigned>(num_values));
-    if (oper == MOP_DELETED) {
-        pol_pfx_list_cfg_del(pol_ctx_p, &key);
-    } else {
-        trace_values(val_p, num_values);
-    }
-    return POL_CONFIG_OK;
+    return delete_or_trace(oper, val_p, num_values, [&] { pol_pfx_list_cfg_del(pol_ctx_p, &key); });
 }
 
 // The entry's family is that of its prefix key; every operation but a
