@@ -11,10 +11,10 @@ function(polctl_test name rc)
             -DERR_REGEX=${T_ERR_REGEX} -DOUT_REGEX=${T_OUT_REGEX}
             -P ${CMAKE_CURRENT_SOURCE_DIR}/polctl_check.cmake)
   set_tests_properties(${name} PROPERTIES
-    ENVIRONMENT "LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/lsan.supp:print_suppressions=0")
+    ENVIRONMENT "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/lsan.supp:print_suppressions=0")
 endfunction()
 
-set(POLCTL_GOLDEN ${CMAKE_CURRENT_SOURCE_DIR}/golden)
+set(POLCTL_GOLDEN ${PROJECT_SOURCE_DIR}/tests/golden)
 set(POLCTL_DATA tests/data/polctl)
 polctl_test(polctl_run 0 ARGS run examples/policy.xml examples/routes.txt
   GOLDEN ${POLCTL_GOLDEN}/run.txt)
