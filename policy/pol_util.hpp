@@ -92,6 +92,21 @@ private:
     avl_tree_t *t_;
 };
 
+// Record a real change in a caller's changed byte (when one was given); the
+// byte is never cleared.
+inline void mark_changed(uint8_t *changed)
+{
+    if (changed != nullptr) {
+        *changed = 1;
+    }
+}
+
+// Data and performance-routing blocks keep their sequences per VPN list.
+inline bool is_data_kind(e_pol_type type)
+{
+    return type == POL_TYPE_DATA || type == POL_TYPE_PFR;
+}
+
 // Create a tree of records of type Rec whose node is the given member.
 #define POL_TREE_CREATE(tree_p, cmp, Rec, member) \
     avl_create((tree_p), (cmp), sizeof(Rec), offsetof(Rec, member))
