@@ -8,6 +8,9 @@
 // templates of cflowd blocks by pol_cflowd.cpp.
 #include <libxml/xmlmemory.h>
 
+#include <cstddef>
+#include <type_traits>
+
 #include "pol_util.hpp"
 
 namespace {
@@ -47,6 +50,82 @@ void detach_users(t_pol_ctx *ctx, t_pol_block *block)
         user->pol_block_p = nullptr;
     }
     pol_block_users_add_to_chg_list(ctx, block);
+}
+
+// Equality of one field, never reading padding: a field whose type has no
+// padding byte for byte, the others member by member.
+template <typename T>
+bool same_field(const T &a, const T &b)
+{
+    static_assert(std::has_unique_object_representations_v<T>,
+                  "a field with padding needs a comparison of its own");
+    return std::memcmp(&a, &b, sizeof(T)) == 0;
+}
+
+bool same_field(const t_ipaddr &a, const t_ipaddr &b)
+{
+    return pol::same_addr(a, b);
+}
+
+bool same_field(const t_tloc_id &a, const t_tloc_id &b)
+{
+    return pol::same_tloc(a, b);
+}
+
+bool same_field(const avl_node_t &a, const avl_node_t &b)
+{
+    return a.avl_child[0] == b.avl_child[0] && a.avl_child[1] == b.avl_child[1] &&
+           a.avl_parent == b.avl_parent && a.avl_balance == b.avl_balance &&
+           a.avl_which == b.avl_which;
+}
+
+bool same_field(const t_dll &a, const t_dll &b)
+{
+    return a.p_head == b.p_head && a.p_tail == b.p_tail && a.count == b.count;
+}
+
+template <typename R, typename... F>
+bool same_fields(const R &a, const R &b, F R::*...fields)
+{
+    return (same_field(a.*fields, b.*fields) && ...);
+}
+
+// The part of a sequence that a default action takes over from its
+// prototype is as long as a set-entry record: the sequence's own leading
+// fields and its match entry up to the ICMP lists.
+static_assert(offsetof(t_pol_entry, match_entry) + offsetof(t_pol_match_entry, match_icmp_list) ==
+                  sizeof(t_pol_set_entry),
+              "the fields compared below no longer make up the copied part");
+
+bool same_default_part(const t_pol_entry &a, const t_pol_entry &b)
+{
+    using E = t_pol_entry;
+    using M = t_pol_match_entry;
+    return same_fields(a, b, &E::entry_num, &E::entry_node, &E::pol_block_p, &E::pol_vpn_p,
+                       &E::entry_match_flags, &E::entry_set_flags) &&
+           same_fields(a.match_entry, b.match_entry, &M::match_type, &M::match_pfx_entry,
+                       &M::match_tloc_entry, &M::match_site_entry, &M::match_community_entry,
+                       &M::match_vpn_entry, &M::app_list_entry, &M::dns_app_list_entry,
+                       &M::saas_app_list_entry, &M::fwd_src_pfx_entry, &M::fwd_dst_pfx_entry,
+                       &M::fwd_src_pfx6_entry, &M::fwd_dst_pfx6_entry, &M::match_app_id_entry,
+                       &M::match_color_entry, &M::pol_block_p, &M::pol_vpn_p,
+                       &M::match_site_list_p, &M::match_tag, &M::match_site_id, &M::match_tloc,
+                       &M::match_pfx_list_p, &M::match_vpn_id, &M::match_vpn_list_p,
+                       &M::match_tloc_list_p, &M::match_preference, &M::match_domain,
+                       &M::match_group, &M::match_carrier, &M::match_origin_type,
+                       &M::match_origin_subtype, &M::match_origin_metric, &M::match_originator,
+                       &M::match_color, &M::match_color_list_p, &M::match_app_id_p,
+                       &M::match_community_list_p, &M::match_exp_community_list_p) &&
+           same_fields(a.match_entry, b.match_entry, &M::match_src_ip_list, &M::match_num_src_ip,
+                       &M::match_src_list_p, &M::match_src_ipv6_list, &M::match_num_src_ipv6,
+                       &M::match_src6_list_p, &M::match_dst_ip_list, &M::match_num_dst_ip,
+                       &M::match_dst_list_p, &M::match_dst_ipv6_list, &M::match_num_dst_ipv6,
+                       &M::match_dst6_list_p, &M::match_app_list_p, &M::match_dns_app_list_p,
+                       &M::match_saas_app_list, &M::match_src_port_list, &M::match_num_src_port,
+                       &M::match_dst_port_list, &M::match_num_dst_port, &M::match_proto_list,
+                       &M::match_num_proto, &M::match_dscp_list, &M::match_num_dscp,
+                       &M::match_plp, &M::match_dns, &M::match_traf_category, &M::match_tcp_flags,
+                       &M::match_packet_len, &M::match_num_packet_len);
 }
 
 }  // namespace
@@ -200,14 +279,14 @@ void pol_block_destroy(t_pol_ctx *ctx)
     }
 }
 
-// Compares and copies only the leading part of the default entry, of the
-// size of a set-entry record; the default action itself is written by the
-// configuration reader.
+// Compares (field by field) and copies only the leading part of the
+// default entry, of the size of a set-entry record; the default action
+// itself is written by the configuration reader.
 t_pol_entry *pol_block_default_action_add(t_pol_ctx *ctx, t_pol_block *block,
                                           const t_pol_entry *proto, uint8_t *changed)
 {
     t_pol_entry *dflt = &block->default_action_entry;
-    if (std::memcmp(dflt, proto, sizeof(t_pol_set_entry)) != 0) {
+    if (!same_default_part(*dflt, *proto)) {
         std::memcpy(static_cast<void *>(dflt), proto, sizeof(t_pol_set_entry));
         pol::mark_changed(changed);
         pol_block_users_add_to_chg_list(ctx, block);

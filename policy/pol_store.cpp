@@ -56,11 +56,6 @@ bool clear_value(t_pol_ctx *ctx, t_pol_entry *entry, uint64_t &flags, uint64_t b
     return true;
 }
 
-bool tloc_bytes_equal(const t_tloc_id &a, const t_tloc_id &b)
-{
-    return std::memcmp(&a, &b, sizeof(a)) == 0;
-}
-
 bool same_name(const char *stored, const char *name)
 {
     return std::strncmp(stored, name != nullptr ? name : "", POL_LIST_NAME_SIZE) == 0;
@@ -436,7 +431,7 @@ t_pol_set_entry *pol_entry_set_tloc_add(t_pol_ctx *ctx, t_pol_entry *entry, cons
                                         uint8_t *changed)
 {
     store_value(ctx, entry, POL_SFLAGS, POL_SET_FLAG_TLOC, POL_SET.set_tloc, *tloc, changed,
-                tloc_bytes_equal);
+                pol::same_tloc);
     set_block_flag(entry, POL_BLOCK_FLAG_SETS_TLOC, true);
     return &POL_SET;
 }
@@ -489,7 +484,7 @@ t_pol_set_entry *pol_entry_set_service_add(t_pol_ctx *ctx, t_pol_entry *entry, u
 {
     set_block_flag(entry, POL_BLOCK_FLAG_SETS_SERVICE, true);
     if ((POL_SFLAGS & POL_SET_FLAG_SERVICE) != 0 && POL_SET.set_service == service &&
-        tloc_bytes_equal(POL_SET.set_svc_tloc, *tloc) && POL_SET.set_svc_vpn_id == vpn_id) {
+        pol::same_tloc(POL_SET.set_svc_tloc, *tloc) && POL_SET.set_svc_vpn_id == vpn_id) {
         return &POL_SET;
     }
     POL_SFLAGS |= POL_SET_FLAG_SERVICE;
