@@ -1,6 +1,4 @@
 // Colour lists: named sets of TLOC colour numbers that sequences match on.
-#include <zen/zen_util.h>
-
 #include "pol_list.hpp"
 
 namespace {
@@ -84,7 +82,7 @@ bool pol_color_list_is_empty(const t_color_list *list)
 e_err pol_color_list_add_entry(t_pol_ctx *ctx, const char *name, uint32_t color)
 {
     if (pol_color_list_find_entry(ctx, name, color) != nullptr) {
-        pol_color_list_users_add_to_chg_list(ctx, color_lists::find(ctx, name));
+        color_lists::users_add_to_chg_list(ctx, color_lists::find(ctx, name));
         return ERR_OK;
     }
     uint8_t created = 0;
@@ -99,7 +97,7 @@ e_err pol_color_list_add_entry(t_pol_ctx *ctx, const char *name, uint32_t color)
     }
     entry->color = color_probe(color).color;
     color_lists::link_entry(list, entry);
-    pol_color_list_users_add_to_chg_list(ctx, list);
+    color_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -112,7 +110,7 @@ e_err pol_color_list_del_entry(t_pol_ctx *ctx, const char *name, uint32_t color)
         return ERR_OK;
     }
     color_lists::entry_remove(ctx, list, entry);
-    pol_color_list_users_add_to_chg_list(ctx, list);
+    color_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -164,26 +162,6 @@ e_err pol_color_list_user_remove(t_pol_ctx *ctx, t_color_list *list, t_pol_match
 void pol_color_list_users_add_to_chg_list(t_pol_ctx *ctx, t_color_list *list)
 {
     color_lists::users_add_to_chg_list(ctx, list);
-}
-
-void pol_dump_color_list(t_color_list *list, struct mgmtd_cli_user_info *uinfo)
-{
-    pol_cli_printf(uinfo, "\ncolor-list: %s (%p)", list->color_list_name, static_cast<void *>(list));
-    color_lists::for_each_entry(list, [&](const t_color_entry *e) {
-        pol_cli_printf(uinfo, "\n  color %s", zen_util_tloc_color_name(e->color));
-    });
-    pol_cli_printf(uinfo, "\nend \n");
-    color_match_chain::for_each(list, [&](const t_pol_match_entry *m) {
-        pol_cli_printf(uinfo, "\n  User: %s", pol::block_name(pol::block_of_match(m)));
-    });
-}
-
-void pol_dump_color_list_all(struct mgmtd_cli_user_info *uinfo)
-{
-    pol_cli_dump_heading(uinfo, "\n  COLOR LISTS");
-    pol::tree<t_color_list>(&g_pol_ctx_p->color_lists).for_each([&](t_color_list *list) {
-        pol_dump_color_list(list, uinfo);
-    });
 }
 
 }  // extern "C"

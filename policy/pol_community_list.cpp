@@ -30,9 +30,6 @@ constexpr well_known_community kWellKnown[] = {
     {"local-AS", 0xFFFFFF03u, community_token_local_as},
 };
 
-// Big enough for "65535:65535" and every well-known name.
-constexpr std::size_t kOneCommunityText = 32;
-
 // Compiled with extended syntax; matching needs no sub-match positions.
 constexpr int kPatternFlags = REG_EXTENDED | REG_NOSUB;
 
@@ -137,21 +134,6 @@ const char *text_or_empty(const char *text)
     return text != nullptr ? text : "";
 }
 
-// Header, entries, "end" and the policies of the match users of every
-// list of one tree.
-template <typename Header, typename Entry>
-void dump_tree(struct mgmtd_cli_user_info *uinfo, avl_tree_t *tree, Header &&header, Entry &&entry)
-{
-    pol::tree<t_community_list>(tree).for_each([&](t_community_list *list) {
-        header(list);
-        community_lists::for_each_entry(list, [&](const t_community_entry *e) { entry(e); });
-        pol_cli_printf(uinfo, "\nend \n");
-        community_match_chain::for_each(list, [&](const t_pol_match_entry *m) {
-            pol_cli_printf(uinfo, "\n  User: %s", pol::block_name(pol::block_of_match(m)));
-        });
-    });
-}
-
 }  // namespace
 
 extern "C" {
@@ -249,16 +231,17 @@ t_community_entry *pol_expanded_community_list_entry(t_community_list *list, con
 t_community_entry *pol_community_list_find_entry(t_pol_ctx *ctx, const char *name,
                                                  const char *text, community_list_type type)
 {
+    t_community_list *list = community_lists::find(ctx, community_key{name, type});
     switch (type) {
     case COMM_LIST_TYPE_STANDARD: {
         uint32_t value = 0;
         if (!first_community(text, &value)) {
             return nullptr;
         }
-        return pol_standard_community_list_entry(pol_community_list_find(ctx, name, type), value);
+        return pol_standard_community_list_entry(list, value);
     }
     case COMM_LIST_TYPE_EXPANDED:
-        return pol_expanded_community_list_entry(pol_community_list_find(ctx, name, type), text);
+        return pol_expanded_community_list_entry(list, text);
     default:
         return nullptr;
     }
@@ -273,7 +256,8 @@ e_err pol_community_list_add_entry(t_pol_ctx *ctx, const char *name, const char 
     text = text_or_empty(text);
     if (pol_community_list_find_entry(ctx, name, text, type) != nullptr) {
         // Repeating an entry changes nothing but still tells the users.
-        pol_community_list_users_add_to_chg_list(ctx, pol_community_list_find(ctx, name, type));
+        const community_key key{name, type};
+        community_lists::users_add_to_chg_list(ctx, community_lists::find(ctx, key));
         return ERR_OK;
     }
     uint8_t created = 0;
@@ -304,7 +288,7 @@ e_err pol_community_list_add_entry(t_pol_ctx *ctx, const char *name, const char 
     }
     entry->index_seq = list->generation;
     community_lists::link_entry(list, entry);
-    pol_community_list_users_add_to_chg_list(ctx, list);
+    community_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -315,9 +299,9 @@ e_err pol_community_list_del_entry(t_pol_ctx *ctx, const char *name, const char 
     if (entry == nullptr) {
         return ERR_OK;
     }
-    t_community_list *list = pol_community_list_find(ctx, name, type);
+    t_community_list *list = community_lists::find(ctx, community_key{name, type});
     community_lists::entry_remove(ctx, list, entry);
-    pol_community_list_users_add_to_chg_list(ctx, list);
+    community_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -448,7 +432,7 @@ char *community_list_getstr(char *buf, const uint32_t *values, uint32_t count)
     std::size_t used = 0;
     buf[0] = '\0';
     for (uint32_t i = 0; values != nullptr && i < count; i++) {
-        char one[kOneCommunityText];
+        char one[POL_COMMUNITY_STR_SIZE];
         community_getstr(values[i], one, sizeof(one));
         const std::size_t need = std::strlen(one) + (i > 0 ? 1 : 0);
         if (used + need >= POL_COMMUNITY_LIST_STR_SIZE) {
@@ -459,14 +443,6 @@ char *community_list_getstr(char *buf, const uint32_t *values, uint32_t count)
         used += need;
     }
     return buf;
-}
-
-char *pol_dump_set_community(char *buf, const t_pol_set_community *set)
-{
-    if (set == nullptr) {
-        return nullptr;
-    }
-    return community_list_getstr(buf, set->communities, set->n_communities);
 }
 
 // Text order of the rendered communities, not numeric order: 100:20 sorts
@@ -482,38 +458,6 @@ int pol_community_cmp(const uint32_t *a, const uint32_t *b)
         community_getstr(*b, text_b, sizeof(text_b));
     }
     return pol::fold(std::strncmp(text_a, text_b, sizeof(text_a)));
-}
-
-/* ---- dumps ---- */
-
-void pol_dump_community_list_all(struct mgmtd_cli_user_info *uinfo)
-{
-    pol_cli_dump_heading(uinfo, "\n  COMMUNITY LISTS");
-    char text[kOneCommunityText];
-    dump_tree(
-        uinfo, &g_pol_ctx_p->community_lists,
-        [&](const t_community_list *list) {
-            pol_cli_printf(uinfo, "\ncommunity-list: %s (%p)", list->community_list_name,
-                           static_cast<const void *>(list));
-        },
-        [&](const t_community_entry *e) {
-            pol_cli_printf(uinfo, "\n  community: %s",
-                           community_getstr(e->community, text, sizeof(text)));
-        });
-}
-
-void pol_dump_expanded_community_list_all(struct mgmtd_cli_user_info *uinfo)
-{
-    pol_cli_dump_heading(uinfo, "\n  EXPANDED COMMUNITY LISTS");
-    dump_tree(
-        uinfo, &g_pol_ctx_p->exp_community_lists,
-        [&](const t_community_list *list) {
-            pol_cli_printf(uinfo, "\nexpanded-community-list: %s (%p)", list->community_list_name,
-                           static_cast<const void *>(list));
-        },
-        [&](const t_community_entry *e) {
-            pol_cli_printf(uinfo, "\n  community pattern: %s", e->pattern);
-        });
 }
 
 /* ---- community set action ---- */

@@ -331,6 +331,8 @@ e_err pol_community_list_user_remove(t_pol_ctx *ctx, t_community_list *list,
                                      t_pol_match_entry *match);
 void pol_community_list_users_add_to_chg_list(t_pol_ctx *ctx, t_community_list *list);
 const char *community_gettoken(const char *text, community_token *kind, uint32_t *value);
+/* Room for the text of one community: "65535:65535" or a well-known name. */
+#define POL_COMMUNITY_STR_SIZE 32
 char *community_getstr(uint32_t value, char *buf, size_t size);
 #define POL_COMMUNITY_LIST_STR_SIZE 512
 char *community_list_getstr(char *buf, const uint32_t *values, uint32_t count);

@@ -6,8 +6,6 @@
 
 #include <cstdio>
 
-#include <zen/zen_util.h>
-
 #include "pol_list.hpp"
 
 namespace {
@@ -114,7 +112,7 @@ e_err pol_pfx_list_entry_add(t_pol_ctx *ctx, const t_pfx_list_key *key, const t_
         set_condition(entry, param);
         // The match index was built from the old condition.
         pfx_lists::touch(list);
-        pol_pfx_list_users_add_to_chg_list(ctx, list);
+        pfx_lists::users_add_to_chg_list(ctx, list);
         return ERR_OK;
     }
     uint8_t created = 0;
@@ -130,7 +128,7 @@ e_err pol_pfx_list_entry_add(t_pol_ctx *ctx, const t_pfx_list_key *key, const t_
     entry->prefix = param->prefix;
     set_condition(entry, param);
     pfx_lists::link_entry(list, entry);
-    pol_pfx_list_users_add_to_chg_list(ctx, list);
+    pfx_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -144,7 +142,7 @@ e_err pol_pfx_list_del_entry(t_pol_ctx *ctx, const t_pfx_list_key *key, const t_
         return ERR_OK;
     }
     pfx_lists::entry_remove(ctx, list, entry);
-    pol_pfx_list_users_add_to_chg_list(ctx, list);
+    pfx_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -199,31 +197,6 @@ void pol_pfx_list_users_add_to_chg_list(t_pol_ctx *ctx, t_pfx_list *list)
     pfx_lists::users_add_to_chg_list(ctx, list);
 }
 
-void pol_dump_pfx_list(t_pfx_list *list, struct mgmtd_cli_user_info *uinfo)
-{
-    pol_cli_printf(uinfo, list->pfx_af == POL_AF_IPV6 ? "\nIPv6 prefix-list: %s (%p)"
-                                                      : "\nIPv4 prefix-list: %s (%p)",
-                   list->pfx_list_name, static_cast<void *>(list));
-    pfx_lists::for_each_entry(list, [&](const t_pfx_entry *e) {
-        char buf[64];
-        pol_cli_printf(uinfo, "\n  prefix %s %s min %d max %d",
-                       ipprefix_print(&e->prefix, buf, sizeof(buf)), pol_util_pfx_op_str(e->pfx_op),
-                       static_cast<int>(e->preflen_min), static_cast<int>(e->preflen_max));
-    });
-    pol_cli_printf(uinfo, "\nend \n");
-    pfx_match_chain::for_each(list, [&](const t_pol_match_entry *m) {
-        pol_cli_printf(uinfo, "\n  User: %s", pol::block_name(m->pol_block_p));
-    });
-}
-
-void pol_dump_pfx_list_all(struct mgmtd_cli_user_info *uinfo)
-{
-    pol_cli_dump_heading(uinfo, "\n  PREFIX LISTS         ");
-    pol::tree<t_pfx_list>(&g_pol_ctx_p->pfx_lists).for_each([&](t_pfx_list *list) {
-        pol_dump_pfx_list(list, uinfo);
-    });
-}
-
 /* ---- text test harness ---- */
 
 // "A.B.C.D/LEN", IPv4 only.
@@ -254,7 +227,7 @@ void pol_test_parse_pfx_list(t_pol_ctx *ctx, char token[][POL_TEST_TOKEN_SIZE], 
     const t_pfx_list_key key = {POL_AF_IPV4, token[1]};
     if (op == POL_TEST_LIST_DEL_LIST) {
         POL_DBG(0, "Deleting prefix list %s", token[1]);
-        pol_pfx_list_cfg_del(ctx, &key);
+        pfx_lists::cfg_del(ctx, &key);
         return;
     }
     t_pfx_entry_param param{};

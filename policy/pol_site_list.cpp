@@ -120,7 +120,7 @@ e_err pol_site_list_add_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id,
     entry->min_site_id = min_id;
     entry->max_site_id = max_id;
     site_lists::link_entry(list, entry);
-    pol_site_list_users_add_to_chg_list(ctx, list);
+    site_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -133,7 +133,7 @@ e_err pol_site_list_del_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id,
         return ERR_OK;
     }
     site_lists::entry_remove(ctx, list, entry);
-    pol_site_list_users_add_to_chg_list(ctx, list);
+    site_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -233,30 +233,6 @@ bool pol_exec_match_site_id_to_site_list(t_site_list *list, uint32_t site_id)
     return index.contains(site_id);
 }
 
-void pol_dump_site_list(t_site_list *list, struct mgmtd_cli_user_info *uinfo)
-{
-    pol_cli_printf(uinfo, "\nsite-list: %s (0x%p)", list->site_list_name, static_cast<void *>(list));
-    site_lists::for_each_entry(list, [&](const t_site_entry *e) {
-        pol_cli_printf(uinfo, "\n  site-id %d-%d", static_cast<int>(e->min_site_id),
-                       static_cast<int>(e->max_site_id));
-    });
-    if (const t_pol_list_user *user = list->site_list_user_p) {
-        pol_cli_printf(uinfo, "\n  User: %p, list: %s, list-type: %s, ctx: %p, chg_cb: %p",
-                       static_cast<const void *>(user), list->site_list_name,
-                       pol_util_list_type_str(user->pol_list_type), user->user_ctx_p,
-                       reinterpret_cast<void *>(user->pol_list_chg_cb));
-    }
-    pol_cli_printf(uinfo, "\nend\n");
-}
-
-void pol_dump_site_list_all(struct mgmtd_cli_user_info *uinfo)
-{
-    pol_cli_dump_heading(uinfo, "\n  SITE LISTS");
-    pol::tree<t_site_list>(&g_pol_ctx_p->site_lists).for_each([&](t_site_list *list) {
-        pol_dump_site_list(list, uinfo);
-    });
-}
-
 /* ---- text test harness ---- */
 
 // "site-list NAME SITE [delete]" or "site-list NAME delete"; one site at a
@@ -271,7 +247,7 @@ void pol_test_parse_site_list(t_pol_ctx *ctx, char token[][POL_TEST_TOKEN_SIZE],
     const char *name = token[1];
     if (op == POL_TEST_LIST_DEL_LIST) {
         POL_DBG(0, "Deleting prefix list %s", name);
-        pol_site_list_cfg_del(ctx, name);
+        site_lists::cfg_del(ctx, name);
         return;
     }
     uint64_t site = 0;

@@ -7,8 +7,6 @@
 
 #include <cstdio>
 
-#include <zen/zen_util.h>
-
 #include "pol_list.hpp"
 
 namespace {
@@ -133,7 +131,7 @@ e_err pol_tloc_list_add_entry(t_pol_ctx *ctx, const char *name, const t_tloc_id 
         // Entry contents changed: a match-time index built before is stale.
         tloc_lists::touch(list);
         mark_changed(list, true);
-        pol_tloc_list_users_add_to_chg_list(ctx, list);
+        tloc_lists::users_add_to_chg_list(ctx, list);
         return ERR_OK;
     }
     uint8_t created = 0;
@@ -153,7 +151,7 @@ e_err pol_tloc_list_add_entry(t_pol_ctx *ctx, const char *name, const t_tloc_id 
     entry->route_preference = preference;
     tloc_lists::link_entry(list, entry);
     mark_changed(list, created == 0);
-    pol_tloc_list_users_add_to_chg_list(ctx, list);
+    tloc_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -173,7 +171,7 @@ e_err pol_tloc_list_del_entry(t_pol_ctx *ctx, const char *name, const t_tloc_id 
     }
     tloc_lists::entry_remove(ctx, list, entry);
     mark_changed(list, true);
-    pol_tloc_list_users_add_to_chg_list(ctx, list);
+    tloc_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -256,30 +254,6 @@ void pol_tloc_list_update_fwd_pol_label(t_pol_ctx *ctx, uint8_t force)
     pol_user_chg_list_notify_all(ctx);
 }
 
-void pol_dump_tloc_list(t_tloc_list *list, struct mgmtd_cli_user_info *uinfo)
-{
-    pol_cli_printf(uinfo, "\ntloc-list: %s (%p, %u)", list->tloc_list_name, static_cast<void *>(list),
-                   static_cast<unsigned>(list->fetch_xml));
-    tloc_lists::for_each_entry(list, [&](const t_tloc_entry *e) {
-        char text[128];
-        pol_cli_printf(uinfo, "\n  tloc %s preference %u", tloc_id_print_short(&e->tloc, text, sizeof(text)),
-                       static_cast<unsigned>(e->route_preference));
-    });
-    pol_cli_printf(uinfo, "\nend \n");
-    // Action users are deliberately not listed.
-    tloc_match_chain::for_each(list, [&](const t_pol_match_entry *m) {
-        pol_cli_printf(uinfo, "\n  User: %s", pol::block_name(pol::block_of_match(m)));
-    });
-}
-
-void pol_dump_tloc_list_all(struct mgmtd_cli_user_info *uinfo)
-{
-    pol_cli_dump_heading(uinfo, "\n  TLOC LISTS");
-    pol::tree<t_tloc_list>(&g_pol_ctx_p->tloc_lists).for_each([&](t_tloc_list *list) {
-        pol_dump_tloc_list(list, uinfo);
-    });
-}
-
 /* ---- text test harness ---- */
 
 // "A.B.C.D:COLOR", optionally followed by ":gre" or ":ipsec" (no
@@ -321,7 +295,7 @@ void pol_test_parse_tloc_list(t_pol_ctx *ctx, char token[][POL_TEST_TOKEN_SIZE],
     const char *name = token[1];
     if (op == POL_TEST_LIST_DEL_LIST) {
         POL_DBG(0, "Deleting tloc list %s", name);
-        pol_tloc_list_cfg_del(ctx, name);
+        tloc_lists::cfg_del(ctx, name);
         return;
     }
     t_tloc_id tloc;

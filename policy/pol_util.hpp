@@ -92,6 +92,38 @@ private:
     avl_tree_t *t_;
 };
 
+// Record a real change in a caller's changed byte (when one was given); the
+// byte is never cleared.
+inline void mark_changed(uint8_t *changed)
+{
+    if (changed != nullptr) {
+        *changed = 1;
+    }
+}
+
+// Data and performance-routing blocks keep their sequences per VPN list.
+inline bool is_data_kind(e_pol_type type)
+{
+    return type == POL_TYPE_DATA || type == POL_TYPE_PFR;
+}
+
+// Address identity without the bytes a value does not use: the family, then
+// the family's bytes (an IPv4 address is its first four bytes only).
+inline bool same_addr(const t_ipaddr &a, const t_ipaddr &b)
+{
+    if (a.addr_type != b.addr_type) {
+        return false;
+    }
+    const std::size_t used = a.addr_type == IP_ADDR_V4 ? sizeof(a.u.addr4) : sizeof(a.u.addr6_b);
+    return std::memcmp(a.u.addr6_b, b.u.addr6_b, used) == 0;
+}
+
+// TLOC identity field by field, so that padding never takes part.
+inline bool same_tloc(const t_tloc_id &a, const t_tloc_id &b)
+{
+    return same_addr(a.addr, b.addr) && a.color == b.color && a.encap == b.encap;
+}
+
 // Create a tree of records of type Rec whose node is the given member.
 #define POL_TREE_CREATE(tree_p, cmp, Rec, member) \
     avl_create((tree_p), (cmp), sizeof(Rec), offsetof(Rec, member))

@@ -122,7 +122,7 @@ e_err pol_vpn_list_add_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id, 
     entry->min_vpn_id = min_id;
     entry->max_vpn_id = max_id;
     vpn_lists::link_entry(list, entry);
-    pol_vpn_list_users_add_to_chg_list(ctx, list);
+    vpn_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -141,7 +141,7 @@ e_err pol_vpn_list_del_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id, 
         return ERR_OK;
     }
     vpn_lists::entry_remove(ctx, list, entry);
-    pol_vpn_list_users_add_to_chg_list(ctx, list);
+    vpn_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -210,32 +210,6 @@ void pol_vpn_list_users_add_to_chg_list(t_pol_ctx *ctx, t_vpn_list *list)
     vpn_lists::users_add_to_chg_list(ctx, list);
 }
 
-// Action users are deliberately not listed.
-void pol_dump_vpn_list(t_vpn_list *list, struct mgmtd_cli_user_info *uinfo)
-{
-    pol_cli_printf(uinfo, "\nvpn-list: %s (0x%p, %u)", list->vpn_list_name,
-                   static_cast<void *>(list), list->fetch_xml);
-    vpn_lists::for_each_entry(list, [&](const t_pol_vpn_entry *e) {
-        pol_cli_printf(uinfo, "\n    vpn-id: %lu-%lu", static_cast<unsigned long>(e->min_vpn_id),
-                       static_cast<unsigned long>(e->max_vpn_id));
-    });
-    pol_cli_printf(uinfo, "\nend \n");
-    vpn_match_chain::for_each(list, [&](const t_pol_match_entry *m) {
-        pol_cli_printf(uinfo, "\n  User: %s", pol::block_name(m->pol_block_p));
-    });
-    vpn_fwd_chain::for_each(list, [&](const t_pol_fwd_vpn_entry *v) {
-        pol_cli_printf(uinfo, "\n  User: %s", pol::block_name(v->pol_block_p));
-    });
-}
-
-void pol_dump_vpn_list_all(struct mgmtd_cli_user_info *uinfo)
-{
-    pol_cli_dump_heading(uinfo, "\n  VPN LISTS");
-    pol::tree<t_vpn_list>(&g_pol_ctx_p->vpn_lists).for_each([&](t_vpn_list *list) {
-        pol_dump_vpn_list(list, uinfo);
-    });
-}
-
 /* ---- text test harness ---- */
 
 // "vpn-list NAME VPN [delete]" or "vpn-list NAME delete"; one VPN at a
@@ -250,7 +224,7 @@ void pol_test_parse_vpn_list(t_pol_ctx *ctx, char token[][POL_TEST_TOKEN_SIZE], 
     const char *name = token[1];
     if (op == POL_TEST_LIST_DEL_LIST) {
         POL_DBG(0, "Deleting vpn list %s", name);
-        pol_vpn_list_cfg_del(ctx, name);
+        vpn_lists::cfg_del(ctx, name);
         return;
     }
     uint64_t vpn = 0;

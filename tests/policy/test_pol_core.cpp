@@ -2,6 +2,7 @@
 // collectors of cflowd templates.
 #include <bsd/string.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -165,6 +166,12 @@ TEST_F(PolBlock, DefaultActionAndDeletingTheBlock)
     pol_user_chg_list_notify_all(ctx_);
     changed = 0;
     pol_block_default_action_add(ctx_, blk, &proto, &changed);
+    EXPECT_TRUE(changed == 0 && !queued());
+    // Padding takes no part: the bytes between the sequence number and the tree node.
+    t_pol_entry padded = proto;
+    std::memset(reinterpret_cast<char *>(&padded) + sizeof(padded.entry_num), 0xA5,
+                offsetof(t_pol_entry, entry_node) - sizeof(padded.entry_num));
+    pol_block_default_action_add(ctx_, blk, &padded, &changed);
     EXPECT_TRUE(changed == 0 && !queued());
 
     pol_block_default_action_delete(ctx_, blk, &changed);  // already reject: no change

@@ -4,6 +4,7 @@
 // bits of the TLOC-resolving actions.
 #include <arpa/inet.h>
 
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -101,6 +102,22 @@ TEST_F(PolStore, EqualValueAddedAgainChangesNothing)
     EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_tag_delete(ctx_, e, c); }), effects(1, 1));
     EXPECT_EQ(e->entry_match_flags & POL_MATCH_FLAG_TAG, 0u);
     EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_tag_delete(ctx_, e, c); }), effects(0, 0));
+
+    // TLOCs are equal field by field: neither padding nor the bytes an IPv4
+    // address leaves unused take part; a field does.
+    const t_tloc_id t = tloc(0x01010101, 3, 2);
+    t_tloc_id noisy;
+    std::memset(&noisy, 0xA5, sizeof(noisy));
+    IPADDR_SET_V4(&noisy.addr, t.addr.u.addr4.s_addr);
+    noisy.color = t.color;
+    noisy.encap = t.encap;
+    t_tloc_id other_color = t;
+    other_color.color = 4;
+    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_tloc_add(ctx_, e, &t, c); }), effects(1, 1));
+    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_tloc_add(ctx_, e, &noisy, c); }), effects(0, 0));
+    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_tloc_add(ctx_, e, &other_color, c); }), effects(1, 1));
+    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_service_add(ctx_, e, 1, &t, 5, c); }), effects(1, 1));
+    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_service_add(ctx_, e, 1, &noisy, 5, c); }), effects(0, 0));
 }
 
 TEST_F(PolStore, ReplacingPrefixListMovesSequenceBetweenUsersChains)
