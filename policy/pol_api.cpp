@@ -122,7 +122,7 @@ void pol_unregister(t_pol_user **handle_pp)
     if (handle_pp == nullptr || *handle_pp == nullptr) {
         return;
     }
-    pol_user_delete(g_pol_ctx_p, *handle_pp, true);
+    pol_user_release(g_pol_ctx_p, *handle_pp);
     *handle_pp = nullptr;
 }
 
@@ -200,13 +200,16 @@ e_pol_action pol_execute(t_pol_user *handle, t_pol_exec_params *params)
     return pol_exec_route(handle, params);
 }
 
-// Releases the export VPN buffer a controller-side execution allocated.
-// The pointer is deliberately left as it is.
+// Releases the export VPN buffer a controller-side execution allocated and
+// empties the export list, so that a second call or a reuse of the record
+// without pol_pre_execute neither frees it again nor writes into it.
 void pol_post_execute(t_pol_exec_params *params)
 {
     if (params != nullptr && params->my_device_type == ZEN_DEVICE_QARMON &&
         params->vpn_list.vpn_list_p != nullptr) {
         pol_free(params->vpn_list.vpn_list_p, POL_MEM_LIST_VPN_1);
+        params->vpn_list.vpn_list_p = nullptr;
+        params->vpn_list.num_vpn_entries = 0;
     }
 }
 

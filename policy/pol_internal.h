@@ -428,6 +428,7 @@ t_pol_user *pol_user_find_or_create(t_pol_ctx *ctx, const char *user_name, const
                                     void *user_ctx_p);
 void pol_user_find_and_delete(t_pol_ctx *ctx, const char *user_name, const char *pol_name,
                               e_pol_type type, e_pol_dir dir);
+void pol_user_release(t_pol_ctx *ctx, t_pol_user *user);
 void pol_user_delete(t_pol_ctx *ctx, t_pol_user *user, bool remove);
 void pol_user_destroy(t_pol_ctx *ctx);
 t_pol_block *pol_block_user_add(t_pol_ctx *ctx, const char *pol_name, e_pol_type type,

@@ -14,6 +14,36 @@ int site_entry_cmp(const void *a, const void *b)
     return pol::cmp3(x->max_site_id, y->max_site_id);
 }
 
+// Change notifications of site lists that are running, innermost first.
+// A list being notified stays allocated until its notification ends: the
+// list user's callback may unregister it, and anything the callbacks do may
+// let go of the list, while the notification still reads it. A release
+// asked for meanwhile is carried out when the notification ends.
+struct notification {
+    const t_site_list *list;
+    bool release_due;
+    notification *outer;
+};
+notification *g_notifications = nullptr;
+
+notification *notification_of(const t_site_list *list)
+{
+    notification *n = g_notifications;
+    while (n != nullptr && n->list != list) {
+        n = n->outer;
+    }
+    return n;
+}
+
+// Something let go of the list; if it is being notified, it is checked for
+// deletion when that notification ends.
+void note_release(const t_site_list *list)
+{
+    if (notification *n = notification_of(list)) {
+        n->release_due = true;
+    }
+}
+
 using site_match_chain = pol::user_chain<t_site_list, t_pol_match_entry, &t_site_list::match_list_head,
                                          &t_pol_match_entry::match_site_entry, pol::block_of_match>;
 
@@ -35,7 +65,10 @@ struct site_traits : pol::list_hooks<t_site_list> {
     static avl_tree_t *tree_of_list(t_pol_ctx *ctx, const t_site_list *) { return &ctx->site_lists; }
     static void set_key(t_site_list &list, key_t name) { pol::copy_name(list.site_list_name, name); }
 
-    static bool extra_empty(const t_site_list *list) { return list->site_list_user_p == nullptr; }
+    static bool extra_empty(const t_site_list *list)
+    {
+        return list->site_list_user_p == nullptr && notification_of(list) == nullptr;
+    }
 
     // The list user hears of every change first, synchronously.
     static void notify_first(t_pol_ctx *, t_site_list *list)
@@ -158,6 +191,7 @@ void pol_site_list_del_all_entries(t_pol_ctx *ctx, t_site_list *list)
 // that notifies.
 e_err pol_site_list_cfg_del(t_pol_ctx *ctx, const char *name)
 {
+    note_release(site_lists::find(ctx, name));
     return site_lists::cfg_del(ctx, name);
 }
 
@@ -173,11 +207,12 @@ t_site_list *pol_site_list_pol_user_add(t_pol_ctx *ctx, const char *name, t_pol_
 
 e_err pol_site_list_pol_user_remove(t_pol_ctx *ctx, t_site_list *list, t_pol_match_entry *match)
 {
+    note_release(list);
     return site_lists::user_remove<site_match_chain>(ctx, list, match);
 }
 
 // One list user per list: a second registration gets the first one back,
-// with its callback and context unchanged.
+// with its callback and context unchanged, holding one registration more.
 t_pol_list_user *pol_site_list_user_add(t_pol_ctx *ctx, const char *name,
                                         t_pol_list_change_cb_f chg_cb, void *user_ctx_p)
 {
@@ -186,8 +221,9 @@ t_pol_list_user *pol_site_list_user_add(t_pol_ctx *ctx, const char *name,
     if (list == nullptr) {
         return nullptr;
     }
-    if (list->site_list_user_p != nullptr) {
-        return list->site_list_user_p;
+    if (t_pol_list_user *user = list->site_list_user_p) {
+        user->ref_count++;
+        return user;
     }
     auto *user = pol::alloc_record<t_pol_list_user>(POL_MEM_LIST_POL_USER);
     if (user == nullptr) {
@@ -198,25 +234,42 @@ t_pol_list_user *pol_site_list_user_add(t_pol_ctx *ctx, const char *name,
     user->pol_list_chg_cb = chg_cb;
     user->user_ctx_p = user_ctx_p;
     user->site_list_p = list;
+    user->ref_count = 1;
     list->site_list_user_p = user;
     return user;
 }
 
+// Drops one registration; the last frees the list user.
 e_err pol_site_list_user_remove(t_pol_ctx *ctx, t_pol_list_user *list_user)
 {
     if (list_user == nullptr || list_user->site_list_p == nullptr) {
         return ERR_NOT_FOUND;
     }
+    if (--list_user->ref_count > 0) {
+        return ERR_OK;
+    }
     t_site_list *list = list_user->site_list_p;
     pol_free(list_user, POL_MEM_LIST_POL_USER);
     list->site_list_user_p = nullptr;
+    note_release(list);
     site_lists::del_if_empty(ctx, list);
     return ERR_OK;
 }
 
 void pol_site_list_users_add_to_chg_list(t_pol_ctx *ctx, t_site_list *list)
 {
+    notification self = {list, false, g_notifications};
+    g_notifications = &self;
     site_lists::users_add_to_chg_list(ctx, list);
+    g_notifications = self.outer;
+    if (!self.release_due) {
+        return;
+    }
+    if (notification *outer = notification_of(list)) {
+        outer->release_due = true;
+    } else {
+        site_lists::del_if_empty(ctx, list);
+    }
 }
 
 // Answered from a merged interval set of the list's ranges, rebuilt after

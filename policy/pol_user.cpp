@@ -8,14 +8,20 @@
 
 namespace {
 
-// Position of the running flush: the user being notified and its successor.
-// A callback may unqueue or unregister either; the operations that do so
-// move the cursor, so the flush never follows a link into a removed user.
-struct flush_cursor {
-    t_pol_user *current;
-    t_pol_user *next;
+// Positions of the running walks over users: the queue flush (the user
+// being notified and its queue successor) and a block's direct
+// notification (the block's next user). A callback may unqueue, detach or
+// unregister any user, itself included: taking a user off the queue or out
+// of a block's list moves the cursor that points at it to its successor,
+// and unregistering the notified user makes the flush forget it, so no
+// walk follows a link into a user that is gone. Walks never nest: inside a
+// callback both return before moving a cursor.
+struct walk_cursors {
+    t_pol_user *notified;
+    t_pol_user *queue_next;
+    t_pol_user *block_next;
 };
-flush_cursor g_flush = {nullptr, nullptr};
+walk_cursors g_walk = {};
 
 bool destroying(const t_pol_ctx *ctx)
 {
@@ -30,6 +36,17 @@ bool in_callback(const t_pol_ctx *ctx)
 bool queued(const t_pol_user *user)
 {
     return (user->pol_user_flags & POL_USER_FLAG_QUEUED) != 0;
+}
+
+// Takes a user out of its block's list; its links are cleared so that a
+// user detached from a deleted block keeps no pointer into it.
+void unlink_from_block(t_pol_block *block, t_pol_user *user)
+{
+    if (user == g_walk.block_next) {
+        g_walk.block_next = TAILQ_NEXT(user, pol_block_list_entry);
+    }
+    TAILQ_REMOVE(&block->users_list, user, pol_block_list_entry);
+    user->pol_block_list_entry = {};
 }
 
 t_pol_user make_key(const char *user_name, e_pol_type type, e_pol_dir dir)
@@ -75,7 +92,7 @@ t_pol_user *pol_user_find(t_pol_ctx *ctx, const char *user_name, e_pol_type type
 }
 
 // An existing registration is returned as it is, even when this one names
-// another policy or other callbacks.
+// another policy or other callbacks; it then holds one registration more.
 t_pol_user *pol_user_find_or_create(t_pol_ctx *ctx, const char *user_name, const char *pol_name,
                                     e_pol_type type, e_pol_dir dir, t_pol_change_cb_f chg_cb,
                                     t_pol_label_cb_f label_cb, t_pol_timer_cb_f timer_cb,
@@ -83,6 +100,7 @@ t_pol_user *pol_user_find_or_create(t_pol_ctx *ctx, const char *user_name, const
 {
     avl_index_t where = 0;
     if (t_pol_user *found = pol_user_find(ctx, user_name, type, dir, &where)) {
+        found->ref_count++;
         return found;
     }
     auto *user = pol::alloc_record<t_pol_user>(POL_MEM_TYPE_POL_USER);
@@ -96,6 +114,7 @@ t_pol_user *pol_user_find_or_create(t_pol_ctx *ctx, const char *user_name, const
     user->pol_label_cb = label_cb;
     user->pol_timer_cb = timer_cb;
     user->user_ctx_p = user_ctx_p;
+    user->ref_count = 1;
     t_pol_block *block = pol_block_user_add(ctx, pol_name, type, user);
     if (block == nullptr) {
         pol_free(user, POL_MEM_TYPE_POL_USER);
@@ -106,21 +125,31 @@ t_pol_user *pol_user_find_or_create(t_pol_ctx *ctx, const char *user_name, const
     return user;
 }
 
+// Drops one registration, as pol_unregister does: the user goes with the
+// last, so that no other holder of the handle is left with a freed one.
 void pol_user_find_and_delete(t_pol_ctx *ctx, const char *user_name, const char *,
                               e_pol_type type, e_pol_dir dir)
 {
     if (t_pol_user *user = pol_user_find(ctx, user_name, type, dir, nullptr)) {
+        pol_user_release(ctx, user);
+    }
+}
+
+void pol_user_release(t_pol_ctx *ctx, t_pol_user *user)
+{
+    if (--user->ref_count == 0) {
         pol_user_delete(ctx, user, true);
     }
 }
 
-// A user whose block was deleted is deliberately neither unqueued nor
-// unlinked here: callers flush before unregistering such a user.
+// Whatever its registrations: shutdown and the last release. A user
+// detached from a deleted block is still taken off the change queue.
 void pol_user_delete(t_pol_ctx *ctx, t_pol_user *user, bool remove)
 {
+    pol_user_chg_list_delete(ctx, user);
     pol_block_user_delete(ctx, user->pol_block_p, user);
-    if (user == g_flush.current) {
-        g_flush.current = nullptr;
+    if (user == g_walk.notified) {
+        g_walk.notified = nullptr;
     }
     if (remove) {
         avl_remove(&ctx->pol_users, user);
@@ -153,7 +182,7 @@ void pol_block_user_delete(t_pol_ctx *ctx, t_pol_block *block, t_pol_user *user)
         return;
     }
     pol_user_chg_list_delete(ctx, user);
-    TAILQ_REMOVE(&block->users_list, user, pol_block_list_entry);
+    unlink_from_block(block, user);
 }
 
 /* ---- the pending-change queue ---- */
@@ -172,21 +201,31 @@ void pol_user_chg_list_delete(t_pol_ctx *ctx, t_pol_user *user)
     if (!queued(user)) {
         return;
     }
-    if (user == g_flush.next) {
-        g_flush.next = TAILQ_NEXT(user, pol_chg_list_entry);
+    if (user == g_walk.queue_next) {
+        g_walk.queue_next = TAILQ_NEXT(user, pol_chg_list_entry);
     }
     TAILQ_REMOVE(&ctx->pol_users_chg, user, pol_chg_list_entry);
     user->pol_user_flags &= static_cast<uint8_t>(~POL_USER_FLAG_QUEUED);
 }
 
+// Users whose block pointer no longer names the block were detached by its
+// deletion: they are queued like the others and leave its users list, so
+// that none keeps a link into the freed block.
 void pol_block_users_add_to_chg_list(t_pol_ctx *ctx, t_pol_block *block)
 {
-    if (block == nullptr || destroying(ctx)) {
+    if (block == nullptr) {
         return;
     }
-    t_pol_user *user;
-    TAILQ_FOREACH(user, &block->users_list, pol_block_list_entry) {
-        pol_user_chg_list_add(ctx, user);
+    t_pol_user *user = TAILQ_FIRST(&block->users_list);
+    while (user != nullptr) {
+        t_pol_user *next = TAILQ_NEXT(user, pol_block_list_entry);
+        if (!destroying(ctx)) {
+            pol_user_chg_list_add(ctx, user);
+        }
+        if (user->pol_block_p != block) {
+            unlink_from_block(block, user);
+        }
+        user = next;
     }
 }
 
@@ -202,12 +241,14 @@ void pol_user_chg_list_notify_all(t_pol_ctx *ctx)
     }
     t_pol_user *user = TAILQ_FIRST(&ctx->pol_users_chg);
     while (user != nullptr) {
-        g_flush = {user, TAILQ_NEXT(user, pol_chg_list_entry)};
+        g_walk.notified = user;
+        g_walk.queue_next = TAILQ_NEXT(user, pol_chg_list_entry);
         pol_user_notify(ctx, user);
-        bool requeued = g_flush.current != nullptr && queued(user);
-        user = requeued ? TAILQ_NEXT(user, pol_chg_list_entry) : g_flush.next;
+        bool requeued = g_walk.notified != nullptr && queued(user);
+        user = requeued ? TAILQ_NEXT(user, pol_chg_list_entry) : g_walk.queue_next;
     }
-    g_flush = {nullptr, nullptr};
+    g_walk.notified = nullptr;
+    g_walk.queue_next = nullptr;
 }
 
 void pol_user_notify(t_pol_ctx *ctx, t_pol_user *user)
@@ -223,17 +264,20 @@ void pol_user_notify(t_pol_ctx *ctx, t_pol_user *user)
     ctx->pol_ctx_flags &= static_cast<uint8_t>(~POL_CTX_FLAG_IN_CALLBACK);
 }
 
+// The block itself is not read after the first callback, which may delete
+// it (its users are then unlinked, which ends the walk).
 void pol_block_user_notify_all(t_pol_ctx *ctx, t_pol_block *block)
 {
-    if (block == nullptr || destroying(ctx)) {
+    if (block == nullptr || destroying(ctx) || in_callback(ctx)) {
         return;
     }
     t_pol_user *user = TAILQ_FIRST(&block->users_list);
     while (user != nullptr) {
-        t_pol_user *next = TAILQ_NEXT(user, pol_block_list_entry);
+        g_walk.block_next = TAILQ_NEXT(user, pol_block_list_entry);
         pol_user_notify(ctx, user);
-        user = next;
+        user = g_walk.block_next;
     }
+    g_walk.block_next = nullptr;
 }
 
 /* ---- dumps ---- */

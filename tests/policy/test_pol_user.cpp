@@ -1,6 +1,7 @@
 // Registration of users, batched change notification and its re-entrancy
 // rules, and the small exported entry points.
 #include <cstring>
+#include <map>
 
 #include "pol_test_support.hpp"
 
@@ -153,6 +154,109 @@ TEST_F(PolUser, UnregisterNullsHandleAndUnqueuesEvenFromCallbacks)
     EXPECT_EQ(g_calls, (Calls{"self", "after"}));
 }
 
+// A change callback may unregister any user, itself included, at any point
+// of a walk (the queue flush, or a block's direct notification), and the
+// walk goes on with the users still registered. Steps, run before the walk
+// ("" key) or by a user's callback: "-u" drops one registration of u, "xP"
+// deletes route policy P (detaching its users), "+P" changes policy P.
+struct UnregisterCase {
+    const char *what;
+    std::vector<std::pair<const char *, const char *>> users;  // queued in this order
+    std::map<std::string, std::vector<std::string>> steps;
+    Calls delivered;
+    const char *notify_block = nullptr;  // walk this block's users instead of the queue
+};
+
+const UnregisterCase kUnregisterCases[] = {
+    {"detached user unregistered before the flush", {{"a", "P1"}, {"b", "P2"}, {"c", "P3"}},
+     {{"", {"xP2", "-b"}}}, {"a", "c"}},
+    {"callback unregisters a queued detached user", {{"a", "P1"}, {"v", "P2"}, {"c", "P3"}},
+     {{"", {"xP2"}}, {"a", {"-v"}}}, {"a", "c"}},
+    {"callback detaches the next user, then unregisters it", {{"a", "P1"}, {"v", "P2"}, {"c", "P3"}},
+     {{"a", {"xP2", "-v"}}}, {"a", "c"}},
+    {"detached callback unregisters itself", {{"a", "P1"}, {"s", "P2"}, {"c", "P3"}},
+     {{"", {"xP2"}}, {"s", {"-s"}}}, {"a", "s", "c"}},
+    {"callback queues itself again, then unregisters", {{"a", "P1"}, {"s", "P2"}, {"c", "P3"}},
+     {{"s", {"+P2", "-s"}}}, {"a", "s", "c"}},
+    {"callback unregisters everybody left", {{"a", "P1"}, {"v", "P2"}, {"w", "P3"}},
+     {{"", {"xP3"}}, {"a", {"-w", "-v", "-a"}}}, {"a"}},
+    {"a second registration counts", {{"t", "P1"}, {"t", "P9"}, {"c", "P2"}},
+     {{"", {"-t"}}, {"c", {"-t"}}}, {"t", "c"}},
+    {"block walk: callback unregisters the next user", {{"a", "P1"}, {"v", "P1"}, {"w", "P1"}},
+     {{"a", {"-v"}}}, {"a", "w"}, "P1"},
+    {"block walk: callback deletes the block", {{"a", "P1"}, {"v", "P1"}},
+     {{"a", {"xP1", "-v"}}}, {"a"}, "P1"},
+};
+
+// Detached users stay queued but keep no link into the freed block.
+void expect_no_link_into_deleted_blocks(const std::map<std::string, std::vector<t_pol_user *>> &handles)
+{
+    for (const auto &[name, hs] : handles) {
+        for (const t_pol_user *h : hs) {
+            if (h != nullptr && h->pol_block_p == nullptr) {
+                const auto &link = h->pol_block_list_entry;
+                EXPECT_TRUE(link.tqe_next == nullptr && link.tqe_prev == nullptr) << name;
+                EXPECT_TRUE(h->pol_user_flags & POL_USER_FLAG_QUEUED) << name;
+            }
+        }
+    }
+}
+
+TEST_F(PolUser, CallbacksMayUnregisterAnyUserDuringAWalk)
+{
+    const int64_t users0 = live_count(POL_MEM_TYPE_POL_USER);
+    for (const UnregisterCase &c : kUnregisterCases) {
+        SCOPED_TRACE(c.what);
+        g_calls.clear();
+        std::map<std::string, std::vector<t_pol_user *>> handles;
+        std::map<std::string, std::function<void()>> actions;
+        auto run = [&](const std::string &who) {
+            auto it = c.steps.find(who);
+            const std::vector<std::string> none;
+            for (const std::string &step : it != c.steps.end() ? it->second : none) {
+                const std::string arg = step.substr(1);
+                uint8_t changed = 0;
+                if (step[0] == '-') {
+                    auto &hs = handles[arg];
+                    auto live = std::find_if(hs.begin(), hs.end(), [](t_pol_user *h) { return h != nullptr; });
+                    ASSERT_NE(live, hs.end()) << step;
+                    pol_unregister(&*live);
+                } else if (step[0] == 'x') {
+                    pol_block_find_and_delete(ctx_, arg.c_str(), POL_TYPE_ROUTE, &changed);
+                    expect_no_link_into_deleted_blocks(handles);
+                } else {
+                    touch(arg.c_str());
+                }
+            }
+        };
+        for (const auto &[user, policy] : c.users) {
+            actions[user] = [&run, name = std::string(user)] { run(name); };
+            handles[user].push_back(add(user, policy, &actions[user]));
+            ASSERT_EQ(handles[user].back(), handles[user].front());
+            touch(policy);
+        }
+        run("");
+        if (c.notify_block != nullptr) {
+            pol_block_user_notify_all(ctx_, pol_block_find(ctx_, c.notify_block, POL_TYPE_ROUTE, nullptr));
+        } else {
+            flush();
+        }
+        EXPECT_EQ(g_calls, c.delivered);
+        for (auto &[name, hs] : handles) {
+            for (t_pol_user *&h : hs) {
+                pol_unregister(&h);
+            }
+        }
+        flush();
+        EXPECT_TRUE(TAILQ_EMPTY(&ctx_->pol_users_chg) && avl_numnodes(&ctx_->pol_users) == 0u);
+        EXPECT_EQ(live_count(POL_MEM_TYPE_POL_USER), users0);
+        for (const char *policy : {"P1", "P2", "P3", "P9"}) {
+            uint8_t changed = 0;
+            pol_block_find_and_delete(ctx_, policy, POL_TYPE_ROUTE, &changed);
+        }
+    }
+}
+
 TEST_F(PolUser, NothingDeliveredOrQueuedWhileDestroying)
 {
     t_pol_user *a = add("a", "P1"), *b = add("b", "P2");
@@ -237,8 +341,95 @@ TEST_F(PolApi, ExecutionFrame)
     params.my_device_type = ZEN_DEVICE_QARMON;
     pol_post_execute(&params);
     EXPECT_EQ(g_pol_mem_info[POL_MEM_LIST_VPN_1].free, freed + 1);
-    EXPECT_EQ(params.vpn_list.vpn_list_p, buf);
+    // The record holds no buffer any more: a second release frees nothing,
+    // and a reuse without pol_pre_execute starts a fresh export list.
+    EXPECT_TRUE(params.vpn_list.vpn_list_p == nullptr && params.vpn_list.num_vpn_entries == 0u);
+    pol_post_execute(&params);
+    EXPECT_EQ(g_pol_mem_info[POL_MEM_LIST_VPN_1].free, freed + 1);
     pol_post_execute(nullptr);
+}
+
+// A site-list watcher's callback may unregister it (once per registration)
+// while the list is being changed, here by deleting its last entry. Steps
+// of the callback: "-w" drops one registration, "+w" registers again,
+// "cfg" deletes the list's configuration.
+struct WatcherCase {
+    const char *what;
+    int registrations;
+    bool policy_matches;  // a sequence of policy "PL" (user "pu") matches on the list
+    std::vector<std::string> steps;
+    Calls delivered;
+    bool list_stays;
+};
+
+const WatcherCase kWatcherCases[] = {
+    {"leaves when the list empties", 1, false, {"-w"}, {"list"}, false},
+    {"leaves while a policy still matches", 1, true, {"-w"}, {"list", "pu"}, true},
+    {"leaves and deletes the configuration", 1, false, {"-w", "cfg"}, {"list"}, false},
+    {"leaves and comes back", 1, false, {"-w", "+w"}, {"list"}, true},
+    {"registered twice, leaves once", 2, false, {"-w"}, {"list"}, true},
+    {"registered twice, leaves twice", 2, true, {"-w", "-w"}, {"list", "pu"}, true},
+};
+
+void watcher_cb(t_pol_list_user *, void *user_ctx)
+{
+    g_calls.emplace_back("list");
+    (*static_cast<std::function<void()> *>(user_ctx))();
+}
+
+TEST_F(PolApi, SiteListWatcherMayLeaveFromItsCallback)
+{
+    for (const WatcherCase &c : kWatcherCases) {
+        SCOPED_TRACE(c.what);
+        g_calls.clear();
+        const int64_t watchers0 = live_count(POL_MEM_LIST_POL_USER);
+        std::vector<t_pol_list_user *> regs;
+        bool ran = false;
+        std::function<void()> steps;
+        t_pol_list_reg_params reg{};
+        reg.pol_list_type = POL_LIST_SITE;
+        std::strcpy(reg.pol_list_name, "L");
+        reg.pol_chg_cb = watcher_cb;
+        reg.user_ctx_p = &steps;
+        steps = [&] {
+            for (const std::string &step : ran ? std::vector<std::string>{} : c.steps) {
+                if (step == "-w") {
+                    pol_list_unregister(regs.back());
+                    regs.pop_back();
+                } else if (step == "+w") {
+                    regs.push_back(pol_list_register(&reg));
+                } else {
+                    pol_site_list_cfg_del(ctx_, "L");
+                }
+            }
+            ran = true;
+        };
+        uint8_t changed = 0;
+        t_pol_user *pu = nullptr;
+        if (c.policy_matches) {
+            pu = add("pu", "PL");
+            pol_entry_match_site_list_add(ctx_, sequence("PL", 5), "L", &changed);
+        }
+        pol_site_list_add_entry(ctx_, "L", 1, 1);
+        for (int i = 0; i < c.registrations; i++) {
+            regs.push_back(pol_list_register(&reg));
+            ASSERT_EQ(regs.back(), regs.front());
+        }
+        g_calls.clear();
+        pol_site_list_del_entry(ctx_, "L", 1, 1);
+        EXPECT_EQ(g_calls, c.delivered);
+        EXPECT_EQ(pol_site_list_find(ctx_, "L") != nullptr, c.list_stays);
+        while (!regs.empty()) {
+            pol_list_unregister(regs.back());
+            regs.pop_back();
+        }
+        EXPECT_EQ(live_count(POL_MEM_LIST_POL_USER), watchers0);
+        if (pu != nullptr) {
+            pol_unregister(&pu);
+            pol_block_find_and_delete(ctx_, "PL", POL_TYPE_ROUTE, &changed);
+        }
+        EXPECT_EQ(pol_site_list_find(ctx_, "L"), nullptr);
+    }
 }
 
 TEST(PolAssertDeathTest, PrintsFileLineAndCondition)

@@ -110,6 +110,8 @@ TEST_F(SiteListTest, ListUserIsToldFirstAndOnlyOnce)
     pol_site_list_cfg_del(ctx_, "dc");
     EXPECT_NE(pol_site_list_find(ctx_, "dc"), nullptr) << "the list user keeps it";
     pol_list_unregister(watcher);
+    EXPECT_NE(pol_site_list_find(ctx_, "dc"), nullptr) << "the second registration still holds it";
+    pol_list_unregister(watcher);
     EXPECT_EQ(pol_site_list_find(ctx_, "dc"), nullptr);
     {
         AllocFailure fail(POL_MEM_LIST_POL_USER);

@@ -465,6 +465,9 @@ typedef struct _t_pol_user {
     t_pol_label_cb_f pol_label_cb;
     t_pol_timer_cb_f pol_timer_cb;
     TAILQ_ENTRY(_t_pol_user) pol_chg_list_entry;
+    /* Registrations held on this user: one per pol_register that returned
+     * it; each pol_unregister drops one and the last frees the user. */
+    uint32_t ref_count;
 } t_pol_user;
 
 /* The handle a registration returns. */
@@ -514,6 +517,8 @@ typedef struct _t_pol_list_user {
     t_pol_list_change_cb_f pol_list_chg_cb;
     struct _t_site_list *site_list_p;
     void *user_ctx_p;
+    /* Registrations held on this list user, as for t_pol_user. */
+    uint32_t ref_count;
 } t_pol_list_user;
 
 /* ------------------------------------------------------------------ */
