@@ -41,17 +41,6 @@ void init_block_kind(t_pol_ctx *ctx, t_pol_block *block, t_cflowd_entry *tmpl)
     }
 }
 
-// Users of a deleted block stay registered but detached: every execution
-// through them rejects. They are not unlinked from the dying block.
-void detach_users(t_pol_ctx *ctx, t_pol_block *block)
-{
-    t_pol_user *user;
-    TAILQ_FOREACH(user, &block->users_list, pol_block_list_entry) {
-        user->pol_block_p = nullptr;
-    }
-    pol_block_users_add_to_chg_list(ctx, block);
-}
-
 // Equality of one field, never reading padding: a field whose type has no
 // padding byte for byte, the others member by member.
 template <typename T>
@@ -253,7 +242,7 @@ void pol_block_delete(t_pol_ctx *ctx, avl_tree_t *tree, t_pol_block *block, bool
     uint8_t changed = 0;
     pol_entry_delete_all(ctx, block);
     pol_block_default_action_delete(ctx, block, &changed);
-    detach_users(ctx, block);
+    pol_block_users_detach(ctx, block);
     if (remove) {
         avl_remove(tree, block);
     }

@@ -437,6 +437,8 @@ void pol_block_user_delete(t_pol_ctx *ctx, t_pol_block *block, t_pol_user *user)
 void pol_user_chg_list_add(t_pol_ctx *ctx, t_pol_user *user);
 void pol_user_chg_list_delete(t_pol_ctx *ctx, t_pol_user *user);
 void pol_block_users_add_to_chg_list(t_pol_ctx *ctx, t_pol_block *block);
+/* Users of a deleted block: queued, detached (no block) and unlinked from it. */
+void pol_block_users_detach(t_pol_ctx *ctx, t_pol_block *block);
 void pol_user_chg_list_notify_all(t_pol_ctx *ctx);
 void pol_user_notify(t_pol_ctx *ctx, t_pol_user *user);
 void pol_block_user_notify_all(t_pol_ctx *ctx, t_pol_block *block);

@@ -208,32 +208,29 @@ void pol_user_chg_list_delete(t_pol_ctx *ctx, t_pol_user *user)
     user->pol_user_flags &= static_cast<uint8_t>(~POL_USER_FLAG_QUEUED);
 }
 
-// Users whose block pointer no longer names the block were detached by its
-// deletion: they are queued like the others and leave its users list, so
-// that none keeps a link into the freed block.
 void pol_block_users_add_to_chg_list(t_pol_ctx *ctx, t_pol_block *block)
 {
-    if (block == nullptr) {
+    if (block == nullptr || destroying(ctx)) {
         return;
     }
-    t_pol_user *user = TAILQ_FIRST(&block->users_list);
-    while (user != nullptr) {
-        t_pol_user *next = TAILQ_NEXT(user, pol_block_list_entry);
-        if (!destroying(ctx)) {
-            pol_user_chg_list_add(ctx, user);
-        }
-        if (user->pol_block_p != block) {
-            unlink_from_block(block, user);
-        }
-        user = next;
+    t_pol_user *user;
+    TAILQ_FOREACH(user, &block->users_list, pol_block_list_entry) {
+        pol_user_chg_list_add(ctx, user);
     }
 }
 
-// Walks the queue from its head. After each callback the walk goes on with
-// the notified user's successor as the queue stands then: a user the
-// callback queued anew is at the tail and ends the walk, so re-queued users
-// wait for the next flush; users queued behind the current position are
-// delivered by this walk. A flush from inside a callback delivers nothing.
+// A deleted block's users are queued (they must learn that their policy is
+// gone), lose their block and leave its users list, so that none keeps a
+// link into the freed block. They stay registered, detached.
+void pol_block_users_detach(t_pol_ctx *ctx, t_pol_block *block)
+{
+    pol_block_users_add_to_chg_list(ctx, block);
+    while (t_pol_user *user = TAILQ_FIRST(&block->users_list)) {
+        user->pol_block_p = nullptr;
+        unlink_from_block(block, user);
+    }
+}
+
 void pol_user_chg_list_notify_all(t_pol_ctx *ctx)
 {
     if (destroying(ctx) || in_callback(ctx)) {
