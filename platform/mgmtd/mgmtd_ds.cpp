@@ -98,6 +98,9 @@ lyd_node *counterpart(const lyd_node *siblings, const lyd_node *target)
     return match;
 }
 
+// Subscribed schema nodes and their rows in the subscription table.
+using subscription_index = std::unordered_map<const lysc_node *, size_t>;
+
 // Storage for what one callback is handed: texts and leaf-list arrays stay
 // where they are while the callback runs.
 struct call_values {
@@ -141,7 +144,32 @@ struct mgmtd_ds {
     // without a subscription of its own.
     bool is_value_node(const lysc_node *schema) const
     {
-        return !is_key(schema) && schema->nodetype != LYS_LIST && !subscribed(schema);
+        return is_value_node_of(schema, sub_of_schema);
+    }
+
+    static bool is_value_node_of(const lysc_node *schema, const subscription_index &index)
+    {
+        return !is_key(schema) && schema->nodetype != LYS_LIST && index.count(schema) == 0;
+    }
+
+    // The most values a node of this schema can hand over with the given
+    // subscriptions: one per leaf and leaf-list, two brackets per container
+    // and what the container holds (as present_values delivers them).
+    static size_t max_values(const lysc_node *parent, const subscription_index &index)
+    {
+        size_t n = 0;
+        const lysc_node *child = nullptr;
+        while ((child = lys_getnext(child, parent, nullptr, 0)) != nullptr) {
+            if (!is_value_node_of(child, index)) {
+                continue;
+            }
+            if ((child->nodetype & (LYS_LEAF | LYS_LEAFLIST)) != 0) {
+                n += 1;
+            } else if (child->nodetype == LYS_CONTAINER) {
+                n += 2 + max_values(child, index);
+            }
+        }
+        return n;
     }
 
     uint32_t tag(const lysc_node *schema) const
@@ -532,7 +560,8 @@ struct mgmtd_ds {
         mgmtd_value_t *keys = cv.keys.empty() ? nullptr : cv.keys.data();
         mgmtd_tag_value_t *values = cv.values.empty() ? nullptr : cv.values.data();
         const auto num_keys = static_cast<uint8_t>(cv.keys.size());
-        const auto num_values = static_cast<uint32_t>(cv.values.size());
+        // At most MGMTD_DS_MAX_VALUES: mgmtd_ds_subscribe refuses larger nodes.
+        const auto num_values = static_cast<uint16_t>(cv.values.size());
         const int32_t status =
             s.sub.cb(&vctx, host_ctx, oper, num_keys, keys, num_values, values, s.sub.arg);
         delivered++;
@@ -883,6 +912,15 @@ int mgmtd_ds_subscribe(mgmtd_ds_t *ds, const mgmtd_ds_sub_t *subs, size_t num_su
         s.sub = row;
         index[schema] = table.size();
         table.push_back(std::move(s));
+    }
+    for (size_t i = 0; i < table.size(); i++) {
+        const size_t most = mgmtd_ds::max_values(table[i].schema, index);
+        if (most > MGMTD_DS_MAX_VALUES) {
+            ds->error = format("subscription %zu: \"%s\" can hand over %zu values, more than "
+                               "the %u of one call",
+                               i, table[i].path.c_str(), most, MGMTD_DS_MAX_VALUES);
+            return MGMTD_DS_FAILED;
+        }
     }
     ds->subs = std::move(table);
     for (subscription &s : ds->subs) {

@@ -1,21 +1,22 @@
 // The configuration datastore's commit engine, driven with the policy
 // module and a recording subscription table: the same paths, key depths,
-// extra arguments and flags as polctl's table, with callbacks that write
-// down exactly what they are handed.
+// extra arguments and flags as the library's table, with callbacks that
+// write down exactly what they are handed.
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
+#include <regex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include <policy/pol_config.h>
 #include <zen/mgmtd_ds.h>
-
-#include "polctl_host.hpp"
 
 namespace {
 
@@ -55,7 +56,7 @@ public:
     int32_t fail_status = 1;
 
     static int32_t record(t_vmgmtd_context *, void *host, mgmtd_iter_op oper, uint8_t num_keys,
-                          mgmtd_value_t *keys, uint32_t num_values, mgmtd_tag_value_t *values,
+                          mgmtd_value_t *keys, uint16_t num_values, mgmtd_tag_value_t *values,
                           int32_t arg)
     {
         auto *self = static_cast<Recorder *>(host);
@@ -69,7 +70,7 @@ public:
             line += mgmtd_value_print(&keys[i], text, sizeof(text));
         }
         line += "]";
-        for (uint32_t i = 0; i < num_values; i++) {
+        for (uint16_t i = 0; i < num_values; i++) {
             line += " " + render_value(self->ds, values[i]);
         }
         if (arg != 0) {
@@ -92,10 +93,21 @@ public:
 
 // Fails the call of one subscription: status from the recorder's setting.
 int32_t failing(t_vmgmtd_context *v, void *host, mgmtd_iter_op oper, uint8_t num_keys,
-                mgmtd_value_t *keys, uint32_t num_values, mgmtd_tag_value_t *values, int32_t arg)
+                mgmtd_value_t *keys, uint16_t num_values, mgmtd_tag_value_t *values, int32_t arg)
 {
     Recorder::record(v, host, oper, num_keys, keys, num_values, values, arg);
     return static_cast<Recorder *>(host)->fail_status;
+}
+
+// The names of the data nodes a YANG module's text declares.
+std::set<std::string> yang_node_names(const std::string &text)
+{
+    static const std::regex node(R"(\b(?:container|list|leaf|leaf-list)\s+([\w.-]+)\s*\{)");
+    std::set<std::string> names;
+    for (std::sregex_iterator it(text.begin(), text.end(), node), end; it != end; ++it) {
+        names.insert((*it)[1]);
+    }
+    return names;
 }
 
 constexpr const char *kHead = "<policy xmlns=\"urn:zen:params:xml:ns:yang:zen-policy\">\n";
@@ -125,10 +137,12 @@ protected:
         rmdir(dir_.c_str());
     }
 
-    // The host's table with recording callbacks; the named rows fail.
+    // The library's table with recording callbacks; the named rows fail.
     void subscribe(const std::set<std::string> &failing_rows)
     {
-        table_ = polctl::policy_subscriptions();
+        size_t num_subs = 0;
+        const mgmtd_ds_sub_t *subs = pol_config_subscriptions(&num_subs);
+        table_.assign(subs, subs + num_subs);
         for (mgmtd_ds_sub_t &row : table_) {
             row.cb = failing_rows.count(row.name) != 0 ? failing : Recorder::record;
         }
@@ -431,7 +445,8 @@ TEST_F(DatastoreTest, TableAndSchemaAreChecked)
     EXPECT_EQ(mgmtd_ds_subscribe(ds_, too_many_keys, 1, &rec_), MGMTD_DS_FAILED);
     EXPECT_NE(std::string(mgmtd_ds_error(ds_)).find("has 2 keys, not 3"), std::string::npos);
 
-    // One tag per name and one name per tag.
+    // Every node name of the module has exactly one tag, and no two names
+    // share one.
     const mgmtd_ds_schema_t *schema = mgmtd_ds_policy_schema();
     std::set<std::string> names;
     std::set<uint32_t> tags;
@@ -439,12 +454,105 @@ TEST_F(DatastoreTest, TableAndSchemaAreChecked)
         EXPECT_TRUE(names.insert(schema->tags[i].name).second) << schema->tags[i].name;
         EXPECT_TRUE(tags.insert(schema->tags[i].tag).second) << schema->tags[i].name;
     }
+    EXPECT_EQ(names, yang_node_names(schema->module_text));
     // A module with a node the table does not know is refused.
     mgmtd_ds_schema_t partial = *schema;
     partial.num_tags -= 1;
     char err[256] = "";
     EXPECT_EQ(mgmtd_ds_open(&partial, err, sizeof(err)), nullptr);
     EXPECT_NE(std::string(err).find("has no tag"), std::string::npos) << err;
+}
+
+// A module whose container "top" holds `leaves` leaves and a tree of
+// presence containers `depth` levels deep (an "l" and an "r" in each), and
+// a configuration that fills it: top hands over leaves + 2 x (2^(depth+1)
+// - 2) values.
+struct wide_module {
+    wide_module(int depth, int leaves)
+    {
+        std::string tree;
+        std::string data;
+        fill(depth, &tree, &data);
+        module = "module wide { yang-version 1.1; namespace \"urn:wide\"; prefix w;\n"
+                 "container top {\n";
+        config = "<top xmlns=\"urn:wide\">";
+        for (int i = 0; i < leaves; i++) {
+            const std::string name = "v" + std::to_string(i);
+            module += "leaf " + name + " { type string; }\n";
+            config += "<" + name + ">x</" + name + ">";
+        }
+        module += tree + "}\n}\n";
+        config += data + "</top>\n";
+    }
+
+    static void fill(int depth, std::string *tree, std::string *data)
+    {
+        for (const char *name : {"l", "r"}) {
+            if (depth == 0) {
+                return;
+            }
+            *tree += std::string("container ") + name + " { presence \"p\";\n";
+            *data += std::string("<") + name + ">";
+            fill(depth - 1, tree, data);
+            *tree += "}\n";
+            *data += std::string("</") + name + ">";
+        }
+    }
+
+    std::string module;
+    std::string config;
+};
+
+int32_t count_values(t_vmgmtd_context *, void *host, mgmtd_iter_op, uint8_t, mgmtd_value_t *,
+                     uint16_t num_values, mgmtd_tag_value_t *, int32_t)
+{
+    *static_cast<long *>(host) = num_values;
+    return 0;
+}
+
+// What a node hands over is bounded by its schema: a filled small module
+// hands over exactly its bound, and a subscription whose node could hand
+// over more than one call counts is refused before anything is delivered.
+TEST(DatastoreValueCount, NodesBeyondTheCountOfOneCallAreRefused)
+{
+    static const mgmtd_ds_tag_t kTags[] = {{"top", 1}, {"l", 2}, {"r", 3}, {"v0", 4},
+                                           {"v1", 5},  {"v2", 6}, {"v3", 7}};
+    const mgmtd_ds_sub_t top[] = {{"/wide:top", count_values, 0, 0, "top", 0}};
+    struct count_case {
+        int depth, leaves;
+        long values;  // handed over by a commit of the filled module; -1: not committed
+        int status;
+    };
+    const count_case cases[] = {
+        {3, 2, 2 + 2 * 14, MGMTD_DS_OK},
+        {14, 3, -1, MGMTD_DS_OK},  // 65535
+        {14, 4, -1, MGMTD_DS_FAILED},
+    };
+    for (const count_case &c : cases) {
+        const wide_module wide(c.depth, c.leaves);
+        const mgmtd_ds_schema_t schema = {"wide", wide.module.c_str(), kTags, std::size(kTags)};
+        char err[256] = "";
+        mgmtd_ds_t *ds = mgmtd_ds_open(&schema, err, sizeof(err));
+        ASSERT_NE(ds, nullptr) << err;
+        long handed = -1;
+        EXPECT_EQ(mgmtd_ds_subscribe(ds, top, 1, &handed), c.status) << mgmtd_ds_error(ds);
+        if (c.values >= 0) {
+            char path[] = "/tmp/mgmtd_ds_wideXXXXXX";
+            const int fd = mkstemp(path);
+            ASSERT_GE(fd, 0);
+            close(fd);
+            std::ofstream(path) << wide.config;
+            EXPECT_EQ(mgmtd_ds_commit_file(ds, path), MGMTD_DS_OK) << mgmtd_ds_error(ds);
+            std::remove(path);
+            EXPECT_EQ(handed, c.values);
+        }
+        if (c.status != MGMTD_DS_OK) {
+            EXPECT_EQ(std::string(mgmtd_ds_error(ds)),
+                      "subscription 0: \"/wide:top\" can hand over 65536 values, more than the "
+                      "65535 of one call");
+        }
+        mgmtd_ds_close(ds);
+    }
 }
 
 }  // namespace

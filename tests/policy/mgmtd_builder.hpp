@@ -1,12 +1,12 @@
 // Builders of what the host's management layer hands a configuration change
 // callback: the keys of a node and its flattened leaves and containers. Each
 // builder owns everything its values point to, so a built array stays valid
-// while the builder lives.
+// while the builder lives. Tags are those of zen/zen_policy_tags.h.
 //
 //   mgmtd_builder::keys k;
 //   k.text("pol").u16(10);
 //   mgmtd_builder::values v;
-//   v.enum_leaf(0x0369ffb7, 0).begin(0x32fc12e6).u32(0x4d7d11c2, 10).end(0x32fc12e6);
+//   v.enum_leaf(TAG_ACTION, 0).begin(TAG_SERVICE).u32(TAG_VPN, 10).end(TAG_SERVICE);
 //   reader(&host, ctx, MOP_CREATED, k.size(), k.data(), v.size(), v.data());
 #ifndef MGMTD_BUILDER_HPP
 #define MGMTD_BUILDER_HPP

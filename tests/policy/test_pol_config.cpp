@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include <policy/pol_config.h>
+#include <zen/zen_policy_tags.h>
 
 #include "mgmtd_builder.hpp"
 #include "pol_test_support.hpp"
@@ -21,18 +22,12 @@ using poltest::LogCapture;
 constexpr community_list_type kStd = COMM_LIST_TYPE_STANDARD;
 constexpr community_list_type kExp = COMM_LIST_TYPE_EXPANDED;
 
-// Schema tags of the policy leaves.
-constexpr uint32_t kPreference = 0x176ecfd3, kMinLen = 0x0c7fba2e, kMaxLen = 0x10ae453c,
-                   kExactLen = 0x0308c88e, kDefaultAction = 0x7037c488, kAction = 0x0369ffb7,
-                   kUltimate = 0x4a63a685, kOmpTag = 0x0c2c7467, kVpn = 0x4d7d11c2,
-                   kVpnList = 0x6aebf6e6, kTlocList = 0x72d28bfe, kCommunity = 0x04de5c80,
-                   kAdditive = 0x4e8cbcb6, kService = 0x32fc12e6, kTloc = 0x33c074ce,
-                   kTlocAddr = 0x61fa2cdb, kColor = 0x2b503622, kEncap = 0x5a62686b,
-                   kServiceType = 0x6ccfcce4, kCarrier = 0x4ef9605a, kSiteList = 0x6d6fa00b,
-                   kSite = 0x59a72353, kOrigin = 0x775cf168, kOriginator = 0x470748d8,
-                   kGroup = 0x7ce0369b, kDomain = 0x1beabc63, kPfx6List = 0x1acbe4b9,
-                   kColorList = 0x3129eae5, kOspfTag = 0x06c5a139, kMetric = 0x0e042d5a,
-                   kRoutePfxList = 0x4b843099;
+// Schema tags of the policy module's nodes (TAG_PREFERENCE, ...).
+enum schema_tag : uint32_t {
+#define TEST_POLICY_TAG(id, name, tag) TAG_##id = tag,
+    ZEN_POLICY_TAGS(TEST_POLICY_TAG)
+#undef TEST_POLICY_TAG
+};
 
 // Readers that take the kind of list after the values.
 auto std_list = [](auto... a) { return pol_config_community_list(a..., kStd); };
@@ -141,9 +136,9 @@ TEST_F(ConfigTest, TlocColourAndCommunityEntriesAreReaddedOnEveryChange)
     k.text("T").ipv4("10.0.0.1").enum_value(3).enum_value(1);
     const t_tloc_id tloc = tloc_of(0x0a000001, 3, 1);
     values pref5, pref9, pref_gone;
-    pref5.u32(kPreference, 5);
-    pref9.u32(kPreference, 9);
-    pref_gone.u32(kPreference, 9).removed(kPreference);
+    pref5.u32(TAG_PREFERENCE, 5);
+    pref9.u32(TAG_PREFERENCE, 9);
+    pref_gone.u32(TAG_PREFERENCE, 9).removed(TAG_PREFERENCE);
     for (auto [op, v, want] : {std::tuple(MOP_CREATED, &pref5, 5u), std::tuple(MOP_MODIFIED, &pref9, 9u),
                                std::tuple(MOP_MODIFIED, &pref_gone, 0u)}) {
         ASSERT_EQ(run(pol_config_policy_tloc_list, op, k, *v), 0);
@@ -185,13 +180,13 @@ TEST_F(ConfigTest, PrefixLengthLeavesMakeTheCondition)
         e_pfx_op op;
         uint8_t min, max;
     } const cases[] = {
-        {[](values &v) { v.u8(kMinLen, 24).u8(kMaxLen, 28); }, PFX_OP_RANGE, 24, 28},
-        {[](values &v) { v.u8(kMaxLen, 28); }, PFX_OP_LE, 0, 28},
-        {[](values &v) { v.u8(kMinLen, 24); }, PFX_OP_GE, 24, 0},
+        {[](values &v) { v.u8(TAG_PREFLEN_MIN, 24).u8(TAG_PREFLEN_MAX, 28); }, PFX_OP_RANGE, 24, 28},
+        {[](values &v) { v.u8(TAG_PREFLEN_MAX, 28); }, PFX_OP_LE, 0, 28},
+        {[](values &v) { v.u8(TAG_PREFLEN_MIN, 24); }, PFX_OP_GE, 24, 0},
         {[](values &) {}, PFX_OP_EQ, 0, 0},
-        {[](values &v) { v.u8(kMinLen, 20).u8(kExactLen, 26).u8(kMaxLen, 30); }, PFX_OP_RANGE, 26, 26},
-        {[](values &v) { v.u8(kMinLen, 24).removed(kExactLen); }, PFX_OP_GE, 24, 0},
-        {[](values &v) { v.u8(kMinLen, 24).removed(kMinLen).u8(kMaxLen, 28); }, PFX_OP_LE, 0, 28},
+        {[](values &v) { v.u8(TAG_PREFLEN_MIN, 20).u8(TAG_PREFLEN_EXACT, 26).u8(TAG_PREFLEN_MAX, 30); }, PFX_OP_RANGE, 26, 26},
+        {[](values &v) { v.u8(TAG_PREFLEN_MIN, 24).removed(TAG_PREFLEN_EXACT); }, PFX_OP_GE, 24, 0},
+        {[](values &v) { v.u8(TAG_PREFLEN_MIN, 24).removed(TAG_PREFLEN_MIN).u8(TAG_PREFLEN_MAX, 28); }, PFX_OP_LE, 0, 28},
     };
     keys k;
     k.text("PL").ipv4_prefix("10.1.0.0", 16);
@@ -226,9 +221,9 @@ TEST_F(ConfigTest, PolicyDefaultActionNotifiesOnlyWhenItChanges)
     int calls = 0;
     poltest::register_user("u", "P", POL_TYPE_ROUTE, POL_DIR_OUT, poltest::count_cb, &calls);
     values accept, reject, odd;
-    accept.enum_leaf(kDefaultAction, 0);
-    reject.enum_leaf(kDefaultAction, 1);
-    odd.enum_leaf(kDefaultAction, 7);
+    accept.enum_leaf(TAG_DEFAULT_ACTION, 0);
+    reject.enum_leaf(TAG_DEFAULT_ACTION, 1);
+    odd.enum_leaf(TAG_DEFAULT_ACTION, 7);
     t_pol_block *block = pol_block_find(ctx_, "P", POL_TYPE_ROUTE, nullptr);
     EXPECT_EQ(call(pol_config_control_policy_read, MOP_CREATED, accept, "P"), 0);
     EXPECT_EQ(block->default_action_entry.entry_action, POL_ACTION_ACCEPT);
@@ -262,12 +257,12 @@ TEST_F(ConfigTest, ControlSequenceSetActions)
     };
     call(pol_config_control_policy_read, MOP_CREATED, none_, "P");
     values v;
-    v.enum_leaf(kAction, 0).u32(kPreference, 100).u32(kOmpTag, 7).u32(kVpn, 5);
-    v.text(kVpnList, "V").text(kTlocList, "TL").enum_leaf(kUltimate, 3);
-    v.begin(kTloc).ipv4(kTlocAddr, "10.0.0.9").enum_leaf(kColor, 4).enum_leaf(kEncap, 0).end(kTloc);
-    v.begin(kService).enum_leaf(kServiceType, 2).u32(kVpn, 9);
-    v.begin(kTloc).ipv4(kTlocAddr, "10.0.0.7").enum_leaf(kColor, 5).enum_leaf(kEncap, 3).end(kTloc);
-    v.end(kService);
+    v.enum_leaf(TAG_ACTION, 0).u32(TAG_PREFERENCE, 100).u32(TAG_OMP_TAG, 7).u32(TAG_VPN, 5);
+    v.text(TAG_VPN_LIST, "V").text(TAG_TLOC_LIST, "TL").enum_leaf(TAG_ULTIMATE_TLOC_ACTION, 3);
+    v.begin(TAG_TLOC).ipv4(TAG_TLOC_ADDRESS, "10.0.0.9").enum_leaf(TAG_COLOR, 4).enum_leaf(TAG_ENCAP, 0).end(TAG_TLOC);
+    v.begin(TAG_SERVICE).enum_leaf(TAG_SERVICE_TYPE, 2).u32(TAG_VPN, 9);
+    v.begin(TAG_TLOC).ipv4(TAG_TLOC_ADDRESS, "10.0.0.7").enum_leaf(TAG_COLOR, 5).enum_leaf(TAG_ENCAP, 3).end(TAG_TLOC);
+    v.end(TAG_SERVICE);
     ASSERT_EQ(sequence(MOP_CREATED, 10, v), 0);
     t_pol_entry *e = entry_of("P", 10);
     ASSERT_NE(e, nullptr);
@@ -288,22 +283,22 @@ TEST_F(ConfigTest, ControlSequenceSetActions)
     // A part of a TLOC changes that part; a removed encapsulation reads as
     // IPsec and leaves the TLOC in place.
     values colour_only;
-    colour_only.enum_leaf(kUltimate, 4).begin(kTloc).enum_leaf(kColor, 6).end(kTloc);
+    colour_only.enum_leaf(TAG_ULTIMATE_TLOC_ACTION, 4).begin(TAG_TLOC).enum_leaf(TAG_COLOR, 6).end(TAG_TLOC);
     sequence(MOP_MODIFIED, 10, colour_only);
     const t_tloc_id recoloured = tloc_of(0x0a000009, 6, 2);
     EXPECT_EQ(TLOC_CMP(&set.set_tloc, &recoloured), 0);
     EXPECT_EQ(set.set_ultimate_action, 3);
     values gre, encap_gone;
-    gre.begin(kTloc).enum_leaf(kEncap, 1).end(kTloc);
-    encap_gone.begin(kTloc).removed(kEncap).end(kTloc);
+    gre.begin(TAG_TLOC).enum_leaf(TAG_ENCAP, 1).end(TAG_TLOC);
+    encap_gone.begin(TAG_TLOC).removed(TAG_ENCAP).end(TAG_TLOC);
     sequence(MOP_MODIFIED, 10, gre);
     EXPECT_EQ(set.set_tloc.encap, 1);
     sequence(MOP_MODIFIED, 10, encap_gone);
     EXPECT_EQ(TLOC_CMP(&set.set_tloc, &recoloured), 0);
 
     values gone;
-    gone.removed(kPreference).removed(kTlocList).begin(kTloc).removed(kTlocAddr).end(kTloc);
-    gone.begin(kService).removed(kServiceType).end(kService).removed(kUltimate);
+    gone.removed(TAG_PREFERENCE).removed(TAG_TLOC_LIST).begin(TAG_TLOC).removed(TAG_TLOC_ADDRESS).end(TAG_TLOC);
+    gone.begin(TAG_SERVICE).removed(TAG_SERVICE_TYPE).end(TAG_SERVICE).removed(TAG_ULTIMATE_TLOC_ACTION);
     sequence(MOP_MODIFIED, 10, gone);
     EXPECT_EQ(e->entry_set_flags, POL_SET_FLAG_TAG | POL_SET_FLAG_VPN_ID | POL_SET_FLAG_VPN_LIST);
     EXPECT_EQ(set.set_ultimate_action, 0);
@@ -319,9 +314,9 @@ TEST_F(ConfigTest, SetCommunities)
 {
     call(pol_config_control_policy_read, MOP_CREATED, none_, "P");
     values good, bad, off;
-    good.texts(kCommunity, {"65000:1", "no-export"}).boolean(kAdditive, true);
-    bad.texts(kCommunity, {"65000:2", "bogus"});
-    off.boolean(kAdditive, false);
+    good.texts(TAG_COMMUNITY, {"65000:1", "no-export"}).boolean(TAG_COMMUNITY_ADDITIVE, true);
+    bad.texts(TAG_COMMUNITY, {"65000:2", "bogus"});
+    off.boolean(TAG_COMMUNITY_ADDITIVE, false);
     ASSERT_EQ(call(pol_config_control_policy_seq_read, MOP_CREATED, good, "P", 10u), 0);
     t_pol_entry *e = entry_of("P", 10);
     ASSERT_NE(e->set_entry.set_community, nullptr);
@@ -348,11 +343,11 @@ TEST_F(ConfigTest, MatchConditionsAndMatchDeleteByKind)
         call(pol_config_control_policy_seq_read, MOP_CREATED, none_, "P", seq);
     }
     values v;
-    v.u32(kSite, 10).text(kSiteList, "S").enum_leaf(kColor, 3).enum_leaf(kCarrier, 2);
-    v.begin(kTloc).enum_leaf(kColor, 4).ipv4(kTlocAddr, "10.0.0.2").enum_leaf(kEncap, 0).end(kTloc);
-    v.text(kPfx6List, "P6").ipv4(kOriginator, "10.1.1.1").enum_leaf(kOrigin, 3).u32(kVpn, 7);
-    v.u32(kPreference, 5).u32(kOmpTag, 8).u32(kGroup, 1).u32(kDomain, 2).text(kVpnList, "V");
-    v.text(kTlocList, "T").text(kColorList, "C");
+    v.u32(TAG_SITE_ID, 10).text(TAG_SITE_LIST, "S").enum_leaf(TAG_COLOR, 3).enum_leaf(TAG_CARRIER, 2);
+    v.begin(TAG_TLOC).enum_leaf(TAG_COLOR, 4).ipv4(TAG_TLOC_ADDRESS, "10.0.0.2").enum_leaf(TAG_ENCAP, 0).end(TAG_TLOC);
+    v.text(TAG_PFX_LIST_IPV6, "P6").ipv4(TAG_ORIGINATOR, "10.1.1.1").enum_leaf(TAG_ORIGIN, 3).u32(TAG_VPN, 7);
+    v.u32(TAG_PREFERENCE, 5).u32(TAG_OMP_TAG, 8).u32(TAG_GROUP, 1).u32(TAG_DOMAIN, 2).text(TAG_VPN_LIST, "V");
+    v.text(TAG_TLOC_LIST, "T").text(TAG_COLOR_LIST, "C");
     ASSERT_EQ(match(MOP_CREATED, 10, 0, v), 0);
     t_pol_entry *e = entry_of("P", 10);
     const t_pol_match_entry &m = e->match_entry;
@@ -371,7 +366,7 @@ TEST_F(ConfigTest, MatchConditionsAndMatchDeleteByKind)
               std::tuple(3, POL_AF_IPV6, htonl(0x0a010101u), 4, 8u, 5u));
 
     values gone;
-    gone.removed(kSite).begin(kTloc).removed(kColor).end(kTloc);
+    gone.removed(TAG_SITE_ID).begin(TAG_TLOC).removed(TAG_COLOR).end(TAG_TLOC);
     match(MOP_MODIFIED, 10, 0, gone);
     EXPECT_EQ(e->entry_match_flags & (POL_MATCH_FLAG_SITE | POL_MATCH_FLAG_TLOC), 0u);
     EXPECT_NE(e->entry_match_flags & POL_MATCH_FLAG_COLOR, 0u);
@@ -396,10 +391,10 @@ TEST_F(ConfigTest, MatchConditionsAndMatchDeleteByKind)
 TEST_F(ConfigTest, RouteAndMembershipSequences)
 {
     values route, ospf_gone, members;
-    route.enum_leaf(kAction, 0).u32(kOmpTag, 10).u32(kOspfTag, 20).u32(kMetric, 50);
-    route.text(kRoutePfxList, "PL");
-    ospf_gone.removed(kOspfTag).enum_leaf(kAction, 1);
-    members.u32(kVpn, 9).text(kVpnList, "VL").enum_leaf(kAction, 0);
+    route.enum_leaf(TAG_ACTION, 0).u32(TAG_OMP_TAG, 10).u32(TAG_OSPF_TAG, 20).u32(TAG_METRIC, 50);
+    route.text(TAG_ROUTE_PFX_LIST, "PL");
+    ospf_gone.removed(TAG_OSPF_TAG).enum_leaf(TAG_ACTION, 1);
+    members.u32(TAG_VPN, 9).text(TAG_VPN_LIST, "VL").enum_leaf(TAG_ACTION, 0);
     LogCapture log;
     EXPECT_EQ(call(pol_config_route_policy_seq_read, MOP_CREATED, route, "R", 1u), 1);
     EXPECT_TRUE(logged(log, "Route Policy: R is not found"));
@@ -433,10 +428,10 @@ TEST_F(ConfigTest, UsersAreNotifiedOncePerCallbackThatChangedSomething)
     poltest::register_user("u", "P", POL_TYPE_ROUTE, POL_DIR_OUT, poltest::count_cb, &calls);
     call(pol_config_control_policy_read, MOP_CREATED, none_, "P");
     values set, conditions, list;
-    set.enum_leaf(kAction, 0).u32(kPreference, 1).text(kTlocList, "TL");
-    set.begin(kTloc).ipv4(kTlocAddr, "10.0.0.9").enum_leaf(kColor, 4).end(kTloc);
-    set.begin(kService).enum_leaf(kServiceType, 1).end(kService);
-    conditions.u32(kSite, 3).text(kSiteList, "S");
+    set.enum_leaf(TAG_ACTION, 0).u32(TAG_PREFERENCE, 1).text(TAG_TLOC_LIST, "TL");
+    set.begin(TAG_TLOC).ipv4(TAG_TLOC_ADDRESS, "10.0.0.9").enum_leaf(TAG_COLOR, 4).end(TAG_TLOC);
+    set.begin(TAG_SERVICE).enum_leaf(TAG_SERVICE_TYPE, 1).end(TAG_SERVICE);
+    conditions.u32(TAG_SITE_ID, 3).text(TAG_SITE_LIST, "S");
     list.text(0x11111111, "CL");
     call(pol_config_control_policy_seq_read, MOP_CREATED, set, "P", 1u);
     EXPECT_EQ(calls, 1);
@@ -458,7 +453,7 @@ TEST_F(ConfigTest, UsersAreNotifiedOncePerCallbackThatChangedSomething)
 TEST_F(ConfigTest, TracesOnlyFromDebugLevelOne)
 {
     values v;
-    v.u32(kPreference, 4);
+    v.u32(TAG_PREFERENCE, 4);
     keys k;
     k.text("T").ipv4("10.0.0.1").enum_value(1).enum_value(2);
     LogCapture log;
@@ -488,7 +483,7 @@ TEST_F(ConfigDeathTest, KeysOrValuesOfTheWrongShapeStop)
     keys text_addr;
     text_addr.text("T").text("10.0.0.1").enum_value(1).enum_value(2);
     values wrong;
-    wrong.u32(kDefaultAction, 1);
+    wrong.u32(TAG_DEFAULT_ACTION, 1);
     EXPECT_DEATH({ dup2(2, 1); call(pol_config_policy_site_list_name, MOP_CREATED, none_, 7u); },
                  "failed assertion `\\(key_p\\)->type == C_BUF'");
     EXPECT_DEATH({ dup2(2, 1); run(pol_config_policy_tloc_list, MOP_CREATED, text_addr, none_); },

@@ -1,5 +1,5 @@
-// Binding of the policy module to the library's configuration change
-// callbacks, and the host side of users and labels.
+// The host side of the library: the datastore bound to the library's
+// configuration change callbacks, users and labels.
 #include "polctl_host.hpp"
 
 #include <arpa/inet.h>
@@ -17,117 +17,6 @@ namespace {
 // library's label callback carries no context).
 host *g_host = nullptr;
 
-// The datastore calls every subscription alike; the library's callbacks
-// differ in the width of the value count and in their extra argument.
-template <int32_t (*Fn)(t_vmgmtd_context *, t_pol_ctx *, mgmtd_iter_op, uint8_t, mgmtd_value_t *,
-                        uint16_t, mgmtd_tag_value_t *)>
-int32_t plain(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op oper,
-              uint8_t num_keys, mgmtd_value_t *key_p, uint32_t num_values,
-              mgmtd_tag_value_t *val_p, int32_t)
-{
-    if (num_values > UINT16_MAX) {
-        return POL_CONFIG_NO_MEMORY;
-    }
-    return Fn(vmgmtd_ctx_p, static_cast<t_pol_ctx *>(host_ctx_p), oper, num_keys, key_p,
-              static_cast<uint16_t>(num_values), val_p);
-}
-
-int32_t community_list_name(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op oper,
-                            uint8_t num_keys, mgmtd_value_t *key_p, uint32_t num_values,
-                            mgmtd_tag_value_t *val_p, int32_t arg)
-{
-    return pol_config_community_list_name(vmgmtd_ctx_p, static_cast<t_pol_ctx *>(host_ctx_p), oper,
-                                          num_keys, key_p, num_values, val_p,
-                                          static_cast<community_list_type>(arg));
-}
-
-int32_t community_list(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op oper,
-                       uint8_t num_keys, mgmtd_value_t *key_p, uint32_t num_values,
-                       mgmtd_tag_value_t *val_p, int32_t arg)
-{
-    if (num_values > UINT16_MAX) {
-        return POL_CONFIG_NO_MEMORY;
-    }
-    return pol_config_community_list(vmgmtd_ctx_p, static_cast<t_pol_ctx *>(host_ctx_p), oper,
-                                     num_keys, key_p, static_cast<uint16_t>(num_values), val_p,
-                                     static_cast<community_list_type>(arg));
-}
-
-int32_t prefix_list_name(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op oper,
-                         uint8_t num_keys, mgmtd_value_t *key_p, uint32_t num_values,
-                         mgmtd_tag_value_t *val_p, int32_t arg)
-{
-    if (num_values > UINT16_MAX) {
-        return POL_CONFIG_NO_MEMORY;
-    }
-    return pol_config_policy_prefix_list_name(vmgmtd_ctx_p, static_cast<t_pol_ctx *>(host_ctx_p),
-                                              oper, num_keys, key_p,
-                                              static_cast<uint16_t>(num_values), val_p, arg != 0);
-}
-
-int32_t match_community_list(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op oper,
-                             uint8_t num_keys, mgmtd_value_t *key_p, uint32_t num_values,
-                             mgmtd_tag_value_t *val_p, int32_t arg)
-{
-    if (num_values > UINT16_MAX) {
-        return POL_CONFIG_NO_MEMORY;
-    }
-    return pol_config_control_policy_match_community_list_read(
-        vmgmtd_ctx_p, static_cast<t_pol_ctx *>(host_ctx_p), oper, num_keys, key_p,
-        static_cast<uint16_t>(num_values), val_p, static_cast<community_list_type>(arg));
-}
-
-#define POLICY_PATH "/zen-policy:policy"
-#define LISTS_PATH POLICY_PATH "/lists"
-
-// Path, callback, key depth, extra argument, name, flags. Keys are handed
-// over in the order the callbacks read them: list name, then the entry's
-// keys; policy name, sequence number, match kind. A prefix-list entry is
-// rebuilt from the lengths it is handed (a length not handed over counts
-// as absent), so its modifications carry all of its lengths.
-const std::vector<mgmtd_ds_sub_t> kSubscriptions = {
-    {LISTS_PATH "/site-list", plain<pol_config_policy_site_list_name>, 1, 0, "site-list", 0},
-    {LISTS_PATH "/site-list/site", plain<pol_config_policy_site_list>, 2, 0, "site-list-entry", 0},
-    {LISTS_PATH "/vpn-list", plain<pol_config_policy_vpn_list_name>, 1, 0, "vpn-list", 0},
-    {LISTS_PATH "/vpn-list/vpn", plain<pol_config_policy_vpn_list>, 2, 0, "vpn-list-entry", 0},
-    {LISTS_PATH "/tloc-list", plain<pol_config_policy_tloc_list_name>, 1, 0, "tloc-list", 0},
-    {LISTS_PATH "/tloc-list/tloc", plain<pol_config_policy_tloc_list>, 4, 0, "tloc-list-entry", 0},
-    {LISTS_PATH "/color-list", plain<pol_config_policy_color_list_name>, 1, 0, "color-list", 0},
-    {LISTS_PATH "/color-list/entry", plain<pol_config_policy_color_list>, 2, 0,
-     "color-list-entry", 0},
-    {LISTS_PATH "/prefix-list", prefix_list_name, 1, 1, "prefix-list", 0},
-    {LISTS_PATH "/prefix-list/entry", plain<pol_config_policy_prefix_list>, 2, 0,
-     "prefix-list-entry", MGMTD_DS_SUB_WHOLE},
-    {LISTS_PATH "/ipv6-prefix-list", prefix_list_name, 1, 0, "ipv6-prefix-list", 0},
-    {LISTS_PATH "/ipv6-prefix-list/entry", plain<pol_config_policy_prefix_list>, 2, 0,
-     "ipv6-prefix-list-entry", MGMTD_DS_SUB_WHOLE},
-    {LISTS_PATH "/community-list", community_list_name, 1, COMM_LIST_TYPE_STANDARD,
-     "community-list", 0},
-    {LISTS_PATH "/community-list/entry", community_list, 2, COMM_LIST_TYPE_STANDARD,
-     "community-list-entry", 0},
-    {LISTS_PATH "/expanded-community-list", community_list_name, 1, COMM_LIST_TYPE_EXPANDED,
-     "expanded-community-list", 0},
-    {LISTS_PATH "/expanded-community-list/entry", community_list, 2, COMM_LIST_TYPE_EXPANDED,
-     "expanded-community-list-entry", 0},
-    {POLICY_PATH "/control-policy", plain<pol_config_control_policy_read>, 1, 0,
-     "control-policy", 0},
-    {POLICY_PATH "/control-policy/sequence", plain<pol_config_control_policy_seq_read>, 2, 0,
-     "control-sequence", 0},
-    {POLICY_PATH "/control-policy/sequence/match", plain<pol_config_control_policy_match_read>, 3,
-     0, "control-match", 0},
-    {POLICY_PATH "/control-policy/sequence/match/community-list", match_community_list, 3,
-     COMM_LIST_TYPE_STANDARD, "control-match-community-list", 0},
-    {POLICY_PATH "/control-policy/sequence/match/expanded-community-list", match_community_list,
-     3, COMM_LIST_TYPE_EXPANDED, "control-match-expanded-community-list", 0},
-    {POLICY_PATH "/route-policy", plain<pol_config_route_policy_read>, 1, 0, "route-policy", 0},
-    {POLICY_PATH "/route-policy/sequence", plain<pol_config_route_policy_seq_read>, 2, 0,
-     "route-sequence", 0},
-    {POLICY_PATH "/membership-policy", plain<pol_config_membership_policy_read>, 1, 0,
-     "membership-policy", 0},
-    {POLICY_PATH "/membership-policy/sequence", plain<pol_config_membership_policy_seq_read>, 2,
-     0, "membership-sequence", 0},
-};
-
 const char *color_name_or_number(uint8_t color, char *buf, size_t size)
 {
     const char *name = zen_util_tloc_color_name(color);
@@ -139,11 +28,6 @@ const char *color_name_or_number(uint8_t color, char *buf, size_t size)
 }
 
 }  // namespace
-
-const std::vector<mgmtd_ds_sub_t> &policy_subscriptions()
-{
-    return kSubscriptions;
-}
 
 std::string tloc_text(const t_tloc_id &tloc)
 {
@@ -223,8 +107,9 @@ bool host::start(std::string *error)
         *error = "the policy library did not start";
         return false;
     }
-    const std::vector<mgmtd_ds_sub_t> &subs = policy_subscriptions();
-    if (mgmtd_ds_subscribe(ds_, subs.data(), subs.size(), ctx_) != MGMTD_DS_OK) {
+    size_t num_subs = 0;
+    const mgmtd_ds_sub_t *subs = pol_config_subscriptions(&num_subs);
+    if (mgmtd_ds_subscribe(ds_, subs, num_subs, ctx_) != MGMTD_DS_OK) {
         *error = std::string("subscription table: ") + mgmtd_ds_error(ds_);
         return false;
     }

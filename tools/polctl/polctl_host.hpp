@@ -1,7 +1,7 @@
 // The command-line host of the policy library: the library context, the
-// configuration datastore with the subscription table that binds the
-// policy module's nodes to the library's configuration change callbacks,
-// the users it registers and the label callback it gives them.
+// configuration datastore subscribed with the library's own table
+// (pol_config_subscriptions), the users it registers and the label
+// callback it gives them.
 #ifndef POLCTL_HOST_HPP
 #define POLCTL_HOST_HPP
 
@@ -18,11 +18,6 @@
 #include "pol_internal.h"
 
 namespace polctl {
-
-// The subscription table of the policy module: schema path, key depth,
-// extra argument and the library callback (behind a trampoline that turns
-// the datastore's calling form into the callback's own).
-const std::vector<mgmtd_ds_sub_t> &policy_subscriptions();
 
 // One registered user of the library.
 struct user_record {

@@ -60,10 +60,14 @@ enum mgmtd_ds_status {
  * A configuration change callback as the datastore calls it: the host's
  * management context, the host context given at subscription, the
  * operation, the keys, the values and the subscription's extra argument.
+ * The value count has the width the policy library's callbacks take.
  */
 typedef int32_t (*mgmtd_ds_cb_f)(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p,
                                  mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
-                                 uint32_t num_values, mgmtd_tag_value_t *val_p, int32_t arg);
+                                 uint16_t num_values, mgmtd_tag_value_t *val_p, int32_t arg);
+
+/* The most values one call hands over (the range of its value count). */
+#define MGMTD_DS_MAX_VALUES 65535u
 
 /*
  * Subscription flag: a modification hands over all the node's values, as a
@@ -116,7 +120,12 @@ void mgmtd_ds_close(mgmtd_ds_t *ds);
  * Installs the subscription table (copied) and the host context handed to
  * every callback. Every path must name a list or container of the module
  * with at least num_keys keys, and every value node below it must have a
- * tag. Replaces an earlier table.
+ * tag. A node's values are bounded by its schema (one per leaf and
+ * leaf-list, two brackets per container and what the container holds), so
+ * a subscription whose node could hand over more than MGMTD_DS_MAX_VALUES
+ * values is refused here, before any commit could reach it. Replaces an
+ * earlier table; a refused table (MGMTD_DS_FAILED) leaves the earlier one
+ * in place.
  */
 int mgmtd_ds_subscribe(mgmtd_ds_t *ds, const mgmtd_ds_sub_t *subs, size_t num_subs,
                        void *host_ctx_p);

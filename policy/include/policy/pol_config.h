@@ -16,9 +16,11 @@
 #define POLICY_POL_CONFIG_H
 
 #include <stdbool.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #include <zen/mgmtd.h>
+#include <zen/mgmtd_ds.h>
 
 #include <policy/pol_lists.h>
 
@@ -30,6 +32,15 @@ extern "C" {
 #define POL_CONFIG_NOT_FOUND 1
 #define POL_CONFIG_NO_MEMORY 2
 #define POL_CONFIG_BAD_KEY (-1)
+
+/*
+ * The common form of a configuration change callback. Some callbacks take
+ * one more argument after these, given by the host's registration: the
+ * kind of community list or the address family.
+ */
+typedef int32_t (*pol_config_cb_f)(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+                                   mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
+                                   uint16_t num_values, mgmtd_tag_value_t *val_p);
 
 /* ---- named lists ---- */
 
@@ -133,6 +144,18 @@ int32_t pol_config_membership_policy_seq_read(t_vmgmtd_context *vmgmtd_ctx_p,
                                               t_pol_ctx *pol_ctx_p, mgmtd_iter_op oper,
                                               uint8_t num_keys, mgmtd_value_t *key_p,
                                               uint16_t num_values, mgmtd_tag_value_t *val_p);
+
+/* ---- binding to the configuration datastore ---- */
+
+/*
+ * The subscription table of the zen-policy module: one row per list or
+ * container whose changes a callback above reads, with its schema path,
+ * key depth, extra argument and flags. Every row's callback takes the
+ * library context as the datastore's host context, so a host subscribes
+ * the table with the context pol_init returned. The table is static;
+ * *count receives its length.
+ */
+const mgmtd_ds_sub_t *pol_config_subscriptions(size_t *count);
 
 /* ---- shared ---- */
 

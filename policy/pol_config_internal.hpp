@@ -1,0 +1,158 @@
+// What the configuration change callbacks share (pol_config.cpp): the
+// schema tags they dispatch on, typed access to keys and values, the walk
+// over a node's values with its trace, the parts of a TLOC that one change
+// names, and leaves that map onto one add/delete pair of the store.
+//
+// The host's management layer calls one callback per changed list entry or
+// container, with the node's keys and its leaves flattened in schema order.
+// A callback checks the keys, then on MOP_DELETED removes what the node
+// stands for; otherwise it walks the leaves, dispatching on their schema
+// tags (unknown tags are skipped), and applies them to the model. Policy
+// readers collect whether anything changed and flush the change queue once
+// at their end; list stores notify by themselves.
+//
+// Keys or values of an unexpected type are errors of the schema binding and
+// stop the process.
+#ifndef POLICY_POL_CONFIG_INTERNAL_HPP
+#define POLICY_POL_CONFIG_INTERNAL_HPP
+
+#include <cstdint>
+#include <span>
+#include <type_traits>
+
+#include <policy/pol_config.h>
+#include <zen/zen_policy_tags.h>
+
+#include "pol_internal.h"
+
+namespace pol::config {
+
+// Schema tags of the module's nodes (TAG_PREFERENCE, TAG_PREFLEN_MIN, ...).
+enum schema_tag : uint32_t {
+#define POL_CONFIG_TAG(id, name, tag) TAG_##id = tag,
+    ZEN_POLICY_TAGS(POL_CONFIG_TAG)
+#undef POL_CONFIG_TAG
+};
+
+/* ---- keys ---- */
+
+void check_key_count(uint8_t num_keys, uint8_t expected);
+const char *key_text(const mgmtd_value_t *key_p);
+uint16_t key_u16(const mgmtd_value_t *key_p);
+uint32_t key_enum(const mgmtd_value_t *key_p);
+// An IPv4 or IPv6 address key.
+void key_addr(t_ipaddr *addr, const mgmtd_value_t *key_p);
+// An IPv4 or IPv6 prefix key.
+t_ipprefix key_prefix(const mgmtd_value_t *key_p);
+
+// Keys of a policy node: name, then sequence number, then match kind.
+struct policy_keys {
+    const char *name;
+    uint16_t seq;
+    uint32_t kind;
+};
+
+// Exactly `expected` keys, of which those beyond the name are read.
+policy_keys policy_keys_of(uint8_t num_keys, const mgmtd_value_t *key_p, uint8_t expected);
+
+/* ---- values ---- */
+
+// The leaf went away in this change.
+bool removed(const mgmtd_tag_value_t *cur_val_p);
+uint32_t value_enum(const mgmtd_tag_value_t *cur_val_p);
+uint32_t value_u32(const mgmtd_tag_value_t *cur_val_p);
+uint8_t value_u8(const mgmtd_tag_value_t *cur_val_p);
+bool value_bool(const mgmtd_tag_value_t *cur_val_p);
+const char *value_text(const mgmtd_tag_value_t *cur_val_p);
+void value_addr(t_ipaddr *addr, const mgmtd_tag_value_t *cur_val_p);
+// Start (true) or end (false) of a container.
+bool container_begins(const mgmtd_tag_value_t *cur_val_p);
+
+/* ---- the walk over a node's values ---- */
+
+// Every value is traced; list readers and policy readers trace differently.
+enum class trace_form { list, policy };
+
+void trace_value(trace_form form, uint32_t cur, const mgmtd_tag_value_t *cur_val_p);
+
+// Hands every value to fn in order. fn returns nothing, or a status of
+// which the first non-zero one ends the walk.
+template <typename Fn>
+int32_t walk_values(trace_form form, mgmtd_tag_value_t *val_p, uint32_t num_values, Fn &&fn)
+{
+    for (uint32_t cur = 0; cur < num_values; cur++) {
+        const mgmtd_tag_value_t *cur_val_p = &val_p[cur];
+        trace_value(form, cur, cur_val_p);
+        if constexpr (std::is_void_v<std::invoke_result_t<Fn &, const mgmtd_tag_value_t *>>) {
+            fn(cur_val_p);
+        } else if (int32_t status = fn(cur_val_p); status != 0) {
+            return status;
+        }
+    }
+    return 0;
+}
+
+// Traces the values of a node whose leaves the reader does not read.
+void trace_values(mgmtd_tag_value_t *val_p, uint32_t num_values);
+
+// Flushes the change queue when the callback changed something.
+int32_t notify_if_changed(t_pol_ctx *ctx, uint8_t changed);
+
+/* ---- TLOCs ---- */
+
+// The parts of a TLOC that one change names. A removed encapsulation reads
+// as IPsec; a removed address or colour either withdraws the whole TLOC
+// (set and match TLOCs) or clears that part (the service TLOC).
+class tloc_parts {
+public:
+    explicit tloc_parts(bool removal_withdraws);
+
+    static bool is_part(uint32_t tag)
+    {
+        return tag == TAG_TLOC_ADDRESS || tag == TAG_COLOR || tag == TAG_ENCAP;
+    }
+
+    void read(const mgmtd_tag_value_t *cur_val_p);
+
+    bool withdrawn() const { return withdrawn_; }
+    bool given() const { return has_addr_ || has_color_ || has_encap_; }
+
+    // The current TLOC with the parts of this change put in, copied byte
+    // for byte so that an unchanged TLOC compares equal to the stored one.
+    void over(const t_tloc_id &current, t_tloc_id *out) const;
+
+private:
+    bool removal_withdraws_;
+    bool withdrawn_ = false;
+    bool has_addr_ = false;
+    bool has_color_ = false;
+    bool has_encap_ = false;
+    t_tloc_id tloc_;
+};
+
+/* ---- leaves that map onto one add/delete pair of the store ---- */
+
+using leaf_add_f = void (*)(t_pol_ctx *, t_pol_entry *, const mgmtd_tag_value_t *, uint8_t *);
+using leaf_del_f = void (*)(t_pol_ctx *, t_pol_entry *, uint8_t *);
+
+struct leaf_pair {
+    uint32_t tag;
+    leaf_add_f add;
+    leaf_del_f del;
+};
+
+// The add of a store operation that takes the leaf's value as Read reads it.
+template <auto Add, auto Read>
+void add_leaf(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cur_val_p,
+              uint8_t *changed)
+{
+    Add(ctx, entry, Read(cur_val_p), changed);
+}
+
+// Applies the leaf if the table knows its tag; a removed leaf deletes.
+bool apply_leaf(std::span<const leaf_pair> table, t_pol_ctx *ctx, t_pol_entry *entry,
+                const mgmtd_tag_value_t *cur_val_p, uint8_t *changed);
+
+}  // namespace pol::config
+
+#endif  // POLICY_POL_CONFIG_INTERNAL_HPP

@@ -1,0 +1,366 @@
+// Configuration change callbacks of the named lists: site, VPN, TLOC,
+// colour, community and prefix lists. List-name nodes carry no leaves the
+// library reads; entry nodes add or delete one entry of their list, whose
+// store notifies the users of what changed.
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+#include <zen/zen_util.h>
+
+#include "pol_config_internal.hpp"
+
+using namespace pol::config;
+
+namespace {
+
+/* ---- site and VPN ranges ---- */
+
+struct id_range {
+    uint32_t min;
+    uint32_t max;
+};
+
+// One number is a range of one; the bounds are passed on unchecked.
+std::optional<id_range> range_of(int parsed, uint64_t first, uint64_t second)
+{
+    if (parsed == 1) {
+        return id_range{static_cast<uint32_t>(first), static_cast<uint32_t>(first)};
+    }
+    if (parsed == 2) {
+        return id_range{static_cast<uint32_t>(first), static_cast<uint32_t>(second)};
+    }
+    return std::nullopt;
+}
+
+std::optional<id_range> parse_site_range(const char *text)
+{
+    unsigned first = 0;
+    unsigned second = 0;
+    const int parsed = std::sscanf(text, "%u-%u", &first, &second);
+    return range_of(parsed, first, second);
+}
+
+// VPN ids are read as 64-bit numbers and narrowed to the list's 32 bits.
+std::optional<id_range> parse_vpn_range(const char *text)
+{
+    unsigned long first = 0;
+    unsigned long second = 0;
+    const int parsed = std::sscanf(text, "%lu-%lu", &first, &second);
+    return range_of(parsed, first, second);
+}
+
+using range_op_f = e_err (*)(t_pol_ctx *, const char *, uint32_t, uint32_t);
+
+// Ranges are added on creation only; a modification changes nothing.
+void apply_range(t_pol_ctx *ctx, mgmtd_iter_op oper, const char *name, id_range range,
+                 range_op_f add, range_op_f del, mgmtd_tag_value_t *val_p, uint32_t num_values)
+{
+    if (oper == MOP_DELETED) {
+        del(ctx, name, range.min, range.max);
+        return;
+    }
+    trace_values(val_p, num_values);
+    if (oper == MOP_CREATED) {
+        add(ctx, name, range.min, range.max);
+    }
+}
+
+/* ---- prefix-list entries ---- */
+
+// The length leaves of one prefix-list entry change and the condition they
+// make: an exact length overrides minimum and maximum.
+class preflen_leaves {
+public:
+    void read(const mgmtd_tag_value_t *cur_val_p)
+    {
+        switch (cur_val_p->tag.tag) {
+        case TAG_PREFLEN_MIN:
+            read_bound(cur_val_p, min_, min_given_);
+            break;
+        case TAG_PREFLEN_MAX:
+            read_bound(cur_val_p, max_, max_given_);
+            break;
+        case TAG_PREFLEN_EXACT:
+            exact_ = removed(cur_val_p) ? exact::removed : exact::given;
+            exact_len_ = exact_ == exact::given ? value_u8(cur_val_p) : 0;
+            break;
+        default:
+            break;
+        }
+    }
+
+    void finish(t_pfx_entry_param &param) const
+    {
+        param.preflen_min = min_;
+        param.preflen_max = max_;
+        if (exact_ == exact::removed) {
+            param.preflen_min = min_given_ ? min_ : 0;
+            param.preflen_max = max_given_ ? max_ : 0;
+        } else if (exact_ == exact::given) {
+            param.preflen_min = exact_len_;
+            param.preflen_max = exact_len_;
+        }
+        param.pfx_op = op_of(param.preflen_min, param.preflen_max);
+    }
+
+private:
+    enum class exact { absent, given, removed };
+
+    static void read_bound(const mgmtd_tag_value_t *cur_val_p, uint8_t &len, bool &given)
+    {
+        len = removed(cur_val_p) ? 0 : value_u8(cur_val_p);
+        given = given || !removed(cur_val_p);
+    }
+
+    static e_pfx_op op_of(uint8_t min, uint8_t max)
+    {
+        if (min != 0 && max != 0) {
+            return PFX_OP_RANGE;
+        }
+        if (max != 0) {
+            return PFX_OP_LE;
+        }
+        return min != 0 ? PFX_OP_GE : PFX_OP_EQ;
+    }
+
+    uint8_t min_ = 0;
+    uint8_t max_ = 0;
+    bool min_given_ = false;
+    bool max_given_ = false;
+    exact exact_ = exact::absent;
+    uint8_t exact_len_ = 0;
+};
+
+// A list-name node carries no leaves the library reads: a delete drops the
+// list's configuration, anything else is only traced.
+template <typename Delete>
+int32_t delete_or_trace(mgmtd_iter_op oper, mgmtd_tag_value_t *val_p, uint32_t num_values,
+                        Delete &&cfg_del)
+{
+    if (oper == MOP_DELETED) {
+        cfg_del();
+    } else {
+        trace_values(val_p, num_values);
+    }
+    return POL_CONFIG_OK;
+}
+
+}  // namespace
+
+extern "C" {
+
+/* ---- site and VPN lists ---- */
+
+int32_t pol_config_policy_site_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
+                                         mgmtd_iter_op oper, uint8_t num_keys,
+                                         mgmtd_value_t *key_p, uint16_t num_values,
+                                         mgmtd_tag_value_t *val_p)
+{
+    check_key_count(num_keys, 1);
+    const char *name = key_text(key_p);
+    POL_DBG(0, "Site list Config - Name:%s, Oper:%u, num:%u", name, static_cast<unsigned>(oper),
+            static_cast<unsigned>(num_values));
+    return delete_or_trace(oper, val_p, num_values, [&] { pol_site_list_cfg_del(pol_ctx_p, name); });
+}
+
+int32_t pol_config_policy_site_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, mgmtd_iter_op oper,
+                                    uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+                                    mgmtd_tag_value_t *val_p)
+{
+    check_key_count(num_keys, 2);
+    const char *name = key_text(&key_p[0]);
+    const char *text = key_text(&key_p[1]);
+    POL_DBG(0, "Site list config - Name:%s, id:%s, Oper:%u, num:%u", name, text,
+            static_cast<unsigned>(oper), static_cast<unsigned>(num_values));
+    const std::optional<id_range> range = parse_site_range(text);
+    if (!range) {
+        POL_LOG("Invalid site list range %s in list %s", text, name);
+        return POL_CONFIG_BAD_KEY;
+    }
+    apply_range(pol_ctx_p, oper, name, *range, pol_site_list_add_entry, pol_site_list_del_entry,
+                val_p, num_values);
+    return POL_CONFIG_OK;
+}
+
+int32_t pol_config_policy_vpn_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
+                                        mgmtd_iter_op oper, uint8_t num_keys,
+                                        mgmtd_value_t *key_p, uint16_t num_values,
+                                        mgmtd_tag_value_t *val_p)
+{
+    check_key_count(num_keys, 1);
+    const char *name = key_text(key_p);
+    POL_DBG(0, "VPN list Config - Name:%s, Oper:%u, num:%u", name, static_cast<unsigned>(oper),
+            static_cast<unsigned>(num_values));
+    return delete_or_trace(oper, val_p, num_values, [&] { pol_vpn_list_cfg_del(pol_ctx_p, name); });
+}
+
+int32_t pol_config_policy_vpn_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, mgmtd_iter_op oper,
+                                   uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+                                   mgmtd_tag_value_t *val_p)
+{
+    check_key_count(num_keys, 2);
+    const char *name = key_text(&key_p[0]);
+    const char *text = key_text(&key_p[1]);
+    POL_DBG(0, "VPN list config - Name:%s, id:%s, Oper:%u, num:%u", name, text,
+            static_cast<unsigned>(oper), static_cast<unsigned>(num_values));
+    const std::optional<id_range> range = parse_vpn_range(text);
+    if (!range) {
+        POL_LOG("Invalid vpn list range %s in list %s", text, name);
+        return POL_CONFIG_BAD_KEY;
+    }
+    apply_range(pol_ctx_p, oper, name, *range, pol_vpn_list_add_entry, pol_vpn_list_del_entry,
+                val_p, num_values);
+    return POL_CONFIG_OK;
+}
+
+/* ---- TLOC and colour lists ---- */
+
+int32_t pol_config_policy_tloc_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
+                                         mgmtd_iter_op oper, uint8_t num_keys,
+                                         mgmtd_value_t *key_p, uint16_t num_values,
+                                         mgmtd_tag_value_t *val_p)
+{
+    check_key_count(num_keys, 1);
+    const char *name = key_text(key_p);
+    POL_DBG(0, "Tloc list Config - Name:%s, Oper:%u, num:%u", name, static_cast<unsigned>(oper),
+            static_cast<unsigned>(num_values));
+    return delete_or_trace(oper, val_p, num_values, [&] { pol_tloc_list_cfg_del(pol_ctx_p, name); });
+}
+
+// Every operation but a delete (re-)adds the entry with its preference.
+int32_t pol_config_policy_tloc_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, mgmtd_iter_op oper,
+                                    uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+                                    mgmtd_tag_value_t *val_p)
+{
+    check_key_count(num_keys, 4);
+    const char *name = key_text(&key_p[0]);
+    POL_DBG(0, "Tloc list config - Name:%s, Oper:%u, num:%u", name, static_cast<unsigned>(oper),
+            static_cast<unsigned>(num_values));
+    t_tloc_id tloc;
+    std::memset(&tloc, 0, sizeof(tloc));
+    key_addr(&tloc.addr, &key_p[1]);
+    tloc.color = static_cast<uint8_t>(key_enum(&key_p[2]));
+    tloc.encap = static_cast<uint8_t>(key_enum(&key_p[3]));
+    if (oper == MOP_DELETED) {
+        pol_tloc_list_del_entry(pol_ctx_p, name, &tloc);
+        return POL_CONFIG_OK;
+    }
+    uint32_t preference = 0;
+    walk_values(trace_form::list, val_p, num_values, [&](const mgmtd_tag_value_t *cur_val_p) {
+        if (cur_val_p->tag.tag == TAG_PREFERENCE) {
+            preference = removed(cur_val_p) ? 0 : value_u32(cur_val_p);
+        }
+    });
+    pol_tloc_list_add_entry(pol_ctx_p, name, &tloc, preference);
+    return POL_CONFIG_OK;
+}
+
+int32_t pol_config_policy_color_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
+                                          mgmtd_iter_op oper, uint8_t num_keys,
+                                          mgmtd_value_t *key_p, uint16_t num_values,
+                                          mgmtd_tag_value_t *val_p)
+{
+    check_key_count(num_keys, 1);
+    const char *name = key_text(key_p);
+    POL_DBG(0, "Color list Config - Name:%s, Oper:%u, num:%u", name, static_cast<unsigned>(oper),
+            static_cast<unsigned>(num_values));
+    return delete_or_trace(oper, val_p, num_values, [&] { pol_color_list_cfg_del(pol_ctx_p, name); });
+}
+
+int32_t pol_config_policy_color_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
+                                     mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
+                                     uint16_t num_values, mgmtd_tag_value_t *val_p)
+{
+    check_key_count(num_keys, 2);
+    const char *name = key_text(&key_p[0]);
+    const uint16_t color = static_cast<uint16_t>(key_enum(&key_p[1]));
+    POL_DBG(0, "Color list config - Name:%s, Oper:%u, num:%u", name, static_cast<unsigned>(oper),
+            static_cast<unsigned>(num_values));
+    if (oper == MOP_DELETED) {
+        pol_color_list_del_entry(pol_ctx_p, name, color);
+        return POL_CONFIG_OK;
+    }
+    trace_values(val_p, num_values);
+    pol_color_list_add_entry(pol_ctx_p, name, color);
+    return POL_CONFIG_OK;
+}
+
+/* ---- community lists ---- */
+
+int32_t pol_config_community_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
+                                       mgmtd_iter_op oper, uint8_t num_keys,
+                                       mgmtd_value_t *key_p, uint32_t num_values,
+                                       mgmtd_tag_value_t *val_p, community_list_type list_type)
+{
+    check_key_count(num_keys, 1);
+    const char *name = key_text(key_p);
+    POL_DBG(0, "Community list Config - Name:%s, type:%d, Oper:%u, num:%u", name,
+            static_cast<int>(list_type), static_cast<unsigned>(oper), num_values);
+    return delete_or_trace(oper, val_p, num_values, [&] { pol_community_list_cfg_del(pol_ctx_p, name, list_type); });
+}
+
+int32_t pol_config_community_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, mgmtd_iter_op oper,
+                                  uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+                                  mgmtd_tag_value_t *val_p, community_list_type list_type)
+{
+    check_key_count(num_keys, 2);
+    const char *name = key_text(&key_p[0]);
+    const char *text = key_text(&key_p[1]);
+    POL_DBG(0, "Community list config - Name:%s, Type:%d, Oper:%u, num:%u", name,
+            static_cast<int>(list_type), static_cast<unsigned>(oper),
+            static_cast<unsigned>(num_values));
+    if (oper == MOP_DELETED) {
+        pol_community_list_del_entry(pol_ctx_p, name, text, list_type);
+        return POL_CONFIG_OK;
+    }
+    trace_values(val_p, num_values);
+    pol_community_list_add_entry(pol_ctx_p, name, text, list_type);
+    return POL_CONFIG_OK;
+}
+
+/* ---- prefix lists ---- */
+
+int32_t pol_config_policy_prefix_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
+                                           mgmtd_iter_op oper, uint8_t num_keys,
+                                           mgmtd_value_t *key_p, uint16_t num_values,
+                                           mgmtd_tag_value_t *val_p, bool is_ipv4)
+{
+    check_key_count(num_keys, 1);
+    const t_pfx_list_key key = {is_ipv4 ? POL_AF_IPV4 : POL_AF_IPV6, key_text(key_p)};
+    POL_DBG(0, "Prefix list Config - Name:%s, is_ipv4:%u, Oper:%u, num:%u", key.pfx_key_name_p,
+            static_cast<unsigned>(is_ipv4), static_cast<unsigned>(oper),
+            static_cast<unsigned>(num_values));
+    return delete_or_trace(oper, val_p, num_values, [&] { pol_pfx_list_cfg_del(pol_ctx_p, &key); });
+}
+
+// The entry's family is that of its prefix key; every operation but a
+// delete (re-)adds it with the condition its length leaves make.
+int32_t pol_config_policy_prefix_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
+                                      mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
+                                      uint16_t num_values, mgmtd_tag_value_t *val_p)
+{
+    check_key_count(num_keys, 2);
+    const char *name = key_text(&key_p[0]);
+    t_pfx_entry_param param;
+    std::memset(&param, 0, sizeof(param));
+    param.pfx_op = PFX_OP_EQ;
+    param.prefix = key_prefix(&key_p[1]);
+    const t_pfx_list_key key = {IPPREFIX_IS_V4(&param.prefix) ? POL_AF_IPV4 : POL_AF_IPV6, name};
+    char text[128];
+    POL_DBG(0, "Prefix config - Name:%s, pfx:%s, Oper:%u, num:%u", name,
+            ipprefix_print(&param.prefix, text, sizeof(text)), static_cast<unsigned>(oper),
+            static_cast<unsigned>(num_values));
+    if (oper == MOP_DELETED) {
+        pol_pfx_list_del_entry(pol_ctx_p, &key, &param);
+        return POL_CONFIG_OK;
+    }
+    preflen_leaves lengths;
+    walk_values(trace_form::list, val_p, num_values,
+                [&](const mgmtd_tag_value_t *cur_val_p) { lengths.read(cur_val_p); });
+    lengths.finish(param);
+    pol_pfx_list_entry_add(pol_ctx_p, &key, &param);
+    return POL_CONFIG_OK;
+}
+
+}  // extern "C"

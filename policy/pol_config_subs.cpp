@@ -1,0 +1,103 @@
+// Binding of the zen-policy module to the configuration change callbacks:
+// the subscription table a host hands the configuration datastore. Plain
+// data of the types of zen/mgmtd_ds.h; the library calls nothing of the
+// datastore.
+#include <iterator>
+#include <type_traits>
+
+#include <policy/pol_config.h>
+
+namespace {
+
+// The argument after the values that some readers take.
+template <typename Reader>
+struct extra_arg;
+
+template <typename Count, typename Extra>
+struct extra_arg<int32_t (*)(t_vmgmtd_context *, t_pol_ctx *, mgmtd_iter_op, uint8_t,
+                             mgmtd_value_t *, Count, mgmtd_tag_value_t *, Extra)> {
+    using type = Extra;
+};
+
+// The datastore calls every subscription alike: its host context is the
+// library context, and the subscription's argument becomes the reader's
+// extra argument (community-list kind, or whether a prefix list is IPv4).
+template <auto Reader>
+int32_t thunk(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op oper,
+              uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+              mgmtd_tag_value_t *val_p, int32_t arg)
+{
+    auto *pol_ctx_p = static_cast<t_pol_ctx *>(host_ctx_p);
+    if constexpr (std::is_same_v<decltype(Reader), pol_config_cb_f>) {
+        return Reader(vmgmtd_ctx_p, pol_ctx_p, oper, num_keys, key_p, num_values, val_p);
+    } else {
+        using extra = typename extra_arg<decltype(Reader)>::type;
+        return Reader(vmgmtd_ctx_p, pol_ctx_p, oper, num_keys, key_p, num_values, val_p,
+                      static_cast<extra>(arg));
+    }
+}
+
+#define POLICY_PATH "/zen-policy:policy"
+#define LISTS_PATH POLICY_PATH "/lists"
+
+// Path, callback, key depth, extra argument, name, flags. Keys are handed
+// over in the order the callbacks read them: list name, then the entry's
+// keys; policy name, sequence number, match kind. A prefix-list entry is
+// rebuilt from the lengths it is handed (a length not handed over counts
+// as absent), so its modifications carry all of its lengths.
+constexpr mgmtd_ds_sub_t kSubscriptions[] = {
+    {LISTS_PATH "/site-list", thunk<pol_config_policy_site_list_name>, 1, 0, "site-list", 0},
+    {LISTS_PATH "/site-list/site", thunk<pol_config_policy_site_list>, 2, 0, "site-list-entry", 0},
+    {LISTS_PATH "/vpn-list", thunk<pol_config_policy_vpn_list_name>, 1, 0, "vpn-list", 0},
+    {LISTS_PATH "/vpn-list/vpn", thunk<pol_config_policy_vpn_list>, 2, 0, "vpn-list-entry", 0},
+    {LISTS_PATH "/tloc-list", thunk<pol_config_policy_tloc_list_name>, 1, 0, "tloc-list", 0},
+    {LISTS_PATH "/tloc-list/tloc", thunk<pol_config_policy_tloc_list>, 4, 0, "tloc-list-entry", 0},
+    {LISTS_PATH "/color-list", thunk<pol_config_policy_color_list_name>, 1, 0, "color-list", 0},
+    {LISTS_PATH "/color-list/entry", thunk<pol_config_policy_color_list>, 2, 0,
+     "color-list-entry", 0},
+    {LISTS_PATH "/prefix-list", thunk<pol_config_policy_prefix_list_name>, 1, 1, "prefix-list",
+     0},
+    {LISTS_PATH "/prefix-list/entry", thunk<pol_config_policy_prefix_list>, 2, 0,
+     "prefix-list-entry", MGMTD_DS_SUB_WHOLE},
+    {LISTS_PATH "/ipv6-prefix-list", thunk<pol_config_policy_prefix_list_name>, 1, 0,
+     "ipv6-prefix-list", 0},
+    {LISTS_PATH "/ipv6-prefix-list/entry", thunk<pol_config_policy_prefix_list>, 2, 0,
+     "ipv6-prefix-list-entry", MGMTD_DS_SUB_WHOLE},
+    {LISTS_PATH "/community-list", thunk<pol_config_community_list_name>, 1,
+     COMM_LIST_TYPE_STANDARD, "community-list", 0},
+    {LISTS_PATH "/community-list/entry", thunk<pol_config_community_list>, 2,
+     COMM_LIST_TYPE_STANDARD, "community-list-entry", 0},
+    {LISTS_PATH "/expanded-community-list", thunk<pol_config_community_list_name>, 1,
+     COMM_LIST_TYPE_EXPANDED, "expanded-community-list", 0},
+    {LISTS_PATH "/expanded-community-list/entry", thunk<pol_config_community_list>, 2,
+     COMM_LIST_TYPE_EXPANDED, "expanded-community-list-entry", 0},
+    {POLICY_PATH "/control-policy", thunk<pol_config_control_policy_read>, 1, 0,
+     "control-policy", 0},
+    {POLICY_PATH "/control-policy/sequence", thunk<pol_config_control_policy_seq_read>, 2, 0,
+     "control-sequence", 0},
+    {POLICY_PATH "/control-policy/sequence/match", thunk<pol_config_control_policy_match_read>, 3,
+     0, "control-match", 0},
+    {POLICY_PATH "/control-policy/sequence/match/community-list",
+     thunk<pol_config_control_policy_match_community_list_read>, 3, COMM_LIST_TYPE_STANDARD,
+     "control-match-community-list", 0},
+    {POLICY_PATH "/control-policy/sequence/match/expanded-community-list",
+     thunk<pol_config_control_policy_match_community_list_read>, 3, COMM_LIST_TYPE_EXPANDED,
+     "control-match-expanded-community-list", 0},
+    {POLICY_PATH "/route-policy", thunk<pol_config_route_policy_read>, 1, 0, "route-policy", 0},
+    {POLICY_PATH "/route-policy/sequence", thunk<pol_config_route_policy_seq_read>, 2, 0,
+     "route-sequence", 0},
+    {POLICY_PATH "/membership-policy", thunk<pol_config_membership_policy_read>, 1, 0,
+     "membership-policy", 0},
+    {POLICY_PATH "/membership-policy/sequence", thunk<pol_config_membership_policy_seq_read>, 2,
+     0, "membership-sequence", 0},
+};
+
+}  // namespace
+
+extern "C" const mgmtd_ds_sub_t *pol_config_subscriptions(size_t *count)
+{
+    if (count != nullptr) {
+        *count = std::size(kSubscriptions);
+    }
+    return kSubscriptions;
+}
