@@ -247,12 +247,14 @@ TEST_F(PolDbg, RoutePolicyLinesBuildSequences)
     load("route-policy RP 10 tag 78 action\nroute-policy RP 10 tag 78 bogus 1\nroute-policy RP 10 tag x\n"
          "route-policy RP 10 no match-type\nroute-policy RP default maybe\n"
          "route-policy RP 99999999999 action accept\n" + long_line + "\n"
-         "route-policy RP 50 " + std::string(50, 'w') + "\n"
+         "route-policy RP 50 " + std::string(50, 'w') + "\n" +
+         std::string("route-policy RP 41 tag 1 action accept\0junk\n", 44) +
          "route-policy RP 10 no tag\n");
     EXPECT_EQ(e10->entry_match_flags, 0u);  // the last line did apply
-    EXPECT_TRUE(seq("RP", 40) == nullptr && seq("RP", 50) == nullptr);
+    EXPECT_TRUE(seq("RP", 40) == nullptr && seq("RP", 41) == nullptr && seq("RP", 50) == nullptr);
     EXPECT_EQ(user->pol_block_p->default_action_entry.entry_action, POL_ACTION_ACCEPT);
-    for (const char *text : {"unknown keyword bogus", "missing value after action", "longer than 1022 characters"}) {
+    for (const char *text : {"unknown keyword bogus", "missing value after action", "longer than 1022 characters",
+                             "holds a NUL byte"}) {
         EXPECT_TRUE(logged(text)) << text;
     }
     EXPECT_EQ(execute_route(user, &params), POL_ACTION_ACCEPT);
