@@ -380,25 +380,30 @@ const char *community_gettoken(const char *text, community_token *kind, uint32_t
         return nullptr;
     }
     if (std::isdigit(c)) {
-        // aa:nn, or a bare number; neither part is range-checked and the
-        // arithmetic wraps in 32 bits.
+        // aa:nn with both halves from 0 to 65535, or a bare 32-bit number.
+        // A value out of range is refused rather than wrapped into another
+        // community.
         uint32_t upper = 0;
-        uint32_t number = 0;
+        uint64_t number = 0;
         bool seen_colon = false;
         bool digit_since_colon = false;
         for (; std::isdigit(static_cast<unsigned char>(*p)) || *p == ':'; p++) {
             if (*p == ':') {
-                if (seen_colon) {
+                if (seen_colon || number > 0xFFFFu) {
                     *kind = community_token_unknown;
                     return nullptr;
                 }
                 seen_colon = true;
-                upper = number << 16;
+                upper = static_cast<uint32_t>(number) << 16;
                 number = 0;
                 digit_since_colon = false;
             } else {
-                number = number * 10 + static_cast<uint32_t>(*p - '0');
+                number = number * 10 + static_cast<uint64_t>(*p - '0');
                 digit_since_colon = true;
+                if (number > (seen_colon ? 0xFFFFu : UINT32_MAX)) {
+                    *kind = community_token_unknown;
+                    return nullptr;
+                }
             }
         }
         if (!digit_since_colon) {
@@ -406,7 +411,7 @@ const char *community_gettoken(const char *text, community_token *kind, uint32_t
             return nullptr;
         }
         *kind = community_token_val;
-        *value = upper + number;
+        *value = upper + static_cast<uint32_t>(number);
         return p;
     }
     *kind = community_token_unknown;

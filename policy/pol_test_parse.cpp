@@ -37,26 +37,37 @@ struct token_span {
     std::size_t len;
 };
 
-enum class read_result { line, overlong, end };
+enum class read_result { line, overlong, nul_byte, end };
 
 // Reads the next line. A line that does not fit the buffer (and is not the
-// file's last) is skipped whole rather than handed over in pieces.
+// file's last) is skipped whole rather than handed over in pieces; so is a
+// line holding a NUL byte, whose text would end at that byte. Read byte by
+// byte, so that a NUL never hides where the line ends.
 read_result read_line(FILE *fp, char (&buf)[kLineBufSize])
 {
-    if (std::fgets(buf, sizeof(buf), fp) == nullptr) {
+    std::size_t len = 0;
+    bool overlong = false;
+    bool nul_byte = false;
+    int c = EOF;
+    while ((c = std::fgetc(fp)) != EOF) {
+        if (len + 1 < sizeof(buf)) {
+            buf[len++] = static_cast<char>(c);
+        } else {
+            overlong = true;
+        }
+        nul_byte = nul_byte || c == '\0';
+        if (c == '\n') {
+            break;
+        }
+    }
+    buf[len] = '\0';
+    if (len == 0) {
         return read_result::end;
     }
-    if (std::strchr(buf, '\n') != nullptr) {
-        return read_result::line;
+    if (overlong) {
+        return read_result::overlong;
     }
-    int c = std::fgetc(fp);
-    if (c == EOF) {
-        return read_result::line;  // the last line, without its newline
-    }
-    while (c != '\n' && c != EOF) {
-        c = std::fgetc(fp);
-    }
-    return read_result::overlong;
+    return nul_byte ? read_result::nul_byte : read_result::line;
 }
 
 /* ---- route-policy lines ---- */
@@ -476,6 +487,10 @@ void pol_test_parse_cfg(t_omp_parse_cb parse_cb)
     for (read_result r; (r = read_line(fp, line)) != read_result::end; line_no++) {
         if (r == read_result::overlong) {
             POL_LOG("Line %d is longer than %d characters, ignored", line_no, kLineBufSize - 2);
+            continue;
+        }
+        if (r == read_result::nul_byte) {
+            POL_LOG("Line %d holds a NUL byte, ignored", line_no);
             continue;
         }
         POL_DBG(0, "%d %s", line_no, line);

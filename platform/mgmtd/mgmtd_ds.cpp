@@ -5,10 +5,12 @@
 #include <zen/mgmtd_ds.h>
 
 #include <arpa/inet.h>
+#include <sys/stat.h>
 #include <libyang/libyang.h>
 #include <libyang/plugins_types.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
@@ -943,16 +945,50 @@ const char *mgmtd_ds_error(const mgmtd_ds_t *ds)
     return ds->error.c_str();
 }
 
+// A configuration file is a regular file holding a document. An empty or
+// blank file is refused, at its last line, rather than read as the empty
+// configuration: a file emptied by mistake must not commit as the deletion
+// of everything (the empty configuration is an empty policy element or
+// object). False with the message in error.
+static bool check_config_file(const char *path, std::string *error)
+{
+    FILE *file = std::fopen(path, "r");
+    if (file == nullptr) {
+        *error = format("%s: cannot open: %s", path, std::strerror(errno));
+        return false;
+    }
+    struct stat st;
+    if (fstat(fileno(file), &st) != 0 || !S_ISREG(st.st_mode)) {
+        *error = format("%s: %s", path,
+                        S_ISDIR(st.st_mode) ? "is a directory, not a configuration file"
+                                            : "not a regular file");
+        std::fclose(file);
+        return false;
+    }
+    long newlines = 0;
+    int last = '\n';
+    int c = EOF;
+    while ((c = std::fgetc(file)) != EOF && std::isspace(c)) {
+        newlines += c == '\n' ? 1 : 0;
+        last = c;
+    }
+    std::fclose(file);
+    if (c == EOF) {
+        const long line = std::max(1L, newlines + (last != '\n' ? 1 : 0));
+        *error = format("%s:%ld: no configuration: the file is %s", path, line,
+                        st.st_size == 0 ? "empty" : "blank");
+        return false;
+    }
+    return true;
+}
+
 int mgmtd_ds_load(mgmtd_ds_t *ds, const char *path, mgmtd_ds_tree_t **tree_pp)
 {
     ds->error.clear();
     *tree_pp = nullptr;
-    FILE *probe = std::fopen(path, "r");
-    if (probe == nullptr) {
-        ds->error = format("%s: cannot open: %s", path, std::strerror(errno));
+    if (!check_config_file(path, &ds->error)) {
         return MGMTD_DS_INVALID;
     }
-    std::fclose(probe);
     const size_t len = std::strlen(path);
     const LYD_FORMAT fmt =
         len > 5 && std::strcmp(path + len - 5, ".json") == 0 ? LYD_JSON : LYD_XML;

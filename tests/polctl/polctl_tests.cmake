@@ -49,7 +49,13 @@ foreach(bad
     "missing-key.xml|:6: List instance is missing its key \"seq\""
     "dangling-ref.xml|: Invalid leafref value \"no-such-list\".*at /zen-policy:policy/control-policy"
     "bad-prefix.xml|:6: Unsatisfied pattern - \"10.0.0.0/33\""
-    "wrong-type.json|:8: Value \"-5\" is out of type uint32")
+    "wrong-type.json|:8: Value \"-5\" is out of type uint32"
+    # libyang checks must constraints on the parsed tree: the data path, no line
+    "must.xml|: ge must not exceed le \\(at /zen-policy:policy/lists/prefix-list\\[name='corp'\\]/entry"
+    # an empty or blank file is no configuration (the empty one is <policy/>)
+    "empty.xml|:1: no configuration: the file is empty"
+    "blank.xml|:3: no configuration: the file is blank"
+    "blank.json|:1: no configuration: the file is blank")
   string(REPLACE "|" ";" pair "${bad}")
   list(GET pair 0 file)
   list(GET pair 1 message)
@@ -63,9 +69,16 @@ foreach(bad
     OUT_REGEX "commit 2: ${POLCTL_DATA}/${file}\n  error: [^\n]*\n  0 callbacks, 0 notifications\n"
     ERR_REGEX "polctl: ${POLCTL_DATA}/${file}${message}")
 endforeach()
+# The empty configuration is written out; it removes everything.
+polctl_test(polctl_diff_to_empty 0 ARGS diff examples/policy.xml ${POLCTL_DATA}/empty-policy.xml
+  OUT_REGEX "commit 2: ${POLCTL_DATA}/empty-policy.xml\n  #1 delete site-list .*  17 callbacks")
 polctl_test(polctl_bad_missing_file 1 ARGS check ${POLCTL_DATA}/no-such-file.xml
   ERR_REGEX "no-such-file.xml: cannot open")
 polctl_test(polctl_bad_routes 1 ARGS run examples/policy.xml ${POLCTL_DATA}/bad-routes.txt
   GOLDEN ${POLCTL_GOLDEN}/bad-routes.txt GOLDEN_ERR ${POLCTL_GOLDEN}/bad-routes.err)
 polctl_test(polctl_bad_routes_file 1 ARGS run examples/policy.xml ${POLCTL_DATA}/none.txt
   ERR_REGEX "none.txt: cannot open")
+polctl_test(polctl_bad_routes_directory 1 ARGS run examples/policy.xml ${POLCTL_DATA}
+  ERR_REGEX "polctl: ${POLCTL_DATA}: is a directory, not a routes file")
+polctl_test(polctl_bad_config_directory 1 ARGS check ${POLCTL_DATA}
+  ERR_REGEX "polctl: ${POLCTL_DATA}: is a directory, not a configuration file")

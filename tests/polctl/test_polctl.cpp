@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "polctl_host.hpp"
+#include "polctl_json.hpp"
 #include "polctl_routes.hpp"
 
 #ifndef POLCTL_TEST_EXAMPLES
@@ -181,5 +182,95 @@ TEST(RoutesFile, RoutesCarryEveryAttributeTheyName)
     EXPECT_EQ(std::tuple(rf.routes[2].safi, int(rf.routes[2].attr.origin.proto_sub_type)),
               std::tuple(POL_SAFI_SERVICE, 6));
 }
+
+
+// Lines a text editor would not show: a NUL byte, an overlong line, a file
+// without an end, a directory. Each is reported with its place; the rest of
+// the file is read as usual.
+TEST(RoutesFile, UnreadableInputIsBoundedAndReported)
+{
+    const std::string path = ::testing::TempDir() + "polctl_bad_" + std::to_string(getpid()) + ".txt";
+    auto read = [&path](const std::string &text) {
+        std::ofstream(path, std::ios::binary) << text;
+        polctl::routes_file rf;
+        polctl::read_routes_file(path, &rf);
+        std::remove(path.c_str());
+        return rf;
+    };
+    const polctl::routes_file rf =
+        read("user u policy p dir in\n"
+             "route u vroute 10.0.0.0/8 vpn 1 community 99999999999:1\n" +
+             std::string("user u\0x policy p dir in\n", 25) + "route u vroute 10.0.0.0/8 vpn 1 tag " +
+             std::string(5000, '1') + "\n"
+             "route u vroute 10.0.0.0/8 vpn 1 group 1,2,3,4,5,6,7,8 group 9,10,11,12,13,14,15,16\n");
+    ASSERT_EQ(rf.errors.size(), 3u);
+    EXPECT_EQ(rf.errors[0].message, "bad community \"99999999999:1\"");
+    EXPECT_EQ(rf.errors[1].text(), path + ":3: NUL byte in the line");
+    EXPECT_EQ(rf.errors[2].text(), path + ":4: line longer than 4096 characters");
+    ASSERT_EQ(rf.routes.size(), 1u);
+    EXPECT_EQ(std::tuple(rf.routes[0].line, rf.routes[0].attr.group_count), std::tuple(5, 16));
+
+    const polctl::routes_file endless = read(std::string(5u << 20, 'x'));
+    ASSERT_EQ(endless.errors.size(), 1u);
+    EXPECT_EQ(endless.errors[0].text(), path + ":1: file longer than 4194304 bytes; the rest is not read");
+    polctl::routes_file dir;
+    EXPECT_FALSE(polctl::read_routes_file("/tmp", &dir));
+    ASSERT_EQ(dir.errors.size(), 1u);
+    EXPECT_EQ(dir.errors[0].text(), "/tmp: is a directory, not a routes file");
+}
+
+// Users the library would take for one (same type and direction, names
+// equal up to a NUL byte or the library's 127-character field) get one
+// handle, held once, so it is unregistered once at the end.
+TEST_F(HostTest, OneHandlePerLibraryUser)
+{
+    commit("policy.xml");
+    const std::string long_name(127, 'n');
+    struct {
+        std::string first;
+        std::string second;
+        e_pol_dir second_dir;
+        bool both;
+    } const cases[] = {
+        {std::string("a\0x", 3), std::string("a\0y", 3), POL_DIR_OUT, false},
+        {long_name + "1", long_name + "2", POL_DIR_OUT, false},
+        {"b", "b", POL_DIR_IN, true},
+        {"c", "c2", POL_DIR_OUT, true},
+    };
+    size_t expected = 0;
+    for (const auto &c : cases) {
+        ASSERT_NE(host_.register_user(c.first, "hub-and-spoke", POL_TYPE_ROUTE, POL_DIR_OUT),
+                  nullptr);
+        polctl::user_record *second =
+            host_.register_user(c.second, "hub-and-spoke", POL_TYPE_ROUTE, c.second_dir);
+        EXPECT_EQ(second != nullptr, c.both) << c.second;
+        expected += c.both ? 2 : 1;
+    }
+    EXPECT_EQ(host_.users().size(), expected);
+    EXPECT_EQ(avl_numnodes(&host_.ctx()->pol_users), expected);
+}
+
+// JSON strings stay valid whatever bytes the input files hold.
+TEST(JsonWriter, StringsAreEscapedAndValidUtf8)
+{
+    const struct {
+        std::string text;
+        std::string json;
+    } cases[] = {
+        {"plain \"q\" \\ \n\t", "\"plain \\\"q\\\" \\\\ \\n\\t\""},
+        {std::string("a\0\x01\x1f\x7f", 5), "\"a\\u0000\\u0001\\u001f\x7f\""},
+        {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", "\"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80\""},
+        {"\xff\xfe", "\"\\ufffd\\ufffd\""},
+        {"\xc0\x80", "\"\\ufffd\\ufffd\""},                  // overlong NUL
+        {"\xed\xa0\x80", "\"\\ufffd\\ufffd\\ufffd\""},          // surrogate
+        {"\xf4\x90\x80\x80", "\"\\ufffd\\ufffd\\ufffd\\ufffd\""},  // past U+10FFFF
+        {"\xe2\x82x", "\"\\ufffd\\ufffdx\""},                   // cut short
+    };
+    for (const auto &c : cases) {
+        polctl::json_writer j;
+        EXPECT_EQ(j.value(c.text).str(), c.json + "\n") << c.text;
+    }
+}
+
 
 }  // namespace

@@ -29,8 +29,12 @@ TEST(CommunityText, ReadsRendersAndCompares)
         {"internet", community_token_no_export, 0, ""},
         {"no-advertise", community_token_no_advertise, 0xFFFFFF02, ""},
         {"local-AS,", community_token_local_as, 0xFFFFFF03, ","},
-        {"4294967296", community_token_val, 0, ""},
-        {"70000:70000", community_token_val, 292552704u + 70000u, ""},
+        {"4294967295", community_token_val, 0xFFFFFFFFu, ""},
+        {"65535:65535,", community_token_val, 0xFFFFFFFFu, ","},
+        // Out of range is refused, not wrapped into another value.
+        {"4294967296", none, 0, nullptr}, {"65536:1", none, 0, nullptr},
+        {"1:65536", none, 0, nullptr}, {"99999999999:1", none, 0, nullptr},
+        {"1:99999999999999999999999", none, 0, nullptr},
         {"1:2:3", none, 0, nullptr}, {":5", none, 0, nullptr}, {"5:", none, 0, nullptr},
         {"abc", none, 0, nullptr}, {"local-as", none, 0, nullptr},
     };

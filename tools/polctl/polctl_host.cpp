@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include <policy/pol_config.h>
@@ -129,9 +130,34 @@ int host::commit_file(const std::string &path, std::string *error)
     return status;
 }
 
+namespace {
+
+// The user name as the library keys it: what its name field holds.
+std::string library_user_name(const std::string &name)
+{
+    return name.substr(0, std::min(name.find('\0'), size_t{POL_NAME_SIZE - 1}));
+}
+
+}  // namespace
+
+const user_record *host::same_library_user(const std::string &name, e_pol_type type,
+                                           e_pol_dir dir) const
+{
+    const std::string key = library_user_name(name);
+    for (const auto &user : users_) {
+        if (user->type == type && user->dir == dir && library_user_name(user->name) == key) {
+            return user.get();
+        }
+    }
+    return nullptr;
+}
+
 user_record *host::register_user(const std::string &name, const std::string &policy,
                                  e_pol_type type, e_pol_dir dir)
 {
+    if (same_library_user(name, type, dir) != nullptr) {
+        return nullptr;
+    }
     auto record = std::make_unique<user_record>();
     record->name = name;
     record->policy = policy;

@@ -77,8 +77,16 @@ public:
     int commit_file(const std::string &path, std::string *error);
 
     // Registers a user with the change and label callbacks of this host.
+    // Null when the library refuses it, or when a user of this host already
+    // has the same library key: the host keeps one record per handle, so
+    // each handle is unregistered once.
     user_record *register_user(const std::string &name, const std::string &policy,
                                e_pol_type type, e_pol_dir dir);
+    // The registered user the library would take name, type and direction
+    // for (the library keys users by the name up to a NUL byte or its
+    // 127-character field), or null.
+    const user_record *same_library_user(const std::string &name, e_pol_type type,
+                                         e_pol_dir dir) const;
     const std::vector<std::unique_ptr<user_record>> &users() const { return users_; }
 
     // Change callbacks received since the last take.

@@ -115,10 +115,21 @@ private:
         out_.append(2 * stack_.size(), ' ');
     }
 
+    // A JSON string: quotes, backslashes and control characters escaped;
+    // bytes that are not UTF-8 (input files may hold any) replaced by
+    // U+FFFD, so the document stays valid.
     void quote(const std::string &text)
     {
         out_ += '"';
-        for (const char c : text) {
+        for (size_t i = 0; i < text.size();) {
+            const auto c = static_cast<unsigned char>(text[i]);
+            if (c >= 0x80) {
+                const size_t n = utf8_length(text, i);
+                out_ += n == 0 ? "\\ufffd" : text.substr(i, n);
+                i += n == 0 ? 1 : n;
+                continue;
+            }
+            i++;
             switch (c) {
             case '"':
                 out_ += "\\\"";
@@ -133,16 +144,51 @@ private:
                 out_ += "\\t";
                 break;
             default:
-                if (static_cast<unsigned char>(c) < 0x20) {
+                if (c < 0x20) {
                     char esc[8];
                     std::snprintf(esc, sizeof(esc), "\\u%04x", static_cast<unsigned>(c));
                     out_ += esc;
                 } else {
-                    out_ += c;
+                    out_ += static_cast<char>(c);
                 }
             }
         }
         out_ += '"';
+    }
+
+    // The length of the well-formed UTF-8 sequence at text[i] (no overlong
+    // forms, surrogates or code points past U+10FFFF), or 0.
+    static size_t utf8_length(const std::string &text, size_t i)
+    {
+        const auto byte = [&](size_t k) {
+            return i + k < text.size() ? static_cast<unsigned char>(text[i + k]) : 0u;
+        };
+        const unsigned lead = byte(0);
+        size_t n = 0;
+        unsigned low = 0x80;   // range of the second byte
+        unsigned high = 0xBF;
+        if (lead >= 0xC2 && lead <= 0xDF) {
+            n = 2;
+        } else if (lead >= 0xE0 && lead <= 0xEF) {
+            n = 3;
+            low = lead == 0xE0 ? 0xA0 : 0x80;
+            high = lead == 0xED ? 0x9F : 0xBF;
+        } else if (lead >= 0xF0 && lead <= 0xF4) {
+            n = 4;
+            low = lead == 0xF0 ? 0x90 : 0x80;
+            high = lead == 0xF4 ? 0x8F : 0xBF;
+        } else {
+            return 0;
+        }
+        if (byte(1) < low || byte(1) > high) {
+            return 0;
+        }
+        for (size_t k = 2; k < n; k++) {
+            if (byte(k) < 0x80 || byte(k) > 0xBF) {
+                return 0;
+            }
+        }
+        return n;
     }
 
     std::string out_;

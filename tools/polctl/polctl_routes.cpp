@@ -3,6 +3,7 @@
 #include "polctl_routes.hpp"
 
 #include <arpa/inet.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -16,6 +17,72 @@
 namespace polctl {
 
 namespace {
+
+// What reading one line of the file gave.
+enum class line_status { ok, too_long, nul_byte, file_too_long, end };
+
+// Limits that keep a file without newlines, or one that never ends (a
+// device, a pipe), from growing polctl without bound.
+constexpr size_t kMaxLineLength = 4096;
+constexpr uint64_t kMaxFileBytes = 4u << 20;
+
+// Lines of at most kMaxLineLength characters, from at most kMaxFileBytes
+// bytes; a longer line is read to its end but not kept.
+class bounded_reader {
+public:
+    explicit bounded_reader(std::streambuf &in) : in_(in) {}
+
+    line_status next(std::string *text)
+    {
+        using traits = std::char_traits<char>;
+        text->clear();
+        bool any = false;
+        bool too_long = false;
+        bool nul_byte = false;
+        while (true) {
+            if (total_ >= kMaxFileBytes && in_.sgetc() != traits::eof()) {
+                return line_status::file_too_long;
+            }
+            const int c = in_.sbumpc();
+            if (c == traits::eof() && !any) {
+                return line_status::end;
+            }
+            if (c == traits::eof() || c == '\n') {
+                break;
+            }
+            total_++;
+            any = true;
+            nul_byte = nul_byte || c == '\0';
+            if (text->size() < kMaxLineLength) {
+                text->push_back(static_cast<char>(c));
+            } else {
+                too_long = true;
+            }
+        }
+        total_++;
+        if (too_long) {
+            return line_status::too_long;
+        }
+        return nul_byte ? line_status::nul_byte : line_status::ok;
+    }
+
+private:
+    std::streambuf &in_;
+    uint64_t total_ = 0;
+};
+
+std::string line_problem(line_status status)
+{
+    switch (status) {
+    case line_status::too_long:
+        return "line longer than " + std::to_string(kMaxLineLength) + " characters";
+    case line_status::nul_byte:
+        return "NUL byte in the line";
+    default:
+        return "file longer than " + std::to_string(kMaxFileBytes) +
+               " bytes; the rest is not read";
+    }
+}
 
 // A line's words, and the first problem found in them.
 class line_reader {
@@ -395,8 +462,9 @@ bool read_attribute(line_reader &in, route_decl *route)
         return true;
     }
     if (key == "group") {
+        // A repeated group attribute adds to the groups named before it.
         const std::vector<std::string> groups = split_commas(value);
-        if (groups.size() > ZEN_ATTR_MAX_GROUPS) {
+        if (groups.size() + attr.group_count > ZEN_ATTR_MAX_GROUPS) {
             return in.fail("more than 16 groups");
         }
         for (const std::string &g : groups) {
@@ -532,11 +600,24 @@ bool read_routes_file(const std::string &path, routes_file *out)
         out->errors.push_back({path, 0, std::string("cannot open: ") + std::strerror(errno)});
         return false;
     }
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        out->errors.push_back({path, 0, "is a directory, not a routes file"});
+        return false;
+    }
+    bounded_reader reader(*file.rdbuf());
     std::string text;
     int line = 0;
     bool device_seen = false;
-    while (std::getline(file, text)) {
+    for (line_status status; (status = reader.next(&text)) != line_status::end;) {
         line++;
+        if (status != line_status::ok) {
+            out->errors.push_back({path, line, line_problem(status)});
+            if (status == line_status::file_too_long) {
+                break;
+            }
+            continue;
+        }
         line_reader in(text);
         if (in.empty()) {
             continue;

@@ -137,7 +137,9 @@ const char *mgmtd_ds_error(const mgmtd_ds_t *ds);
 /*
  * Parses and validates a configuration file (XML, or JSON when the name
  * ends in ".json") into a candidate tree. MGMTD_DS_INVALID with a message
- * naming the file and line, or the data path, of the first error.
+ * naming the file and line, or the data path, of the first error. The file
+ * must be a regular file; an empty or blank one is refused (the empty
+ * configuration is an empty policy element or object).
  */
 int mgmtd_ds_load(mgmtd_ds_t *ds, const char *path, mgmtd_ds_tree_t **tree_pp);
 void mgmtd_ds_tree_free(mgmtd_ds_tree_t *tree);
