@@ -138,8 +138,8 @@ t_pol_user *pol_register(t_pol_reg_params *params);
 /*
  * Drops one reference of *handle_pp and sets *handle_pp to null; at the last
  * reference the user is taken off the change queue, unlinked from its
- * policy and freed. A null handle_pp or *handle_pp does nothing. Any copy of the handle
- * the caller kept is dangling after the last unregister.
+ * policy and freed. A null handle_pp or *handle_pp does nothing. Any copy
+ * of the handle the caller kept is dangling after the last unregister.
  *
  * A change callback may unregister any user, itself included, at any point
  * of a flush: a user freed before its turn is simply not called.
@@ -160,15 +160,15 @@ void pol_unregister(t_pol_user **handle_pp);
  * pol_destroy.
  *
  * params->pol_chg_cb is called as (list handle, user_ctx_p) on every change
- * of the list's entries, synchronously inside the configuration callback
+ * of the list, synchronously inside the configuration callback
  * that made it, before the policy users are flushed. It may unregister the
  * list user, itself included.
  */
 t_pol_list_user *pol_list_register(t_pol_list_reg_params *params);
 
 /* Drops one reference of a pol_list_register handle; at the last one the
- * handle is freed (and the list with it, if it has no entries and no other
- * users). Null or a non-site handle does nothing. */
+ * handle is freed (and the list with it, if it has no entries and no
+ * sequence names it). Null or a non-site handle does nothing. */
 void pol_list_unregister(t_pol_list_user *list_user);
 
 /*
@@ -225,9 +225,10 @@ void pol_pre_execute(t_pol_exec_params *params, e_zen_device device);
  * point at the caller's records). Outputs:
  *   - entry_match_flags / entry_set_flags: the conditions that matched and
  *     the actions that applied;
- *   - te_info_p: for set TLOC / service / TLOC-list actions the label
- *     callback fills the caller's table (64 entries; a null table rejects
- *     such a route);
+ *   - te_info_p: for set TLOC / service / TLOC-list actions the user's
+ *     label callback fills the caller's table (64 entries); with no table a
+ *     set TLOC or service action rejects the route and a TLOC-list action
+ *     is skipped;
  *   - vpn_list: export VPN ranges, in a buffer the library allocates on
  *     first use (see pol_post_execute);
  *   - set_community_p: the sequence's community set, owned by the library,
