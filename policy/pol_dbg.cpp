@@ -6,7 +6,6 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <array>
 #include <cstdlib>
 
 #include <zen/mgmtd.h>
@@ -34,27 +33,68 @@ uint64_t current_count(const t_pol_mem_info &row)
     return row.alloc - row.free;
 }
 
+// The text of one enumerator.
+struct enum_name {
+    uint32_t value;
+    const char *text;
+};
+
 // A constant text per enumeration value, with a fallback for the rest.
 template <std::size_t N>
-const char *name_of(const std::array<const char *, N> &names, uint32_t value, const char *fallback)
+const char *name_of(const enum_name (&names)[N], uint32_t value, const char *fallback)
 {
-    return value < N && names[value] != nullptr ? names[value] : fallback;
+    for (const enum_name &n : names) {
+        if (n.value == value) {
+            return n.text;
+        }
+    }
+    return fallback;
 }
 
-constexpr std::array<const char *, 3> kActionNames = {nullptr, "accept", "reject"};
-constexpr std::array<const char *, 6> kTypeNames = {nullptr, "route", "data", "perf route",
-                                                    "membership", "cflowd"};
-constexpr std::array<const char *, 4> kListTypeNames = {nullptr, "prefix-list", "site-list",
-                                                        "tloc-list"};
-constexpr std::array<const char *, 3> kDirNames = {"none", "in", "out"};
-constexpr std::array<const char *, 5> kMatchTypeNames = {nullptr, "route", "tloc", "service",
-                                                         "packet"};
-constexpr std::array<const char *, 4> kProtoNames = {nullptr, "udp", "tcp", "icmp"};
-constexpr std::array<const char *, 9> kPfxOpNames = {nullptr, "RANGE", "XRANGE", "EQ", "NE",
-                                                     "LE", "LT", "GE", "GT"};
-constexpr std::array<const char *, 21> kDscpNames = {
-    "default", "af11", "af12", "af13", "af21", "af22", "af23", "af31", "af32", "af33", "af41",
-    "af42", "af43", "ef", "cs1", "cs2", "cs3", "cs4", "cs5", "cs6", "cs7"};
+constexpr enum_name kActionNames[] = {
+    {POL_ACTION_ACCEPT, "accept"},
+    {POL_ACTION_REJECT, "reject"},
+};
+constexpr enum_name kTypeNames[] = {
+    {POL_TYPE_ROUTE, "route"},           {POL_TYPE_DATA, "data"},
+    {POL_TYPE_PFR, "perf route"},        {POL_TYPE_MEMBERSHIP, "membership"},
+    {POL_TYPE_CFLOWD, "cflowd"},
+};
+constexpr enum_name kListTypeNames[] = {
+    {POL_LIST_PREFIX, "prefix-list"},
+    {POL_LIST_SITE, "site-list"},
+    {POL_LIST_TLOC, "tloc-list"},
+};
+constexpr enum_name kDirNames[] = {
+    {POL_DIR_NONE, "none"},
+    {POL_DIR_IN, "in"},
+    {POL_DIR_OUT, "out"},
+};
+constexpr enum_name kMatchTypeNames[] = {
+    {POL_MATCH_VROUTE, "route"},
+    {POL_MATCH_TLOC, "tloc"},
+    {POL_MATCH_SERVICE, "service"},
+    {POL_MATCH_PACKET, "packet"},
+};
+constexpr enum_name kProtoNames[] = {
+    {POL_PROTO_UDP, "udp"},
+    {POL_PROTO_TCP, "tcp"},
+    {POL_PROTO_ICMP, "icmp"},
+};
+// PFX_OP_NONE has no text: it renders as the fallback.
+constexpr enum_name kPfxOpNames[] = {
+    {PFX_OP_RANGE, "RANGE"}, {PFX_OP_XRANGE, "XRANGE"}, {PFX_OP_EQ, "EQ"}, {PFX_OP_NE, "NE"},
+    {PFX_OP_LE, "LE"},       {PFX_OP_LT, "LT"},         {PFX_OP_GE, "GE"}, {PFX_OP_GT, "GT"},
+};
+constexpr enum_name kDscpNames[] = {
+    {POL_DSCP_DEFAULT, "default"}, {POL_DSCP_AF11, "af11"}, {POL_DSCP_AF12, "af12"},
+    {POL_DSCP_AF13, "af13"},       {POL_DSCP_AF21, "af21"}, {POL_DSCP_AF22, "af22"},
+    {POL_DSCP_AF23, "af23"},       {POL_DSCP_AF31, "af31"}, {POL_DSCP_AF32, "af32"},
+    {POL_DSCP_AF33, "af33"},       {POL_DSCP_AF41, "af41"}, {POL_DSCP_AF42, "af42"},
+    {POL_DSCP_AF43, "af43"},       {POL_DSCP_EF, "ef"},     {POL_DSCP_CS1, "cs1"},
+    {POL_DSCP_CS2, "cs2"},         {POL_DSCP_CS3, "cs3"},   {POL_DSCP_CS4, "cs4"},
+    {POL_DSCP_CS5, "cs5"},         {POL_DSCP_CS6, "cs6"},   {POL_DSCP_CS7, "cs7"},
+};
 
 // One word of a flag-word rendering.
 struct flag_word {

@@ -365,9 +365,6 @@ void pol_dump_user(t_pol_user *user, struct mgmtd_cli_user_info *uinfo);
 /* File pol_test_parse_cfg reads (a test may point it elsewhere). */
 extern const char *g_pol_test_cfg_file;
 
-#define POL_TEST_MAX_TOKENS 20
-#define POL_TEST_TOKEN_SIZE 50
-
 /* The kind of a line, from its first word. */
 typedef enum e_pol_parse_type {
     E_POL_PARSE_PREFIX_LIST = 1,
@@ -379,10 +376,6 @@ typedef enum e_pol_parse_type {
     E_POL_PARSE_MAX = 7,
 } e_pol_parse_type;
 
-/* The caller's parser of "site-policy" lines: the tokens and their count. */
-typedef void (*t_omp_parse_cb)(char token[][POL_TEST_TOKEN_SIZE], int num_tokens);
-
-void pol_test_parse_cfg(t_omp_parse_cb parse_cb);
 /* Cuts a line into tokens; -1 (kind E_POL_PARSE_MAX) when it exceeds the token bounds. */
 int pol_test_get_tokens(const char *line, char token[][POL_TEST_TOKEN_SIZE],
                         e_pol_parse_type *pol_type_p);

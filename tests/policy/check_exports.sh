@@ -1,20 +1,67 @@
 #!/bin/sh
 # The shared library exports its entry points and data, and nothing of its
-# internals: checks the dynamic symbol table, the soname and the libraries
-# it needs.
+# internals: checks the dynamic symbol table against the promised interface
+# and the version script, and the soname.
+#   check_exports.sh LIBRARY [VERSION_SCRIPT]
+# Without VERSION_SCRIPT, policy/libpolicy.map is looked for upwards from
+# this script's directory.
 set -eu
 lib="$1"
-symbols=$(nm -D --defined-only "$lib" | awk '{print $3}' | sed 's/@.*//')
+map="${2:-}"
+if [ -z "$map" ]; then
+  dir=$(cd "$(dirname "$0")" && pwd)
+  while [ "$dir" != / ] && [ ! -f "$dir/policy/libpolicy.map" ]; do dir=$(dirname "$dir"); done
+  map="$dir/policy/libpolicy.map"
+fi
+[ -f "$map" ] || { echo "version script not found: $map"; exit 1; }
+
+symbols=$(nm -D --defined-only "$lib" | awk '{print $3}' | sed 's/@.*//' | grep -v '^LIBPOLICY_')
 status=0
-for required in pol_init pol_destroy pol_register pol_unregister pol_debug_set pol_execute \
-                pol_list_register pol_community_cmp g_pol_ctx_p g_pol_mem_info g_pol_dbg_level \
-                pol_config_control_policy_read pol_config_subscriptions regcomp; do
+
+# The interface hosts rely on.
+for required in \
+    pol_init pol_destroy pol_debug_set pol_register pol_unregister \
+    pol_list_register pol_list_unregister pol_list_site_match pol_community_cmp \
+    pol_handle_sets_tloc pol_handle_sets_tloc_list pol_handle_sets_service pol_handle_get_name \
+    pol_pre_execute pol_execute pol_post_execute \
+    pol_malloc pol_calloc pol_realloc pol_free pol_mem_info_update \
+    regcomp regexec regerror regfree \
+    pol_config_policy_site_list_name pol_config_policy_site_list \
+    pol_config_policy_vpn_list_name pol_config_policy_vpn_list \
+    pol_config_policy_tloc_list_name pol_config_policy_tloc_list \
+    pol_config_policy_color_list_name pol_config_policy_color_list \
+    pol_config_community_list_name pol_config_community_list \
+    pol_config_policy_prefix_list_name pol_config_policy_prefix_list \
+    pol_config_control_policy_read pol_config_control_policy_seq_read \
+    pol_config_control_policy_match_read pol_config_control_policy_match_community_list_read \
+    pol_config_route_policy_read pol_config_route_policy_seq_read \
+    pol_config_membership_policy_read pol_config_membership_policy_seq_read \
+    pol_config_update_tloc_list pol_config_subscriptions pol_yang_enum_to_filter_mask pol_test_parse_cfg \
+    pol_dump_memory_info pol_dump_route_policies pol_dump_membership_policies \
+    pol_dump_cflowd_policies pol_dump_users_change_list pol_dump_all \
+    g_pol_ctx_p g_pol_dbg_level g_pol_mem_info g_polbuf1 g_pol_list_head \
+    pol_show_data_pol_from_qarmon; do
   echo "$symbols" | grep -qx "$required" || { echo "missing export: $required"; status=1; }
 done
+
+# Internals, among them helpers that share a prefix with exported names.
 for internal in pol_block_find_or_create pol_user_chg_list_notify_all pol_site_list_add_entry \
-                pol_exec_route avl_add; do
+                pol_exec_route avl_add pol_config_policy_get_match_type \
+                pol_config_set_bgp_community_upd pol_test_get_tokens pol_test_parse_get_type; do
   if echo "$symbols" | grep -qx "$internal"; then echo "internal symbol exported: $internal"; status=1; fi
 done
+
+# Every export is named in the version script one by one: no pattern there
+# may let internals out.
+global=$(sed -e 's#/\*.*\*/##' -e '/^ *\/\*/,/\*\//d' "$map" | sed -n '/global:/,/local:/p' \
+         | grep -v 'global:\|local:' | tr -d ' \t;' | grep -v '^$' || true)
+if echo "$global" | grep -q '[*?]'; then
+  echo "pattern in the global section of $map:"; echo "$global" | grep '[*?]'; status=1
+fi
+for sym in $symbols; do
+  echo "$global" | grep -qx "$sym" || { echo "exported but not named in $map: $sym"; status=1; }
+done
+
 if echo "$symbols" | grep -q '^_Z'; then echo "C++ symbols exported:"; echo "$symbols" | grep '^_Z' | head; status=1; fi
 readelf -d "$lib" | grep -q 'Library soname: \[libpolicy.so.0\]' || { echo "wrong soname"; status=1; }
 # The subscription table is plain data: the datastore and its schema

@@ -28,6 +28,28 @@ TEST(PolRenderers, FallbacksAndFlagWords)
                   " " + pol_config_policy_get_match_type(1) + " " + pol_config_policy_get_match_type(2),
               "UNKNOWN unknown UNKNOWN tloc unknown");
 
+    // Every renderer: its first and last named value and the first value past them.
+    const struct {
+        const char *(*render)(uint32_t);
+        uint32_t first, last;
+        const char *texts;
+    } renderers[] = {
+        {pol_util_action_str, POL_ACTION_ACCEPT, POL_ACTION_REJECT, "accept reject unknown"},
+        {pol_util_type_str, POL_TYPE_ROUTE, POL_TYPE_CFLOWD, "route cflowd unknown"},
+        {pol_util_list_type_str, POL_LIST_PREFIX, POL_LIST_TLOC, "prefix-list tloc-list unknown"},
+        {pol_util_dir_str, POL_DIR_NONE, POL_DIR_OUT, "none out UNKNOWN"},
+        {pol_util_match_type_str, POL_MATCH_VROUTE, POL_MATCH_PACKET, "route packet unknown"},
+        {pol_util_proto_str, POL_PROTO_UDP, POL_PROTO_ICMP, "udp icmp unknown"},
+        {pol_util_pfx_op_str, PFX_OP_RANGE, PFX_OP_GT, "RANGE GT UNKNOWN"},
+        {pol_util_dscp_str, POL_DSCP_DEFAULT, POL_DSCP_CS7, "default cs7 unknown"},
+    };
+    for (const auto &r : renderers) {
+        EXPECT_EQ(std::string(r.render(r.first)) + " " + r.render(r.last) + " " + r.render(r.last + 1), r.texts);
+    }
+    EXPECT_EQ(std::string(pol_util_dscp_str(POL_DSCP_EF)) + pol_util_dscp_str(POL_DSCP_CS1) + pol_util_dscp_str(POL_DSCP_AF43),
+              "efcs1af43");
+
+
     struct { uint64_t bits; bool set; size_t size; const char *want; } const cases[] = {
         {0, false, 512, ""}, {0, true, 512, ""},
         {POL_SET_FLAG_TAG | POL_SET_FLAG_COMMUNITY_ADDITIVE, true, 512, "TAG "},

@@ -148,6 +148,38 @@ typedef enum _e_pol_match_type {
     POL_MATCH_PACKET = 4,
 } e_pol_match_type;
 
+/* Protocol of a data-policy packet condition, as the renderers name it. */
+typedef enum _e_pol_proto {
+    POL_PROTO_UDP = 1,
+    POL_PROTO_TCP = 2,
+    POL_PROTO_ICMP = 3,
+} e_pol_proto;
+
+/* Named DSCP classes: an index of the class, not the DSCP code point. */
+typedef enum _e_pol_dsp {
+    POL_DSCP_DEFAULT = 0,
+    POL_DSCP_AF11 = 1,
+    POL_DSCP_AF12 = 2,
+    POL_DSCP_AF13 = 3,
+    POL_DSCP_AF21 = 4,
+    POL_DSCP_AF22 = 5,
+    POL_DSCP_AF23 = 6,
+    POL_DSCP_AF31 = 7,
+    POL_DSCP_AF32 = 8,
+    POL_DSCP_AF33 = 9,
+    POL_DSCP_AF41 = 10,
+    POL_DSCP_AF42 = 11,
+    POL_DSCP_AF43 = 12,
+    POL_DSCP_EF = 13,
+    POL_DSCP_CS1 = 14,
+    POL_DSCP_CS2 = 15,
+    POL_DSCP_CS3 = 16,
+    POL_DSCP_CS4 = 17,
+    POL_DSCP_CS5 = 18,
+    POL_DSCP_CS6 = 19,
+    POL_DSCP_CS7 = 20,
+} e_pol_dsp;
+
 typedef enum _t_pol_action_redirect_dns_type {
     POL_ACTION_REDIRECT_DNS_HOST = 0,
     POL_ACTION_REDIRECT_DNS_UMBRELLA = 1,
@@ -236,6 +268,14 @@ typedef struct t_dll {
     t_dlnode *p_tail;
     int32_t count;
 } t_dll;
+
+/* Local TLOC list preference of a data-policy action: colour and
+ * encapsulation masks and the restrict flag. */
+typedef struct _t_pol_set_local_tloc_list {
+    uint32_t color_mask;
+    uint32_t encap_mask;
+    uint8_t restrict1;
+} t_pol_set_local_tloc_list;
 
 /* Communities a sequence sets on accepted routes. */
 typedef struct _t_pol_set_community {
@@ -401,7 +441,7 @@ typedef struct _t_pol_set_entry {
 
     /* Data-policy actions. */
     t_local_tloc_id set_local_tloc;
-    t_local_tloc_id set_local_tloc_list;
+    t_pol_set_local_tloc_list set_local_tloc_list;
     t_ipaddr next_hop;
     t_ipaddr next_hop_ipv6;
     struct _t_fwd_policer *set_fwd_policer_p;
@@ -537,6 +577,12 @@ typedef struct _t_pol_init_params {
 #define POL_CTX_FLAG_DESTROYING  0x01u
 #define POL_CTX_FLAG_IN_CALLBACK 0x02u
 
+/*
+ * The one context. Trees marked "not used yet" belong to data-policy
+ * families that no operation creates, fills or reads so far: they stay
+ * zero-filled (never initialised, never destroyed) and hosts must not walk
+ * them.
+ */
 typedef struct _t_pol_ctx {
     uint8_t pol_ctx_flags;
     avl_tree_t route_policies;
@@ -544,19 +590,19 @@ typedef struct _t_pol_ctx {
     avl_tree_t pfr_policies;
     avl_tree_t membership_policies;
     avl_tree_t pfx_lists;
-    avl_tree_t app_lists;
-    avl_tree_t app_probe_class_list;
+    avl_tree_t app_lists;            /* not used yet */
+    avl_tree_t app_probe_class_list; /* not used yet */
     avl_tree_t tloc_lists;
     avl_tree_t site_lists;
     avl_tree_t vpn_lists;
     avl_tree_t color_lists;
     avl_tree_t community_lists;
     avl_tree_t exp_community_lists;
-    avl_tree_t sla_classes;
-    avl_tree_t app_ids;
-    avl_tree_t fwd_pfx_lists;
-    avl_tree_t fwd_pfx6_lists;
-    avl_tree_t fwd_policers;
+    avl_tree_t sla_classes;          /* not used yet */
+    avl_tree_t app_ids;              /* not used yet */
+    avl_tree_t fwd_pfx_lists;        /* not used yet */
+    avl_tree_t fwd_pfx6_lists;       /* not used yet */
+    avl_tree_t fwd_policers;         /* not used yet */
     avl_tree_t cflowd_templates;
     avl_tree_t pol_users;
     t_pol_init_params init_params;
