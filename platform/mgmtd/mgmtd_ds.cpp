@@ -100,6 +100,8 @@ struct mgmtd_ds {
     std::unordered_map<std::string, uint32_t> tag_of_name;
     std::unordered_map<uint32_t, std::string> name_of_tag;
     std::unordered_map<const lysc_node *, int> rank;
+    // Lists and containers that have lists or containers below them.
+    std::unordered_set<const lysc_node *> holds_inner;
     std::vector<subscription> subs;
     std::unordered_map<const lysc_node *, size_t> sub_of_schema;
     // The value children of every list and container, in schema order,
@@ -149,6 +151,7 @@ struct mgmtd_ds {
                                     0)) != nullptr) {
             rank[child] = n++;
             if ((child->nodetype & (LYS_CONTAINER | LYS_LIST)) != 0) {
+                holds_inner.insert(parent);
                 rank_children(child);
             }
         }
@@ -482,6 +485,16 @@ struct mgmtd_ds {
         return out;
     }
 
+    // Two values of one leaf compared by their type on the stored values
+    // (libyang's own node comparison prints the canonical text of types
+    // stored in binary, such as prefixes, and keeps it).
+    static bool same_value(const lyd_node *a, const lyd_node *b)
+    {
+        const lyd_value &va = reinterpret_cast<const lyd_node_term *>(a)->value;
+        const lyd_value &vb = reinterpret_cast<const lyd_node_term *>(b)->value;
+        return va.realtype == vb.realtype && va.realtype->plugin->compare(&va, &vb) == LY_SUCCESS;
+    }
+
     void changed_leaf(call_values &cv, const lysc_node *schema, const lyd_node *was,
                       const lyd_node *now, value_changes &out)
     {
@@ -489,7 +502,7 @@ struct mgmtd_ds {
             if (was != nullptr) {
                 push_type(out.removed, schema, C_NOEXISTS);
             }
-        } else if (was == nullptr || lyd_compare_single(was, now, 0) != LY_SUCCESS) {
+        } else if (was == nullptr || !same_value(was, now)) {
             push(out.set, schema, term_value(cv, now));
         }
     }
@@ -574,7 +587,21 @@ struct mgmtd_ds {
     static bool same_identity(const lyd_node *a, const lyd_node *b)
     {
         return a->schema == b->schema && a->hash == b->hash &&
-               lyd_compare_single(a, b, 0) == LY_SUCCESS;
+               (a->schema->nodetype != LYS_LIST || same_keys(a, b));
+    }
+
+    // Keys come first among a list entry's children, in key order.
+    static bool same_keys(const lyd_node *a, const lyd_node *b)
+    {
+        const lyd_node *ka = lyd_child(a);
+        const lyd_node *kb = lyd_child(b);
+        for (; ka != nullptr && ka->schema != nullptr && is_key(ka->schema);
+             ka = ka->next, kb = kb->next) {
+            if (kb == nullptr || kb->schema != ka->schema || !same_value(ka, kb)) {
+                return false;
+            }
+        }
+        return true;
     }
 
     // Inner nodes of one tree level, from a position on, found by identity:
@@ -761,8 +788,12 @@ struct mgmtd_ds {
             if (p.now != nullptr && sub) {
                 plan.updates.push_back(p);
             }
-            plan_changes(p.was != nullptr ? lyd_child(p.was) : nullptr,
-                         p.now != nullptr ? lyd_child(p.now) : nullptr, plan);
+            // List entries of leaves only (most of a long list) have nothing
+            // below them to compare; their leaves are compared on delivery.
+            if (holds_inner.count(p.now != nullptr ? p.now->schema : p.was->schema) != 0) {
+                plan_changes(p.was != nullptr ? lyd_child(p.was) : nullptr,
+                             p.now != nullptr ? lyd_child(p.now) : nullptr, plan);
+            }
         }
     }
 
