@@ -17,9 +17,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
+#include <list>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -69,18 +70,6 @@ std::string path_of(const lyd_node *node)
     return out;
 }
 
-// The diff operation of a node: its own, or the one it inherits.
-const char *diff_op(const lyd_node *node, const char *inherited)
-{
-    const lyd_meta *meta = lyd_find_meta(node->meta, nullptr, "yang:operation");
-    return meta != nullptr ? lyd_get_meta_value(meta) : inherited;
-}
-
-bool op_is(const char *op, const char *what)
-{
-    return op != nullptr && std::strcmp(op, what) == 0;
-}
-
 bool is_key(const lysc_node *schema)
 {
     return (schema->flags & LYS_KEY) != 0;
@@ -91,23 +80,14 @@ bool is_term(const lysc_node *schema)
     return (schema->nodetype & (LYS_LEAF | LYS_LEAFLIST)) != 0;
 }
 
-lyd_node *counterpart(const lyd_node *siblings, const lyd_node *target)
-{
-    lyd_node *match = nullptr;
-    if (siblings == nullptr || lyd_find_sibling_first(siblings, target, &match) != LY_SUCCESS) {
-        return nullptr;
-    }
-    return match;
-}
-
 // Subscribed schema nodes and their rows in the subscription table.
 using subscription_index = std::unordered_map<const lysc_node *, size_t>;
 
 // Storage for what one callback is handed: texts and leaf-list arrays stay
 // where they are while the callback runs.
 struct call_values {
-    std::deque<std::string> texts;
-    std::deque<std::vector<mgmtd_value_t>> lists;
+    std::list<std::string> texts;
+    std::list<std::vector<mgmtd_value_t>> lists;
     std::vector<mgmtd_value_t> keys;
     std::vector<mgmtd_tag_value_t> values;
 };
@@ -125,8 +105,13 @@ struct mgmtd_ds {
     std::unordered_map<std::string, uint32_t> tag_of_name;
     std::unordered_map<uint32_t, std::string> name_of_tag;
     std::unordered_map<const lysc_node *, int> rank;
+    // Lists and containers that have lists or containers below them.
+    std::unordered_set<const lysc_node *> holds_inner;
     std::vector<subscription> subs;
     std::unordered_map<const lysc_node *, size_t> sub_of_schema;
+    // The value children of every list and container, in schema order,
+    // for the subscription table in force.
+    std::unordered_map<const lysc_node *, std::vector<const lysc_node *>> value_schemas;
     void *host_ctx = nullptr;
     mgmtd_ds_trace_f trace = nullptr;
     void *trace_ctx = nullptr;
@@ -134,6 +119,14 @@ struct mgmtd_ds {
     lyd_node *running = nullptr;
     std::string error;
     uint32_t delivered = 0;
+
+    // A change of the commit under way whose callback returned 0: the node
+    // of the running tree for a deletion, of the new tree otherwise.
+    struct taken_change {
+        mgmtd_iter_op oper;
+        const lyd_node *node;
+    };
+    std::vector<taken_change> taken;
 
     /* ---- schema ---- */
 
@@ -188,6 +181,7 @@ struct mgmtd_ds {
                                     0)) != nullptr) {
             rank[child] = n++;
             if ((child->nodetype & (LYS_CONTAINER | LYS_LIST)) != 0) {
+                holds_inner.insert(parent);
                 rank_children(child);
             }
         }
@@ -368,6 +362,18 @@ struct mgmtd_ds {
         return (schema->flags & LYS_PRESENCE) != 0;
     }
 
+    // The data child of node with the given schema (the first one of a
+    // leaf-list), null when there is none.
+    static const lyd_node *child_of(const lyd_node *node, const lysc_node *schema)
+    {
+        lyd_node *match = nullptr;
+        if (node == nullptr || lyd_child(node) == nullptr ||
+            lyd_find_sibling_val(lyd_child(node), schema, nullptr, 0, &match) != LY_SUCCESS) {
+            return nullptr;
+        }
+        return match;
+    }
+
     // Data children of node with the given schema, in data order.
     static std::vector<const lyd_node *> children_of(const lyd_node *node, const lysc_node *schema)
     {
@@ -399,14 +405,33 @@ struct mgmtd_ds {
         return v;
     }
 
+    // Lists the value children of every list and container of the module.
+    void index_value_schemas()
+    {
+        value_schemas.clear();
+        for (const auto &[schema, order] : rank) {
+            if ((schema->nodetype & (LYS_CONTAINER | LYS_LIST)) == 0) {
+                continue;
+            }
+            std::vector<const lysc_node *> &values = value_schemas[schema];
+            const lysc_node *child = nullptr;
+            while ((child = lys_getnext(child, schema, nullptr, 0)) != nullptr) {
+                if (is_value_node(child)) {
+                    values.push_back(child);
+                }
+            }
+        }
+    }
+
     template <typename Fn>
     void for_value_children(const lysc_node *parent, Fn &&fn) const
     {
-        const lysc_node *child = nullptr;
-        while ((child = lys_getnext(child, parent, nullptr, 0)) != nullptr) {
-            if (is_value_node(child)) {
-                fn(child);
-            }
+        auto it = value_schemas.find(parent);
+        if (it == value_schemas.end()) {
+            return;
+        }
+        for (const lysc_node *child : it->second) {
+            fn(child);
         }
     }
 
@@ -415,17 +440,16 @@ struct mgmtd_ds {
     {
         std::vector<mgmtd_tag_value_t> out;
         for_value_children(node->schema, [&](const lysc_node *schema) {
-            const std::vector<const lyd_node *> found = children_of(node, schema);
-            if (found.empty()) {
+            const lyd_node *found = child_of(node, schema);
+            if (found == nullptr) {
                 return;
             }
             if (schema->nodetype == LYS_LEAF) {
-                push(out, schema, term_value(cv, found.front()));
+                push(out, schema, term_value(cv, found));
             } else if (schema->nodetype == LYS_LEAFLIST) {
-                push(out, schema, list_value(cv, found));
+                push(out, schema, list_value(cv, children_of(node, schema)));
             } else if (schema->nodetype == LYS_CONTAINER) {
-                push_container(out, schema, present_values(cv, found.front()),
-                               is_presence(schema));
+                push_container(out, schema, present_values(cv, found), is_presence(schema));
             }
         });
         return out;
@@ -436,12 +460,12 @@ struct mgmtd_ds {
     {
         std::vector<mgmtd_tag_value_t> out;
         for_value_children(node->schema, [&](const lysc_node *schema) {
-            const std::vector<const lyd_node *> found = children_of(node, schema);
-            if (found.empty()) {
+            const lyd_node *found = child_of(node, schema);
+            if (found == nullptr) {
                 return;
             }
             if (schema->nodetype == LYS_CONTAINER) {
-                push_container(out, schema, removed_values(found.front()), is_presence(schema));
+                push_container(out, schema, removed_values(found), is_presence(schema));
             } else {
                 push_type(out, schema, C_NOEXISTS);
             }
@@ -449,103 +473,284 @@ struct mgmtd_ds {
         return out;
     }
 
-    // What changed in a node that stays: diff is the node in the diff tree,
-    // old_node and new_node the node in the running and the new tree.
-    std::vector<mgmtd_tag_value_t> changed_values(call_values &cv, const lyd_node *diff,
-                                                  const lyd_node *old_node,
-                                                  const lyd_node *new_node)
+    // What changed at one level of a node that stays: the values that went
+    // away and the values that were set, each in schema order.
+    struct value_changes {
+        std::vector<mgmtd_tag_value_t> removed;
+        std::vector<mgmtd_tag_value_t> set;
+
+        bool empty() const { return removed.empty() && set.empty(); }
+
+        // Removals first: a reader that turns two leaves into one condition
+        // (a tag taken from either of two leaves) sees the old leaf go
+        // before the new one comes, and keeps the condition.
+        std::vector<mgmtd_tag_value_t> in_order() const
+        {
+            std::vector<mgmtd_tag_value_t> out(removed);
+            out.insert(out.end(), set.begin(), set.end());
+            return out;
+        }
+    };
+
+    // What changed in a node that stays: old_node and new_node are the node
+    // in the running and in the new tree.
+    value_changes changed_values(call_values &cv, const lyd_node *old_node,
+                                 const lyd_node *new_node)
     {
-        std::vector<mgmtd_tag_value_t> out;
-        for_value_children(diff->schema, [&](const lysc_node *schema) {
-            const std::vector<const lyd_node *> found = children_of(diff, schema);
-            if (found.empty()) {
+        value_changes out;
+        for_value_children(new_node->schema, [&](const lysc_node *schema) {
+            if (schema->nodetype == LYS_LEAFLIST) {
+                changed_leaf_list(cv, schema, children_of(old_node, schema),
+                                  children_of(new_node, schema), out);
                 return;
             }
-            const lyd_node *d = found.front();
-            const char *op = diff_op(d, "none");
+            const lyd_node *was = child_of(old_node, schema);
+            const lyd_node *now = child_of(new_node, schema);
             if (schema->nodetype == LYS_LEAF) {
-                if (op_is(op, "delete")) {
-                    push_type(out, schema, C_NOEXISTS);
-                } else if (op_is(op, "create") || op_is(op, "replace")) {
-                    push(out, schema, term_value(cv, d));
-                }
-            } else if (schema->nodetype == LYS_LEAFLIST) {
-                const bool changed = std::any_of(found.begin(), found.end(), [](const lyd_node *e) {
-                    return !op_is(diff_op(e, "none"), "none");
-                });
-                if (!changed) {
-                    return;
-                }
-                const std::vector<const lyd_node *> now = children_of(new_node, schema);
-                if (now.empty()) {
-                    push_type(out, schema, C_NOEXISTS);
-                } else {
-                    push(out, schema, list_value(cv, now));
-                }
+                changed_leaf(cv, schema, was, now, out);
             } else if (schema->nodetype == LYS_CONTAINER) {
-                if (op_is(op, "create")) {
-                    const lyd_node *now = counterpart(lyd_child(new_node), d);
-                    push_container(out, schema, present_values(cv, now != nullptr ? now : d),
-                                   is_presence(schema));
-                } else if (op_is(op, "delete")) {
-                    push_container(out, schema, removed_values(d), is_presence(schema));
-                } else {
-                    const lyd_node *was = counterpart(lyd_child(old_node), d);
-                    const lyd_node *now = counterpart(lyd_child(new_node), d);
-                    push_container(out, schema, changed_values(cv, d, was, now), false);
-                }
+                changed_container(cv, schema, was, now, out);
             }
         });
         return out;
     }
 
+    // Two values of one leaf compared by their type on the stored values
+    // (libyang's own node comparison prints the canonical text of types
+    // stored in binary, such as prefixes, and keeps it).
+    static bool same_value(const lyd_node *a, const lyd_node *b)
+    {
+        const lyd_value &va = reinterpret_cast<const lyd_node_term *>(a)->value;
+        const lyd_value &vb = reinterpret_cast<const lyd_node_term *>(b)->value;
+        return va.realtype == vb.realtype && va.realtype->plugin->compare(&va, &vb) == LY_SUCCESS;
+    }
+
+    void changed_leaf(call_values &cv, const lysc_node *schema, const lyd_node *was,
+                      const lyd_node *now, value_changes &out)
+    {
+        if (now == nullptr) {
+            if (was != nullptr) {
+                push_type(out.removed, schema, C_NOEXISTS);
+            }
+        } else if (was == nullptr || !same_value(was, now)) {
+            push(out.set, schema, term_value(cv, now));
+        }
+    }
+
+    // A leaf-list is handed over whole when its set of entries changed.
+    void changed_leaf_list(call_values &cv, const lysc_node *schema,
+                           const std::vector<const lyd_node *> &was,
+                           const std::vector<const lyd_node *> &now, value_changes &out)
+    {
+        if (same_entries(was, now)) {
+            return;
+        }
+        if (now.empty()) {
+            push_type(out.removed, schema, C_NOEXISTS);
+        } else {
+            push(out.set, schema, list_value(cv, now));
+        }
+    }
+
+    static bool same_entries(const std::vector<const lyd_node *> &was,
+                             const std::vector<const lyd_node *> &now)
+    {
+        if (was.size() != now.size()) {
+            return false;
+        }
+        std::unordered_set<std::string> old_values;
+        for (const lyd_node *entry : was) {
+            old_values.insert(lyd_get_value(entry));
+        }
+        return std::all_of(now.begin(), now.end(), [&](const lyd_node *entry) {
+            return old_values.count(lyd_get_value(entry)) != 0;
+        });
+    }
+
+    // A container that comes hands over everything it holds, one that goes
+    // every leaf it held as removed, one that stays what changed inside it;
+    // it counts as a removal when nothing inside it is set.
+    void changed_container(call_values &cv, const lysc_node *schema, const lyd_node *was,
+                           const lyd_node *now, value_changes &out)
+    {
+        if (was == nullptr && now == nullptr) {
+            return;
+        }
+        if (was == nullptr) {
+            push_container(out.set, schema, present_values(cv, now), is_presence(schema));
+        } else if (now == nullptr) {
+            push_container(out.removed, schema, removed_values(was), is_presence(schema));
+        } else {
+            const value_changes inner = changed_values(cv, was, now);
+            push_container(inner.set.empty() ? out.removed : out.set, schema, inner.in_order(),
+                           false);
+        }
+    }
+
     // Keys of a node and of the lists above it, outermost first.
     void node_keys(call_values &cv, const lyd_node *node, uint8_t num_keys)
     {
-        std::vector<std::vector<const lyd_node *>> levels;
+        std::vector<const lyd_node *> lists;
         for (const lyd_node *p = node; p != nullptr; p = lyd_parent(p)) {
-            if (p->schema->nodetype != LYS_LIST) {
-                continue;
+            if (p->schema->nodetype == LYS_LIST) {
+                lists.push_back(p);
             }
-            std::vector<const lyd_node *> level;
-            const lyd_node *child = nullptr;
-            LY_LIST_FOR(lyd_child(p), child)
+        }
+        for (auto it = lists.rbegin(); it != lists.rend(); ++it) {
+            const lyd_node *key = nullptr;
+            LY_LIST_FOR(lyd_child(*it), key)
             {
-                if (child->schema == nullptr || !is_key(child->schema)) {
+                if (key->schema == nullptr || !is_key(key->schema) ||
+                    cv.keys.size() >= num_keys) {
                     break;
                 }
-                level.push_back(child);
-            }
-            levels.push_back(level);
-        }
-        std::reverse(levels.begin(), levels.end());
-        for (const auto &level : levels) {
-            for (const lyd_node *key : level) {
-                if (cv.keys.size() < num_keys) {
-                    cv.keys.push_back(term_value(cv, key));
-                }
+                cv.keys.push_back(term_value(cv, key));
             }
         }
     }
 
-    /* ---- delivery ---- */
+    /* ---- comparison of the running and the new tree ---- */
 
-    // Siblings of a diff level in schema order (entries of one list keep
-    // their order).
-    std::vector<const lyd_node *> in_schema_order(const lyd_node *first) const
+    // Whether two inner nodes have one identity: the same schema node and,
+    // for list entries, the same key values. The hash libyang keeps in
+    // every data node covers both and settles most differences.
+    static bool same_identity(const lyd_node *a, const lyd_node *b)
     {
-        std::vector<const lyd_node *> nodes;
+        return a->schema == b->schema && a->hash == b->hash &&
+               (a->schema->nodetype != LYS_LIST || same_keys(a, b));
+    }
+
+    // Keys come first among a list entry's children, in key order.
+    static bool same_keys(const lyd_node *a, const lyd_node *b)
+    {
+        const lyd_node *ka = lyd_child(a);
+        const lyd_node *kb = lyd_child(b);
+        for (; ka != nullptr && ka->schema != nullptr && is_key(ka->schema);
+             ka = ka->next, kb = kb->next) {
+            if (kb == nullptr || kb->schema != ka->schema || !same_value(ka, kb)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    // Inner nodes of one tree level, from a position on, found by identity:
+    // an open-addressing table of positions probed with the nodes' hashes.
+    class identity_index {
+    public:
+        static constexpr size_t npos = SIZE_MAX;
+
+        identity_index(const std::vector<const lyd_node *> &nodes, size_t from) : nodes_(nodes)
+        {
+            if (from >= nodes.size()) {
+                return;
+            }
+            size_t size = 4;
+            while (size < 2 * (nodes.size() - from)) {
+                size *= 2;
+            }
+            slots_.assign(size, kFree);
+            for (size_t i = from; i < nodes.size(); i++) {
+                size_t s = nodes[i]->hash & (size - 1);
+                while (slots_[s] != kFree) {
+                    s = (s + 1) & (size - 1);
+                }
+                slots_[s] = static_cast<uint32_t>(i);
+            }
+        }
+
+        // Position of the node with node's identity, npos when there is none.
+        size_t find(const lyd_node *node) const
+        {
+            if (slots_.empty()) {
+                return npos;
+            }
+            const size_t mask = slots_.size() - 1;
+            for (size_t s = node->hash & mask; slots_[s] != kFree; s = (s + 1) & mask) {
+                if (same_identity(nodes_[slots_[s]], node)) {
+                    return slots_[s];
+                }
+            }
+            return npos;
+        }
+
+    private:
+        static constexpr uint32_t kFree = UINT32_MAX;
+        const std::vector<const lyd_node *> &nodes_;
+        std::vector<uint32_t> slots_;
+    };
+
+    // The containers and list entries among siblings, in data order.
+    static std::vector<const lyd_node *> inner_nodes(const lyd_node *first)
+    {
+        std::vector<const lyd_node *> out;
         const lyd_node *node = nullptr;
         LY_LIST_FOR(first, node)
         {
-            if (node->schema != nullptr) {
-                nodes.push_back(node);
+            if (node->schema != nullptr && !is_term(node->schema)) {
+                out.push_back(node);
             }
         }
-        std::stable_sort(nodes.begin(), nodes.end(), [this](const lyd_node *a, const lyd_node *b) {
-            return rank_of(a->schema) < rank_of(b->schema);
-        });
-        return nodes;
+        return out;
+    }
+
+    // An inner node in the running tree (was), the new tree (now) or both.
+    struct node_pair {
+        const lyd_node *was;
+        const lyd_node *now;
+        int rank;
+    };
+
+    // The inner children of one node in its two versions, paired by
+    // identity, in delivery order: schema order, and within one schema node
+    // the running entries in their order, then the new ones in file order.
+    // Nodes pair in place as long as both versions list the same identities
+    // in the same order (a configuration edited in a few places); the rest
+    // of the new ones are found through an index of their identities.
+    std::vector<node_pair> paired(const lyd_node *old_first, const lyd_node *new_first) const
+    {
+        const std::vector<const lyd_node *> fresh = inner_nodes(new_first);
+        const std::vector<const lyd_node *> old = inner_nodes(old_first);
+        size_t in_place = 0;
+        while (in_place < old.size() && in_place < fresh.size() &&
+               same_identity(old[in_place], fresh[in_place])) {
+            in_place++;
+        }
+        // Without running nodes left to look up (a new list) there is
+        // nothing to index.
+        const identity_index index(fresh, in_place < old.size() ? in_place : fresh.size());
+        std::vector<bool> matched(fresh.size(), false);
+        std::vector<node_pair> out;
+        out.reserve(std::max(old.size(), fresh.size()));
+        // Siblings of one schema node come together: one rank look-up each.
+        const lysc_node *last_schema = nullptr;
+        int last_rank = 0;
+        auto rank_of_node = [&](const lyd_node *node) {
+            if (node->schema != last_schema) {
+                last_schema = node->schema;
+                last_rank = rank_of(last_schema);
+            }
+            return last_rank;
+        };
+        for (size_t i = 0; i < old.size(); i++) {
+            const size_t at = i < in_place ? i : index.find(old[i]);
+            const lyd_node *now = nullptr;
+            if (at != identity_index::npos) {
+                matched[at] = true;
+                now = fresh[at];
+            }
+            out.push_back({old[i], now, rank_of_node(old[i])});
+        }
+        for (size_t i = 0; i < fresh.size(); i++) {
+            if (!matched[i]) {
+                out.push_back({nullptr, fresh[i], rank_of_node(fresh[i])});
+            }
+        }
+        auto by_rank = [](const node_pair &a, const node_pair &b) { return a.rank < b.rank; };
+        if (!std::is_sorted(out.begin(), out.end(), by_rank)) {
+            std::stable_sort(out.begin(), out.end(), by_rank);
+        }
+        return out;
     }
 
     int rank_of(const lysc_node *schema) const
@@ -553,6 +758,8 @@ struct mgmtd_ds {
         auto it = rank.find(schema);
         return it != rank.end() ? it->second : 0;
     }
+
+    /* ---- delivery ---- */
 
     // Calls the subscription of node; false when the callback failed.
     bool deliver(const lyd_node *node, mgmtd_iter_op oper, call_values &cv)
@@ -580,81 +787,81 @@ struct mgmtd_ds {
         return true;
     }
 
-    // Deletions: the topmost deleted node of every subscription.
-    bool deliver_deletions(const lyd_node *first, const char *inherited, lyd_node **working)
+    // Delivers one change and, once its callback took it, records it for
+    // the running tree of a commit that stops later.
+    bool deliver_change(const lyd_node *node, mgmtd_iter_op oper, call_values &cv)
     {
-        for (const lyd_node *node : in_schema_order(first)) {
-            if (is_term(node->schema)) {
+        if (!deliver(node, oper, cv)) {
+            return false;
+        }
+        taken.push_back({oper, node});
+        return true;
+    }
+
+    // What a commit delivers, in delivery order: the topmost deleted node
+    // of every subscription, then every subscribed node that is new or
+    // stays (created, or modified when its values changed), parents first.
+    struct change_plan {
+        std::vector<const lyd_node *> deletions;
+        std::vector<node_pair> updates;
+    };
+
+    // One walk over both trees, level by level.
+    void plan_changes(const lyd_node *old_first, const lyd_node *new_first,
+                      change_plan &plan) const
+    {
+        for (const node_pair &p : paired(old_first, new_first)) {
+            const bool sub = subscribed(p.now != nullptr ? p.now->schema : p.was->schema);
+            if (p.now == nullptr && sub) {
+                plan.deletions.push_back(p.was);
                 continue;
             }
-            const char *op = diff_op(node, inherited);
-            if (op_is(op, "create")) {
-                continue;
+            if (p.now != nullptr && sub) {
+                plan.updates.push_back(p);
             }
-            if (op_is(op, "delete") && subscribed(node->schema)) {
-                call_values cv;
-                if (!deliver(node, MOP_DELETED, cv)) {
-                    return false;
-                }
-                apply_deletion(node, working);
-                continue;
+            // List entries of leaves only (most of a long list) have nothing
+            // below them to compare; their leaves are compared on delivery.
+            if (holds_inner.count(p.now != nullptr ? p.now->schema : p.was->schema) != 0) {
+                plan_changes(p.was != nullptr ? lyd_child(p.was) : nullptr,
+                             p.now != nullptr ? lyd_child(p.now) : nullptr, plan);
             }
-            if (!deliver_deletions(lyd_child(node), op, working)) {
+        }
+    }
+
+    // Deletions first, then creations and modifications; false when a
+    // callback failed.
+    bool deliver_plan(const change_plan &plan)
+    {
+        for (const lyd_node *gone : plan.deletions) {
+            call_values cv;
+            if (!deliver_change(gone, MOP_DELETED, cv)) {
+                return false;
+            }
+        }
+        for (const node_pair &p : plan.updates) {
+            if (!deliver_update(p)) {
                 return false;
             }
         }
         return true;
     }
 
-    // Creations and modifications, parents first.
-    bool deliver_updates(const lyd_node *first, const lyd_node *old_first,
-                         const lyd_node *new_first, const char *inherited, lyd_node **working)
+    // The creation of a subscribed node, or its modification when any of
+    // its values changed (all its leaves going away included).
+    bool deliver_update(const node_pair &p)
     {
-        for (const lyd_node *node : in_schema_order(first)) {
-            if (is_term(node->schema)) {
-                continue;
-            }
-            const char *op = diff_op(node, inherited);
-            if (op_is(op, "delete")) {
-                continue;
-            }
-            const bool created = op_is(op, "create");
-            const lyd_node *now = counterpart(new_first, node);
-            const lyd_node *was = created ? nullptr : counterpart(old_first, node);
-            if (now == nullptr) {
-                error = format("commit: %s is missing from the new configuration",
-                               path_of(node).c_str());
-                return false;
-            }
-            if (subscribed(node->schema)) {
-                call_values cv;
-                if (created) {
-                    cv.values = present_values(cv, now);
-                    if (!deliver(now, MOP_CREATED, cv)) {
-                        return false;
-                    }
-                    apply_creation(now, working);
-                } else {
-                    cv.values = changed_values(cv, node, was, now);
-                    const uint32_t flags = subs[sub_of_schema.at(node->schema)].sub.flags;
-                    if (!cv.values.empty() && (flags & MGMTD_DS_SUB_WHOLE) != 0) {
-                        cv = call_values();
-                        cv.values = present_values(cv, now);
-                    }
-                    if (!cv.values.empty()) {
-                        if (!deliver(now, MOP_MODIFIED, cv)) {
-                            return false;
-                        }
-                        apply_modification(now, working);
-                    }
-                }
-            }
-            if (!deliver_updates(lyd_child(node), was != nullptr ? lyd_child(was) : nullptr,
-                                 lyd_child(now), op, working)) {
-                return false;
-            }
+        call_values cv;
+        if (p.was == nullptr) {
+            cv.values = present_values(cv, p.now);
+            return deliver_change(p.now, MOP_CREATED, cv);
         }
-        return true;
+        const value_changes changes = changed_values(cv, p.was, p.now);
+        if (changes.empty()) {
+            return true;
+        }
+        const uint32_t flags = subs[sub_of_schema.at(p.now->schema)].sub.flags;
+        cv.values = (flags & MGMTD_DS_SUB_WHOLE) != 0 ? present_values(cv, p.now) : changes.in_order();
+        return deliver_change(p.now, MOP_MODIFIED, cv);
     }
 
     /* ---- the running tree after a stopped commit ---- */
@@ -748,74 +955,50 @@ struct mgmtd_ds {
         }
     }
 
-    // The diff may hold one node twice (once for what was removed below it,
-    // once for what was added); the copies are merged so that every node
-    // of the diff is visited once.
-    static void merge_duplicates(lyd_node *first)
+    // The running tree with the changes whose callbacks returned 0 applied;
+    // the old running tree when it cannot be copied (the changes are then
+    // delivered again, which the readers take as harmless).
+    void keep_taken_changes()
     {
-        for (lyd_node *node = first; node != nullptr; node = node->next) {
-            if (node->schema == nullptr || is_term(node->schema)) {
-                continue;
-            }
-            const lyd_meta *own = lyd_find_meta(node->meta, nullptr, "yang:operation");
-            lyd_node *other = node->next;
-            while (other != nullptr) {
-                lyd_node *after = other->next;
-                const lyd_meta *other_own = lyd_find_meta(other->meta, nullptr, "yang:operation");
-                const bool same_op = (own == nullptr && other_own == nullptr) ||
-                                     (own != nullptr && other_own != nullptr &&
-                                      std::strcmp(lyd_get_meta_value(own),
-                                                  lyd_get_meta_value(other_own)) == 0);
-                if (other->schema == node->schema && same_op &&
-                    lyd_compare_single(node, other, 0) == LY_SUCCESS) {
-                    std::vector<lyd_node *> moved;
-                    lyd_node *child = nullptr;
-                    LY_LIST_FOR(lyd_child(other), child)
-                    {
-                        if (child->schema == nullptr || !is_key(child->schema)) {
-                            moved.push_back(child);
-                        }
-                    }
-                    for (lyd_node *m : moved) {
-                        lyd_unlink_tree(m);
-                        lyd_insert_child(node, m);
-                    }
-                    lyd_free_tree(other);
-                }
-                other = after;
-            }
-            merge_duplicates(lyd_child(node));
+        lyd_node *working = nullptr;
+        if (running != nullptr &&
+            lyd_dup_siblings(running, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS,
+                             &working) != LY_SUCCESS) {
+            return;
         }
+        for (const taken_change &c : taken) {
+            if (c.oper == MOP_DELETED) {
+                apply_deletion(c.node, &working);
+            } else if (c.oper == MOP_CREATED) {
+                apply_creation(c.node, &working);
+            } else {
+                apply_modification(c.node, &working);
+            }
+        }
+        lyd_free_all(running);
+        running = working;
     }
 
+    // The running and the new tree are compared once, level by level,
+    // pairing nodes through a hash of their identities, so that a commit
+    // costs time linear in the size of the trees.
     int commit(lyd_node *candidate)
     {
         error.clear();
         delivered = 0;
-        lyd_node *diff = nullptr;
-        lyd_node *working = nullptr;
-        if (lyd_diff_siblings(running, candidate, LYD_DIFF_DEFAULTS, &diff) != LY_SUCCESS ||
-            (running != nullptr &&
-             lyd_dup_siblings(running, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS,
-                              &working) != LY_SUCCESS)) {
-            error = "commit: cannot compare the configurations: " + ly_error("(commit)");
-            lyd_free_all(diff);
-            lyd_free_all(candidate);
-            return MGMTD_DS_FAILED;
-        }
-        merge_duplicates(diff);
-        const bool done = deliver_deletions(diff, nullptr, &working) &&
-                          deliver_updates(diff, running, candidate, nullptr, &working);
-        lyd_free_all(diff);
-        lyd_free_all(running);
+        taken.clear();
+        change_plan plan;
+        plan_changes(running, candidate, plan);
+        const bool done = deliver_plan(plan);
         if (done) {
+            lyd_free_all(running);
             running = candidate;
-            lyd_free_all(working);
-            return MGMTD_DS_OK;
+        } else {
+            keep_taken_changes();
+            lyd_free_all(candidate);
         }
-        running = working;
-        lyd_free_all(candidate);
-        return MGMTD_DS_STOPPED;
+        taken.clear();
+        return done ? MGMTD_DS_OK : MGMTD_DS_STOPPED;
     }
 };
 
@@ -930,6 +1113,7 @@ int mgmtd_ds_subscribe(mgmtd_ds_t *ds, const mgmtd_ds_sub_t *subs, size_t num_su
         s.sub.name = s.name.c_str();
     }
     ds->sub_of_schema = std::move(index);
+    ds->index_value_schemas();
     ds->host_ctx = host_ctx_p;
     return MGMTD_DS_OK;
 }

@@ -221,10 +221,10 @@ TEST_F(DatastoreTest, CreationComesParentsFirstWithEveryLeafInSchemaOrder)
 TEST_F(DatastoreTest, ModificationCarriesOnlyWhatChanged)
 {
     commit(policy("<preference>200</preference><omp-tag>7</omp-tag>"));
-    // one leaf changes, one goes, a container comes
+    // one leaf changes, one goes (handed over first), a container comes
     EXPECT_EQ(commit(policy("<preference>300</preference>"
                             "<service><type>ids</type><vpn>40</vpn></service>")),
-              Calls({"control-sequence modify [hs 10] set{ preference:u32=300 omp-tag=- "
+              Calls({"control-sequence modify [hs 10] set{ omp-tag=- preference:u32=300 "
                      "service{ type:enum=2 vpn:u32=40 } }"}));
     // a container goes: every leaf it held is removed, within its brackets
     EXPECT_EQ(commit(policy("<preference>300</preference>")),
@@ -236,9 +236,9 @@ TEST_F(DatastoreTest, ModificationCarriesOnlyWhatChanged)
     EXPECT_EQ(commit(policy("<preference>300</preference>")), Calls());
 }
 
-// libyang's diff can name one node twice (here sequence 65: once for the
-// leaf that goes, once for the leaf that comes); it is still one call.
-TEST_F(DatastoreTest, OneNodeIsOneCallEvenWhenTheDiffNamesItTwice)
+// A node where one leaf goes and another comes (here sequence 65) is still
+// one call.
+TEST_F(DatastoreTest, OneNodeIsOneCallWhenLeavesGoAndCome)
 {
     const std::string lists =
         "<color-list><name>c</name><entry><color>red</color></entry></color-list>";
@@ -263,7 +263,7 @@ TEST_F(DatastoreTest, OneNodeIsOneCallEvenWhenTheDiffNamesItTwice)
                      "control-sequence modify [hs 40] set{ community:list=[1:1 1:2] "
                      "additive:bool=false }",
                      "control-sequence modify [hs 50] set{ tloc{ color:enum=11 } }",
-                     "control-match modify [hs 65 0] color:enum=8 color-list=-"}));
+                     "control-match modify [hs 65 0] color-list=- color:enum=8"}));
 }
 
 TEST_F(DatastoreTest, LeafListIsHandedOverWhole)
@@ -552,6 +552,102 @@ TEST(DatastoreValueCount, NodesBeyondTheCountOfOneCallAreRefused)
                       "65535 of one call");
         }
         mgmtd_ds_close(ds);
+    }
+}
+
+// The leaves of one node of each subscribed kind: a configuration that
+// holds every kind, so that two of them differ in one node only.
+struct node_leaves {
+    std::string tloc_entry;     // TLOC-list entry [t 10.0.0.1 red ipsec]
+    std::string prefix_entry;   // prefix-list entry [p 10.0.0.0/8]
+    std::string prefix6_entry;  // ipv6-prefix-list entry [p6 2001:db8::/32]
+    std::string match;          // control match [hs 10 route]
+    std::string set;            // set of control sequence [hs 10]
+    std::string route_seq;      // route sequence [rp 1], besides its action
+    std::string member_seq;     // membership sequence [m 1], besides its action
+};
+
+std::string every_kind(const node_leaves &n)
+{
+    return "<lists><site-list><name>spokes</name><site><range>1</range></site></site-list>"
+           "<vpn-list><name>v</name><vpn><range>1</range></vpn></vpn-list>"
+           "<tloc-list><name>t</name><tloc><address>10.0.0.1</address><color>red</color>"
+           "<encap>ipsec</encap>" +
+           n.tloc_entry +
+           "</tloc></tloc-list>"
+           "<color-list><name>c</name><entry><color>red</color></entry></color-list>"
+           "<prefix-list><name>p</name><entry><prefix>10.0.0.0/8</prefix>" +
+           n.prefix_entry +
+           "</entry></prefix-list><ipv6-prefix-list><name>p6</name><entry>"
+           "<prefix>2001:db8::/32</prefix>" +
+           n.prefix6_entry +
+           "</entry></ipv6-prefix-list></lists>"
+           "<control-policy><name>hs</name><sequence><seq>10</seq><match><kind>route</kind>" +
+           n.match + "</match><action>accept</action><set>" + n.set +
+           "</set></sequence></control-policy>"
+           "<route-policy><name>rp</name><sequence><seq>1</seq><action>accept</action>" +
+           n.route_seq +
+           "</sequence></route-policy>"
+           "<membership-policy><name>m</name><sequence><seq>1</seq><action>accept</action>" +
+           n.member_seq + "</sequence></membership-policy>\n";
+}
+
+// One node's leaves change: it gets one modification, even when all its
+// leaves went away (a whole subscription then gets no values at all), and
+// the leaves that went away come before the ones that are set, at every
+// container level, so that a reader that turns two leaves into one
+// condition sees the removal first.
+TEST_F(DatastoreTest, ModifiedNodeGetsOneCallWithItsRemovalsFirst)
+{
+    struct leaf_change {
+        std::string node_leaves::*part;
+        const char *before;
+        const char *after;
+        const char *want;
+    };
+    const leaf_change cases[] = {
+        // every non-key leaf goes
+        {&node_leaves::tloc_entry, "<preference>5</preference>", "",
+         "tloc-list-entry modify [t 10.0.0.1 8 2] preference=-"},
+        {&node_leaves::prefix_entry, "<le>32</le>", "", "prefix-list-entry modify [p 10.0.0.0/8]"},
+        {&node_leaves::prefix_entry, "<ge>16</ge><le>24</le>", "",
+         "prefix-list-entry modify [p 10.0.0.0/8]"},
+        {&node_leaves::prefix6_entry, "<eq>48</eq>", "",
+         "ipv6-prefix-list-entry modify [p6 2001:db8::/32]"},
+        {&node_leaves::match, "<site-list>spokes</site-list>", "",
+         "control-match modify [hs 10 0] site-list=-"},
+        {&node_leaves::match, "<tloc><address>10.0.0.9</address><color>gold</color></tloc>", "",
+         "control-match modify [hs 10 0] tloc{ address=- color=- encap=- }"},
+        {&node_leaves::set, "<preference>1</preference><community>1:1</community>", "",
+         "control-sequence modify [hs 10] set{ preference=- community=- }"},
+        {&node_leaves::route_seq, "<omp-tag>5</omp-tag><metric>9</metric>", "",
+         "route-sequence modify [rp 1] omp-tag=- metric=-"},
+        {&node_leaves::member_seq, "<vpn>5</vpn>", "", "membership-sequence modify [m 1] vpn=-"},
+        // one leaf gives way to another: the removal first
+        {&node_leaves::route_seq, "<ospf-tag>5</ospf-tag>", "<omp-tag>5</omp-tag>",
+         "route-sequence modify [rp 1] ospf-tag=- omp-tag:u32=5"},
+        {&node_leaves::match, "<color-list>c</color-list>", "<color>red</color>",
+         "control-match modify [hs 10 0] color-list=- color:enum=8"},
+        {&node_leaves::member_seq, "<vpn-list>v</vpn-list>", "<vpn>5</vpn>",
+         "membership-sequence modify [m 1] vpn-list=- vpn:u32=5"},
+        {&node_leaves::set, "<tloc-list>t</tloc-list>",
+         "<tloc><address>10.0.0.2</address><color>mpls</color></tloc>",
+         "control-sequence modify [hs 10] set{ tloc-list=- tloc{ address:ip4=10.0.0.2 "
+         "color:enum=2 encap:enum=2 } }"},
+        {&node_leaves::set, "<service><type>ids</type><vpn>40</vpn></service>",
+         "<service><type>ips</type></service>",
+         "control-sequence modify [hs 10] set{ service{ vpn=- type:enum=3 } }"},
+        {&node_leaves::prefix_entry, "<eq>24</eq>", "<ge>16</ge>",
+         "prefix-list-entry modify [p 10.0.0.0/8] ge:u8=16"},
+    };
+    for (const leaf_change &c : cases) {
+        node_leaves before;
+        before.*c.part = c.before;
+        node_leaves after;
+        after.*c.part = c.after;
+        commit(every_kind(before));
+        EXPECT_EQ(commit(every_kind(after)), Calls({c.want})) << c.before << " -> " << c.after;
+        EXPECT_EQ(commit(every_kind(after)), Calls());
     }
 }
 

@@ -13,9 +13,12 @@
  *                 for the nodes below it.
  *   MOP_CREATED   the node is new; its values are all its leaves (default
  *                 values included) and containers as they now are.
- *   MOP_MODIFIED  the node stays; its values are the leaves that changed
- *                 (the new value, or C_NOEXISTS for a leaf that went away),
- *                 or all its values for a MGMTD_DS_SUB_WHOLE subscription.
+ *   MOP_MODIFIED  the node stays and some of its values changed (all its
+ *                 non-key leaves going away included); its values are the
+ *                 leaves that changed (the new value, or C_NOEXISTS for a
+ *                 leaf that went away), or all its values for a
+ *                 MGMTD_DS_SUB_WHOLE subscription (none when it has none
+ *                 left).
  *
  * Keys: the key leaves of the node's own list and of the lists above it,
  * outermost first, of which the first num_keys are handed over. Values:
@@ -23,6 +26,11 @@
  * without nodes that have a subscription of their own; a container opens
  * with C_XMLBEGIN and closes with C_XMLEND under the container's tag, and
  * a leaf-list is one C_LIST of its entries (C_NOEXISTS once it is empty).
+ * In a modification, at every container level, what went away (leaves,
+ * emptied leaf-lists, containers with nothing set inside) comes before
+ * what was set, each in schema order: a reader that makes one condition of
+ * two leaves sees the old leaf removed before the new one is set, and
+ * keeps the condition.
  * Deletions are delivered first, then creations and modifications; within
  * each pass nodes come in schema order (entries of one list: those already
  * running in their order, then new ones in file order) and a created node
