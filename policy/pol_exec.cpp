@@ -5,16 +5,16 @@
 // Sequences are tried in ascending number; a sequence applies only to its
 // kind of route, and matches when every condition it carries holds. The
 // first match decides; its set actions run only on accept. Conditions that
-// name a list ask the list's match-time index, so the cost per route does
-// not grow with the size of the lists.
+// name a list ask the match module (pol_match.hpp), whose indexes keep the
+// cost per route from growing with the size of the lists.
 #include <arpa/inet.h>
 
-#include <tuple>
+#include <algorithm>
 
 #include <zen/zen_util.h>
 
-#include "pol_exec_index.hpp"
 #include "pol_list.hpp"
+#include "pol_match.hpp"
 
 namespace {
 
@@ -44,244 +44,6 @@ bool route_tloc_present(const t_pol_match_entry *m, const t_pol_exec_params *par
 uint64_t route_vpn(const t_pol_exec_params *params)
 {
     return params->u.vroute_info.vpn_id;
-}
-
-/* ---- prefix-list match index ---- */
-
-// A prefix as two big-endian 64-bit words, so that masking to a length is
-// the same for both families.
-struct bits128 {
-    uint64_t hi;
-    uint64_t lo;
-    bool operator==(const bits128 &o) const { return hi == o.hi && lo == o.lo; }
-};
-
-// splitmix64 finaliser: every input bit reaches the low bits a table
-// index is taken from.
-uint64_t mix64(uint64_t x)
-{
-    x ^= x >> 30;
-    x *= 0xbf58476d1ce4e5b9ULL;
-    x ^= x >> 27;
-    x *= 0x94d049bb133111ebULL;
-    return x ^ (x >> 31);
-}
-
-uint8_t family_width(e_ipaddr_type type)
-{
-    return type == IP_ADDR_V4 ? 32 : 128;
-}
-
-uint64_t be64(const uint8_t *p)
-{
-    uint64_t v = 0;
-    for (int i = 0; i < 8; i++) {
-        v = (v << 8) | p[i];
-    }
-    return v;
-}
-
-bits128 masked_bits(const t_ipaddr &addr, uint8_t len)
-{
-    uint8_t bytes[16] = {};
-    std::memcpy(bytes, addr.u.addr6_b, addr.addr_type == IP_ADDR_V4 ? 4 : 16);
-    bits128 b = {be64(bytes), be64(bytes + 8)};
-    if (len < 64) {
-        b.hi = len == 0 ? 0 : b.hi & (~0ULL << (64 - len));
-        b.lo = 0;
-    } else if (len < 128) {
-        b.lo = len == 64 ? 0 : b.lo & (~0ULL << (128 - len));
-    }
-    return b;
-}
-
-// The length condition of an entry, copied out of the list.
-struct length_rule {
-    e_pfx_op op;
-    uint8_t entry_len;
-    uint8_t min;
-    uint8_t max;
-
-    bool holds(uint8_t len) const
-    {
-        switch (op) {
-        case PFX_OP_NONE:
-        case PFX_OP_EQ:
-            return len == entry_len;
-        case PFX_OP_RANGE:
-            return min <= len && len <= max;
-        case PFX_OP_XRANGE:
-            return min < len && len < max;
-        case PFX_OP_NE:
-            return len != entry_len;
-        case PFX_OP_LE:
-            return len <= max;  // the upper bound field
-        case PFX_OP_LT:
-        case PFX_OP_GT:
-        case PFX_OP_GE:
-            return op == PFX_OP_LT ? len < min : (op == PFX_OP_GT ? len > min : len >= min);
-        default:
-            return false;
-        }
-    }
-};
-
-bool is_catch_all(const t_pfx_entry *e)
-{
-    return IPADDR_IS_ZERO(&e->prefix.addr) && e->prefix.prefixlen == 0 && e->pfx_op != PFX_OP_NONE &&
-           e->pfx_op != PFX_OP_EQ && e->pfx_op != PFX_OP_NE;
-}
-
-// Entries grouped by address family and covering prefix: a route visits
-// only the groups on its own path (one lookup per entry length present),
-// and the catch-all entries, which skip containment, are held apart.
-// The entries of one address family grouped by (length, masked prefix) in
-// a flat open-addressing table: a route probes once per entry length
-// present, and each probe touches one slot and one run of rules, so the
-// cost stays flat as the list grows.
-struct prefix_groups {
-    struct slot {
-        bits128 key;
-        uint32_t first;  // index of the group's first rule in rules
-        uint32_t count;  // 0: empty slot
-        uint8_t len;
-    };
-    struct pending {
-        uint8_t len;
-        bits128 key;
-        length_rule rule;
-    };
-    std::vector<uint8_t> lengths;  // distinct (clamped) entry lengths, ascending
-    std::vector<slot> slots;       // power-of-two size, at least twice the groups
-    std::vector<length_rule> rules;
-    std::vector<pending> added;    // filled by add, consumed by finish
-
-    static std::size_t hash(const bits128 &key, uint8_t len)
-    {
-        return mix64(key.hi ^ mix64(key.lo ^ len));
-    }
-
-    const slot *probe(const bits128 &key, uint8_t len) const
-    {
-        std::size_t mask = slots.size() - 1;
-        for (std::size_t i = hash(key, len) & mask;; i = (i + 1) & mask) {
-            const slot &s = slots[i];
-            if (s.count == 0 || (s.len == len && s.key == key)) {
-                return &s;
-            }
-        }
-    }
-
-    void finish()
-    {
-        std::sort(added.begin(), added.end(), [](const pending &a, const pending &b) {
-            return std::tie(a.len, a.key.hi, a.key.lo) < std::tie(b.len, b.key.hi, b.key.lo);
-        });
-        std::size_t size = 16;
-        while (size < added.size() * 2) {
-            size *= 2;
-        }
-        slots.assign(size, slot{});
-        for (const pending &p : added) {
-            auto *s = const_cast<slot *>(probe(p.key, p.len));
-            if (s->count == 0) {
-                *s = {p.key, static_cast<uint32_t>(rules.size()), 0, p.len};
-                if (lengths.empty() || lengths.back() != p.len) {
-                    lengths.push_back(p.len);
-                }
-            }
-            rules.push_back(p.rule);
-            s->count++;
-        }
-        added.clear();
-        added.shrink_to_fit();
-    }
-
-    bool matches(const t_ipaddr &addr, uint8_t clamped_len, uint8_t route_len) const
-    {
-        for (uint8_t len : lengths) {
-            if (len > clamped_len) {
-                break;
-            }
-            const slot *s = probe(masked_bits(addr, len), len);
-            for (uint32_t i = 0; i < s->count; i++) {
-                if (rules[s->first + i].holds(route_len)) {
-                    return true;
-                }
-            }
-        }
-        return false;
-    }
-};
-
-// Entries by address family, and the catch-all entries, which skip the
-// containment test, held apart.
-struct prefix_index : _t_pol_list_exec_index {
-    prefix_groups v4;
-    prefix_groups v6;
-    std::vector<length_rule> catch_all;
-
-    prefix_groups *part_of(e_ipaddr_type type)
-    {
-        return type == IP_ADDR_V4 ? &v4 : (type == IP_ADDR_V6 ? &v6 : nullptr);
-    }
-
-    void add(const t_pfx_entry *e)
-    {
-        length_rule rule = {e->pfx_op, e->prefix.prefixlen, e->preflen_min, e->preflen_max};
-        if (is_catch_all(e)) {
-            catch_all.push_back(rule);
-            return;
-        }
-        prefix_groups *part = part_of(e->prefix.addr.addr_type);
-        if (part == nullptr) {
-            return;  // an address of no family contains nothing
-        }
-        uint8_t len = std::min(e->prefix.prefixlen, family_width(e->prefix.addr.addr_type));
-        part->added.push_back({len, masked_bits(e->prefix.addr, len), rule});
-    }
-
-    void finish()
-    {
-        v4.finish();
-        v6.finish();
-    }
-
-    bool matches(const t_ipprefix &route) const
-    {
-        for (const length_rule &rule : catch_all) {
-            if (rule.holds(route.prefixlen)) {
-                return true;
-            }
-        }
-        e_ipaddr_type type = route.addr.addr_type;
-        const prefix_groups *part = type == IP_ADDR_V4 ? &v4 : (type == IP_ADDR_V6 ? &v6 : nullptr);
-        if (part == nullptr) {
-            return false;
-        }
-        uint8_t clamped = std::min(route.prefixlen, family_width(type));
-        return part->matches(route.addr, clamped, route.prefixlen);
-    }
-};
-
-const prefix_index &prefix_index_of(t_pfx_list *list)
-{
-    return pol::current_exec_index<prefix_index>(list, [&](prefix_index &ix) {
-        for (t_pfx_entry *e = TAILQ_FIRST(&list->pfx_entry_head); e; e = TAILQ_NEXT(e, pfx_entry)) {
-            ix.add(e);
-        }
-        ix.finish();
-    });
-}
-
-const pol::interval_index &vpn_index_of(t_vpn_list *list)
-{
-    return pol::current_exec_index<pol::interval_index>(list, [&](pol::interval_index &ix) {
-        for (t_pol_vpn_entry *e = TAILQ_FIRST(&list->vpn_entry_head); e; e = TAILQ_NEXT(e, vpn_entry)) {
-            ix.add(e->min_vpn_id, e->max_vpn_id);
-        }
-        ix.finish();
-    });
 }
 
 /* ---- the condition table ---- */
@@ -459,7 +221,7 @@ bool pol_exec_match_vpn_id(t_pol_match_entry *m, t_pol_exec_params *p)
 
 bool pol_exec_match_vpn_list(t_pol_match_entry *m, t_pol_exec_params *p)
 {
-    return m->match_vpn_list_p != nullptr && vpn_index_of(m->match_vpn_list_p).contains(route_vpn(p));
+    return pol::vpn_list_contains(m->match_vpn_list_p, route_vpn(p));
 }
 
 bool pol_exec_match_tloc(t_pol_match_entry *m, t_pol_exec_params *p)
@@ -514,28 +276,12 @@ bool pol_exec_match_community_list(t_pol_match_entry *m, t_pol_exec_params *p, c
 // The route must be of the list's family.
 bool pol_exec_match_pfx_list(t_pol_match_entry *m, t_pol_exec_params *p)
 {
-    t_pfx_list *list = m->match_pfx_list_p;
-    if (list == nullptr) {
-        return false;
-    }
-    const t_ipprefix &route = p->u.vroute_info.prefix;
-    bool v4 = IPPREFIX_IS_V4(&route);
-    if ((v4 && list->pfx_af == POL_AF_IPV6) || (!v4 && list->pfx_af == POL_AF_IPV4)) {
-        return false;
-    }
-    return prefix_index_of(list).matches(route);
+    return pol::pfx_list_matches(m->match_pfx_list_p, p->u.vroute_info.prefix);
 }
 
-// One entry against the route prefix, as the index answers it for the
-// whole list.
 bool pol_exec_match_pfx_entry(t_pfx_entry *e, t_pol_exec_params *p)
 {
-    const t_ipprefix &route = p->u.vroute_info.prefix;
-    if (!is_catch_all(e) && !ipprefix_is_contained(&route, &e->prefix)) {
-        return false;
-    }
-    length_rule rule = {e->pfx_op, e->prefix.prefixlen, e->preflen_min, e->preflen_max};
-    return rule.holds(route.prefixlen);
+    return pol::pfx_entry_matches(e, p->u.vroute_info.prefix);
 }
 
 // Protocol 4's subtypes come in pairs; its type is deliberately not compared.

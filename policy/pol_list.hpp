@@ -19,7 +19,7 @@
 #include <array>
 #include <tuple>
 
-#include "pol_exec_index.hpp"
+#include "pol_match.hpp"
 #include "pol_util.hpp"
 
 namespace pol {

@@ -272,18 +272,10 @@ void pol_site_list_users_add_to_chg_list(t_pol_ctx *ctx, t_site_list *list)
     }
 }
 
-// Answered from a merged interval set of the list's ranges, rebuilt after
-// the list changed.
+// Answered by the match module from the list's interval set.
 bool pol_exec_match_site_id_to_site_list(t_site_list *list, uint32_t site_id)
 {
-    if (list == nullptr) {
-        return false;
-    }
-    const auto &index = pol::current_exec_index<pol::interval_index>(list, [&](pol::interval_index &ix) {
-        site_lists::for_each_entry(list, [&](const t_site_entry *e) { ix.add(e->min_site_id, e->max_site_id); });
-        ix.finish();
-    });
-    return index.contains(site_id);
+    return pol::site_list_contains(list, site_id);
 }
 
 /* ---- text test harness ---- */

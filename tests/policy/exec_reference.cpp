@@ -150,41 +150,63 @@ bool tloc_known(const t_pol_match_entry &m, const route &r)
 
 /* ---- conditions ---- */
 
-bool length_rule(const t_pfx_entry &e, unsigned len)
+// The route lengths an entry admits, as a closed window [lo, hi] of
+// lengths, with the entry's own length cut out for "not equal". Written
+// from what each operator means: the exact prefix, a range with its ends
+// in or out, everything up to or from a bound, everything but its own
+// length. An empty window (lo > hi) admits nothing.
+struct length_window {
+    int lo;
+    int hi;
+    bool except_own;
+};
+
+length_window window_of(const t_pfx_entry &e)
 {
-    unsigned own = e.prefix.prefixlen;
+    const int own = e.prefix.prefixlen, min = e.preflen_min, max = e.preflen_max;
+    const int any = 255;  // no upper limit: the longest length a route can state
     switch (e.pfx_op) {
     case PFX_OP_NONE:
-        return len == own;
-    case PFX_OP_RANGE:
-        return e.preflen_min <= len && len <= e.preflen_max;
-    case PFX_OP_XRANGE:
-        return e.preflen_min < len && len < e.preflen_max;
     case PFX_OP_EQ:
-        return len == own;
+        return {own, own, false};
     case PFX_OP_NE:
-        return len != own;
+        return {0, any, true};
+    case PFX_OP_RANGE:
+        return {min, max, false};
+    case PFX_OP_XRANGE:
+        return {min + 1, max - 1, false};
     case PFX_OP_LE:
-        return len <= e.preflen_max;
-    case PFX_OP_LT:
-        return len < e.preflen_min;
+        return {0, max, false};
+    case PFX_OP_LT:  // the lower bound field, by design
+        return {0, min - 1, false};
     case PFX_OP_GE:
-        return len >= e.preflen_min;
+        return {min, any, false};
     case PFX_OP_GT:
-        return len > e.preflen_min;
+        return {min + 1, any, false};
     default:
-        return false;
+        return {1, 0, false};
     }
 }
 
+// An all-zero prefix of length 0 whose operator does not compare with the
+// entry's own length admits routes anywhere.
+bool matches_anywhere(const t_pfx_entry &e)
+{
+    bool reads_own = e.pfx_op == PFX_OP_NONE || e.pfx_op == PFX_OP_EQ || e.pfx_op == PFX_OP_NE;
+    return addr_is_zero(e.prefix.addr) && e.prefix.prefixlen == 0 && !reads_own;
+}
+
+// The route's length lies in the entry's window, and the route's first N
+// bits equal the entry's (N the entry's length, the route at least that
+// long), unless the entry admits routes anywhere.
 bool pfx_entry_matches(const t_pfx_entry &e, const t_ipprefix &pfx)
 {
-    bool match_anything = addr_is_zero(e.prefix.addr) && e.prefix.prefixlen == 0 &&
-                          e.pfx_op != PFX_OP_NONE && e.pfx_op != PFX_OP_EQ && e.pfx_op != PFX_OP_NE;
-    if (!match_anything && !prefix_within(pfx, e.prefix)) {
+    const length_window w = window_of(e);
+    const int len = pfx.prefixlen;
+    if (len < w.lo || len > w.hi || (w.except_own && len == e.prefix.prefixlen)) {
         return false;
     }
-    return length_rule(e, pfx.prefixlen);
+    return matches_anywhere(e) || prefix_within(pfx, e.prefix);
 }
 
 bool pfx_list_holds(const t_pfx_list *list, const route &r)

@@ -235,6 +235,88 @@ TEST_F(Exec, ConditionsNeedTheirPresenceBitsAndSingleValuesRecordTheirs)
     EXPECT_EQ(r.run(out_), POL_ACTION_REJECT);
 }
 
+// A list condition whose index cannot be allocated answers from the list's
+// entries, and the next route builds the index again: one object of the
+// list's own category while it lives. After a change the stale index goes
+// before the new one is allocated, so a failure then is answered from the
+// entries too, never from the old index.
+TEST_F(Exec, ListIndexesFallBackToTheEntriesWhenTheirAllocationFails)
+{
+    const t_pfx_list_key key = {POL_AF_IPV4, "L"};
+    auto add_pfx = [&](const char *p, e_pfx_op op, uint8_t min, uint8_t max) {
+        const t_pfx_entry_param param{op, prefix(p), min, max};
+        ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &key, &param), ERR_OK);
+    };
+    struct Case {
+        const char *what;
+        e_pol_mem row;
+        std::function<void(t_pol_entry *)> attach;  // the list's entries and the condition
+        std::function<void()> grow;                 // one more entry
+        std::function<t_pol_list_exec_index *()> index;
+        std::function<Route(int)> probe;            // route i of four
+        std::vector<bool> before, after;            // accepted, before and after grow
+    };
+    const Case cases[] = {
+        {"site list", POL_MEM_LIST_SITE,
+         [&](t_pol_entry *e) {
+             ASSERT_EQ(pol_site_list_add_entry(ctx_, "S", 5, 9), ERR_OK);
+             ASSERT_EQ(pol_site_list_add_entry(ctx_, "S", 20, 20), ERR_OK);
+             pol_entry_match_site_list_add(ctx_, e, "S", &changed_);
+         },
+         [&] { ASSERT_EQ(pol_site_list_add_entry(ctx_, "S", 10, 19), ERR_OK); },
+         [&] { return pol_site_list_find(ctx_, "S")->exec_index; },
+         [](int i) {
+             Route r = vroute(1);
+             r.attr.site_id = std::vector<uint32_t>{4, 7, 15, 20}[i];
+             return r;
+         },
+         {false, true, false, true}, {false, true, true, true}},
+        {"VPN list", POL_MEM_LIST_VPN,
+         [&](t_pol_entry *e) {
+             ASSERT_EQ(pol_vpn_list_add_entry(ctx_, "V", 1, 10), ERR_OK);
+             ASSERT_EQ(pol_vpn_list_add_entry(ctx_, "V", 30, 30), ERR_OK);
+             pol_entry_match_vpn_list_add(ctx_, e, "V", &changed_);
+         },
+         [&] { ASSERT_EQ(pol_vpn_list_add_entry(ctx_, "V", 11, 29), ERR_OK); },
+         [&] { return pol_vpn_list_find(ctx_, "V")->exec_index; },
+         [](int i) { return vroute(std::vector<uint64_t>{0, 5, 20, 30}[i]); },
+         {false, true, false, true}, {false, true, true, true}},
+        {"prefix list", POL_MEM_LIST_PREFIX,
+         [&](t_pol_entry *e) {
+             add_pfx("10.0.0.0/8", PFX_OP_LE, 0, 16);
+             add_pfx("192.168.0.0/16", PFX_OP_EQ, 0, 0);
+             pol_entry_match_pfx_list_add(ctx_, e, &key, &changed_);
+         },
+         [&] { add_pfx("172.16.0.0/12", PFX_OP_GE, 24, 0); },
+         [&] { return pol_pfx_list_find(ctx_, &key)->exec_index; },
+         [](int i) { return vroute(1, std::vector<const char *>{"10.1.0.0/16", "10.1.1.0/24", "172.16.1.0/24",
+                                                                 "192.168.0.0/16"}[i]); },
+         {true, false, false, true}, {true, false, true, true}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        c.attach(seq(10, POL_MATCH_VROUTE));
+        const int64_t lists = live_count(c.row);
+        auto check = [&](const std::vector<bool> &want) {
+            for (int i = 0; i < 4; i++) {
+                AllocFailure fail(c.row);  // every build fails
+                EXPECT_EQ(c.probe(i).run(out_) == POL_ACTION_ACCEPT, want[i]) << "walked, route " << i;
+                EXPECT_EQ(c.index(), nullptr);
+            }
+            EXPECT_EQ(live_count(c.row), lists);
+            for (int i = 0; i < 4; i++) {
+                EXPECT_EQ(c.probe(i).run(out_) == POL_ACTION_ACCEPT, want[i]) << "indexed, route " << i;
+            }
+            EXPECT_NE(c.index(), nullptr);
+            EXPECT_EQ(live_count(c.row), lists + 1);
+        };
+        check(c.before);
+        c.grow();
+        check(c.after);
+        pol_entry_find_and_delete(ctx_, block_, 10, &changed_);
+    }
+}
+
 TEST_F(Exec, OriginProtocolFourPairsSubtypes)
 {
     const struct {

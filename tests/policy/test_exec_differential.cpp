@@ -3,8 +3,10 @@
 // seeds. Policies are built and changed through the store operations, the
 // lists change between routes and the next route is steered onto what
 // changed, so the match-time indexes the library rebuilds lazily are
-// queried right after every kind of change. Verdict, flag words, rewritten
-// attributes, exported VPN ranges, community set and label table must agree.
+// queried right after every kind of change; some routes run while an index
+// cannot be allocated and are answered from the entries. Verdict, flag
+// words, rewritten attributes, exported VPN ranges, community set and
+// label table must agree.
 #include <arpa/inet.h>
 
 #include <algorithm>
@@ -19,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "exec_reference.hpp"
+#include "pol_match.hpp"
 #include "pol_test_support.hpp"
 
 namespace {
@@ -182,6 +185,7 @@ public:
     }
 
     unsigned executions = 0, max_te_entries = 0, vpn_full = 0;
+    unsigned walked = 0;  // executions that found an index allocation failing
 
 private:
     // Values cluster on a few small ones, so that single-value conditions
@@ -664,7 +668,7 @@ private:
         ref.te_info_p = &ref_te;
 
         int64_t vpn_buffers = poltest::live_count(POL_MEM_LIST_VPN_1);
-        e_pol_action lib_v = pol_execute(user, &lib);
+        e_pol_action lib_v = execute_starving_an_index(user, &lib);
         e_pol_action ref_v = execref::execute(user, &ref, &st_);
         executions++;
         max_te_entries = std::max(max_te_entries, lib_te.num_entries);
@@ -687,6 +691,23 @@ private:
             << "seed " << seed_ << " route " << route_ << ": more than one export buffer per execution";
         execref::release(&ref);
         std::free(attr.community_p);
+    }
+
+    // One route in five runs while the index of one list family cannot be
+    // allocated (chosen by the route's number, leaving the random stream
+    // alone): a list that needs a new index then answers from its entries.
+    e_pol_action execute_starving_an_index(t_pol_user *user, t_pol_exec_params *lib)
+    {
+        static const e_pol_mem kIndexRows[] = {POL_MEM_LIST_SITE, POL_MEM_LIST_VPN, POL_MEM_LIST_PREFIX};
+        if ((seed_ + route_) % 5 != 0) {
+            return pol_execute(user, lib);
+        }
+        const e_pol_mem row = kIndexRows[(seed_ + route_) / 5 % 3];
+        const uint64_t tries = g_pol_mem_info[row].alloc;
+        poltest::AllocFailure fail(row);
+        e_pol_action verdict = pol_execute(user, lib);
+        walked += g_pol_mem_info[row].alloc != tries ? 1 : 0;
+        return verdict;
     }
 
     t_pol_ctx *ctx_;
@@ -713,6 +734,7 @@ protected:
         differential_run r(ctx_, sh, st);
         r.run(seed);
         EXPECT_EQ(r.executions, sh.rounds * sh.routes);
+        EXPECT_GT(r.walked, 0u) << "no route was answered from a list's entries";
         for (int k = 0; k < execref::COND_COUNT; k++) {
             bool exempt = sh.list_entries > 20 && !std::string(execref::condition_name(k)).ends_with("list");
             EXPECT_TRUE(st.held[k] > 0 || exempt) << "never held: " << execref::condition_name(k);
@@ -859,6 +881,36 @@ TEST_F(ExecDifferential, HandWorkedPrefixCasesGiveTheSameVerdictEverywhere)
         execref::release(&ref);
     }
     pol_unregister(&user);
+}
+
+// Configured ge and le lengths (0: not given) pick the operator that admits
+// what they say: the entry 10.0.0.0/8 admits the routes inside it of
+// lengths ge to le, ge and longer, up to le, or, with neither, its own.
+TEST_F(ExecDifferential, ConfiguredBoundsPickTheOperatorTheyMean)
+{
+    const struct {
+        uint8_t ge, le;
+        e_pfx_op op;
+        unsigned lo, hi;  // the lengths admitted
+    } kBounds[] = {
+        {0, 0, PFX_OP_EQ, 8, 8},         {16, 0, PFX_OP_GE, 16, 32},     {0, 24, PFX_OP_LE, 8, 24},
+        {16, 24, PFX_OP_RANGE, 16, 24},  {8, 8, PFX_OP_RANGE, 8, 8},     {24, 16, PFX_OP_RANGE, 1, 0},
+        {4, 0, PFX_OP_GE, 8, 32},        {0, 4, PFX_OP_LE, 1, 0},
+    };
+    for (const auto &b : kBounds) {
+        SCOPED_TRACE("ge " + std::to_string(b.ge) + " le " + std::to_string(b.le));
+        EXPECT_EQ(pol::pfx_op_of_bounds(b.ge, b.le), b.op);
+        t_pfx_entry entry{};
+        entry.pfx_op = pol::pfx_op_of_bounds(b.ge, b.le);
+        entry.prefix = parse_prefix("10.0.0.0/8");
+        entry.preflen_min = b.ge;
+        entry.preflen_max = b.le;
+        t_pol_exec_params route{};
+        for (unsigned len = 0; len <= 32; len++) {
+            route.u.vroute_info.prefix = parse_prefix("10.0.0.0/" + std::to_string(len));
+            EXPECT_EQ(pol_exec_match_pfx_entry(&entry, &route), b.lo <= len && len <= b.hi) << "length " << len;
+        }
+    }
 }
 
 }  // namespace

@@ -7,8 +7,9 @@
  * matching visit them in that order) also keep every entry in an identity
  * index (entry_index, keyed on what makes the entry unique in its list),
  * so that the duplicate check, find and delete never walk the queue.
- * exec_index is owned by route execution: a match-time structure rebuilt
- * lazily after the list changed (null until first needed).
+ * exec_index is owned by the match module of route execution: a match-time
+ * structure rebuilt lazily after the list changed, under the list's memory
+ * category (null until first needed, or while it cannot be allocated).
  */
 #ifndef POLICY_POL_LISTS_H
 #define POLICY_POL_LISTS_H
@@ -120,16 +121,29 @@ typedef enum _e_pol_af {
     POL_AF_MAX = 2,
 } e_pol_af;
 
+/*
+ * The length condition of a prefix-list entry: which lengths L of a route
+ * prefix the entry admits. Each operator reads one or two of the entry's
+ * three lengths: P, the entry prefix's own length (prefix.prefixlen), and
+ * the bounds preflen_min and preflen_max; the others are ignored. A route
+ * must also lie within the entry's prefix, except for the catch-all entry:
+ * an all-zero prefix of length 0 with an operator that does not read P
+ * (RANGE, XRANGE, LE, LT, GE, GT) applies its length condition to every
+ * route. Bounds are stored as configured, never checked against each other
+ * or the family's width. The configuration's ge/le map onto RANGE, LE, GE
+ * and EQ.
+ */
 typedef enum _e_pfx_op {
-    PFX_OP_NONE = 0,
-    PFX_OP_RANGE = 1,
-    PFX_OP_XRANGE = 2,
-    PFX_OP_EQ = 3,
-    PFX_OP_NE = 4,
-    PFX_OP_LE = 5,
-    PFX_OP_LT = 6,
-    PFX_OP_GE = 7,
-    PFX_OP_GT = 8,
+    PFX_OP_NONE = 0,   /* reads P: L = P, the exact prefix */
+    PFX_OP_RANGE = 1,  /* reads min and max: min <= L <= max */
+    PFX_OP_XRANGE = 2, /* reads min and max: min < L < max, both bounds exclusive */
+    PFX_OP_EQ = 3,     /* reads P: L = P */
+    PFX_OP_NE = 4,     /* reads P: L != P (the route still lies within the prefix) */
+    PFX_OP_LE = 5,     /* reads max: L <= max */
+    PFX_OP_LT = 6,     /* reads min, not max: L < min */
+    PFX_OP_GE = 7,     /* reads min: L >= min */
+    PFX_OP_GT = 8,     /* reads min: L > min */
+    /* any other value admits no length */
 } e_pfx_op;
 
 typedef struct _t_pfx_list_key {
