@@ -4,6 +4,7 @@
 // the store, and the exported helpers of the reader family. The readers
 // themselves: pol_config_list.cpp (named lists) and pol_config_policy.cpp
 // (control, route and membership policies).
+#include <algorithm>
 #include <cstring>
 
 #include <zen/zen_util.h>
@@ -191,6 +192,31 @@ int32_t notify_if_changed(t_pol_ctx *ctx, uint8_t changed)
     return POL_CONFIG_OK;
 }
 
+/* ---- results ---- */
+
+int32_t status_of(e_err err)
+{
+    switch (err) {
+    case ERR_OK:
+        return POL_CONFIG_OK;
+    case ERR_ALLOC:
+        return POL_CONFIG_NO_MEMORY;
+    default:
+        return POL_CONFIG_NOT_FOUND;
+    }
+}
+
+/* ---- leaves of one choice ---- */
+
+bool choice_leaves::read(const mgmtd_tag_value_t *cur_val_p)
+{
+    if (std::find(tags_.begin(), tags_.end(), cur_val_p->tag.tag) == tags_.end()) {
+        return false;
+    }
+    (removed(cur_val_p) ? removal_ : given_) = cur_val_p;
+    return true;
+}
+
 /* ---- TLOCs ---- */
 
 tloc_parts::tloc_parts(bool removal_withdraws) : removal_withdraws_(removal_withdraws)
@@ -239,21 +265,20 @@ void tloc_parts::over(const t_tloc_id &current, t_tloc_id *out) const
 
 /* ---- leaves that map onto one add/delete pair of the store ---- */
 
-bool apply_leaf(std::span<const leaf_pair> table, t_pol_ctx *ctx, t_pol_entry *entry,
-                const mgmtd_tag_value_t *cur_val_p, uint8_t *changed)
+int32_t apply_leaf(std::span<const leaf_pair> table, t_pol_ctx *ctx, t_pol_entry *entry,
+                   const mgmtd_tag_value_t *cur_val_p, uint8_t *changed)
 {
     for (const leaf_pair &leaf : table) {
         if (leaf.tag != cur_val_p->tag.tag) {
             continue;
         }
-        if (removed(cur_val_p)) {
-            leaf.del(ctx, entry, changed);
-        } else {
-            leaf.add(ctx, entry, cur_val_p, changed);
+        if (!removed(cur_val_p)) {
+            return leaf.add(ctx, entry, cur_val_p, changed);
         }
-        return true;
+        leaf.del(ctx, entry, changed);
+        return POL_CONFIG_OK;
     }
-    return false;
+    return POL_CONFIG_OK;
 }
 
 }  // namespace pol::config

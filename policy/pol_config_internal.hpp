@@ -98,6 +98,45 @@ void trace_values(mgmtd_tag_value_t *val_p, uint32_t num_values);
 // Flushes the change queue when the callback changed something.
 int32_t notify_if_changed(t_pol_ctx *ctx, uint8_t changed);
 
+/* ---- results ---- */
+
+// The callback status of a store result: memory exhausted for ERR_ALLOC,
+// so that the host stops the commit and delivers the change again; any
+// other failure is a change the store refused.
+int32_t status_of(e_err err);
+
+// The callback status of a store operation that returns what it changed
+// (a match or set entry, a sequence, a block): null means that a record it
+// needed could not be allocated.
+inline int32_t status_of(const void *stored)
+{
+    return stored != nullptr ? POL_CONFIG_OK : POL_CONFIG_NO_MEMORY;
+}
+
+/* ---- leaves of one choice ---- */
+
+// The leaves of one schema choice that feed the same condition of the
+// store (OMP and OSPF tag, IPv4 and IPv6 prefix list). The schema allows
+// one of them at a time, so a change that switches between them removes
+// one and sets the other: the leaf set wins over the leaf removed, in
+// whichever order they come. Of two leaves set, the last wins.
+class choice_leaves {
+public:
+    explicit choice_leaves(std::span<const uint32_t> tags) : tags_(tags) {}
+
+    // Takes the leaf if it belongs to the choice.
+    bool read(const mgmtd_tag_value_t *cur_val_p);
+
+    // The leaf to apply once the walk is over, or null when the change
+    // names none of the choice.
+    const mgmtd_tag_value_t *outcome() const { return given_ != nullptr ? given_ : removal_; }
+
+private:
+    std::span<const uint32_t> tags_;
+    const mgmtd_tag_value_t *given_ = nullptr;
+    const mgmtd_tag_value_t *removal_ = nullptr;
+};
+
 /* ---- TLOCs ---- */
 
 // The parts of a TLOC that one change names. A removed encapsulation reads
@@ -132,7 +171,8 @@ private:
 
 /* ---- leaves that map onto one add/delete pair of the store ---- */
 
-using leaf_add_f = void (*)(t_pol_ctx *, t_pol_entry *, const mgmtd_tag_value_t *, uint8_t *);
+// An add returns the callback status of the store operation it calls.
+using leaf_add_f = int32_t (*)(t_pol_ctx *, t_pol_entry *, const mgmtd_tag_value_t *, uint8_t *);
 using leaf_del_f = void (*)(t_pol_ctx *, t_pol_entry *, uint8_t *);
 
 struct leaf_pair {
@@ -143,14 +183,15 @@ struct leaf_pair {
 
 // The add of a store operation that takes the leaf's value as Read reads it.
 template <auto Add, auto Read>
-void add_leaf(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cur_val_p,
-              uint8_t *changed)
+int32_t add_leaf(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cur_val_p,
+                 uint8_t *changed)
 {
-    Add(ctx, entry, Read(cur_val_p), changed);
+    return status_of(Add(ctx, entry, Read(cur_val_p), changed));
 }
 
 // Applies the leaf if the table knows its tag; a removed leaf deletes.
-bool apply_leaf(std::span<const leaf_pair> table, t_pol_ctx *ctx, t_pol_entry *entry,
+// The status of the add (deletes cannot fail); 0 for a tag not in the table.
+int32_t apply_leaf(std::span<const leaf_pair> table, t_pol_ctx *ctx, t_pol_entry *entry,
                 const mgmtd_tag_value_t *cur_val_p, uint8_t *changed);
 
 }  // namespace pol::config

@@ -2,9 +2,9 @@
 // colour, community and prefix lists. List-name nodes carry no leaves the
 // library reads; entry nodes add or delete one entry of their list, whose
 // store notifies the users of what changed.
-#include <cstdio>
 #include <cstring>
 #include <optional>
+#include <string_view>
 
 #include <zen/zen_util.h>
 
@@ -21,49 +21,57 @@ struct id_range {
     uint32_t max;
 };
 
-// One number is a range of one; the bounds are passed on unchecked.
-std::optional<id_range> range_of(int parsed, uint64_t first, uint64_t second)
+// A decimal number of the 32 bits that site and VPN lists keep their
+// bounds in: digits only, nothing that would wrap.
+std::optional<uint32_t> parse_id(std::string_view text)
 {
-    if (parsed == 1) {
-        return id_range{static_cast<uint32_t>(first), static_cast<uint32_t>(first)};
+    if (text.empty() || text.size() > 10) {
+        return std::nullopt;
     }
-    if (parsed == 2) {
-        return id_range{static_cast<uint32_t>(first), static_cast<uint32_t>(second)};
+    uint64_t value = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') {
+            return std::nullopt;
+        }
+        value = value * 10 + static_cast<uint64_t>(c - '0');
     }
-    return std::nullopt;
+    if (value > UINT32_MAX) {
+        return std::nullopt;
+    }
+    return static_cast<uint32_t>(value);
 }
 
-std::optional<id_range> parse_site_range(const char *text)
+// "N" is the range N to N, "N-M" the range N to M; the bounds are passed
+// on in the order given.
+std::optional<id_range> parse_range(const char *text)
 {
-    unsigned first = 0;
-    unsigned second = 0;
-    const int parsed = std::sscanf(text, "%u-%u", &first, &second);
-    return range_of(parsed, first, second);
-}
-
-// VPN ids are read as 64-bit numbers and narrowed to the list's 32 bits.
-std::optional<id_range> parse_vpn_range(const char *text)
-{
-    unsigned long first = 0;
-    unsigned long second = 0;
-    const int parsed = std::sscanf(text, "%lu-%lu", &first, &second);
-    return range_of(parsed, first, second);
+    const std::string_view whole(text);
+    const std::size_t dash = whole.find('-');
+    const std::optional<uint32_t> first = parse_id(whole.substr(0, dash));
+    if (!first) {
+        return std::nullopt;
+    }
+    if (dash == std::string_view::npos) {
+        return id_range{*first, *first};
+    }
+    const std::optional<uint32_t> second = parse_id(whole.substr(dash + 1));
+    if (!second) {
+        return std::nullopt;
+    }
+    return id_range{*first, *second};
 }
 
 using range_op_f = e_err (*)(t_pol_ctx *, const char *, uint32_t, uint32_t);
 
 // Ranges are added on creation only; a modification changes nothing.
-void apply_range(t_pol_ctx *ctx, mgmtd_iter_op oper, const char *name, id_range range,
-                 range_op_f add, range_op_f del, mgmtd_tag_value_t *val_p, uint32_t num_values)
+int32_t apply_range(t_pol_ctx *ctx, mgmtd_iter_op oper, const char *name, id_range range,
+                    range_op_f add, range_op_f del, mgmtd_tag_value_t *val_p, uint32_t num_values)
 {
     if (oper == MOP_DELETED) {
-        del(ctx, name, range.min, range.max);
-        return;
+        return status_of(del(ctx, name, range.min, range.max));
     }
     trace_values(val_p, num_values);
-    if (oper == MOP_CREATED) {
-        add(ctx, name, range.min, range.max);
-    }
+    return oper == MOP_CREATED ? status_of(add(ctx, name, range.min, range.max)) : POL_CONFIG_OK;
 }
 
 /* ---- prefix-list entries ---- */
@@ -173,14 +181,13 @@ int32_t pol_config_policy_site_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, mg
     const char *text = key_text(&key_p[1]);
     POL_DBG(0, "Site list config - Name:%s, id:%s, Oper:%u, num:%u", name, text,
             static_cast<unsigned>(oper), static_cast<unsigned>(num_values));
-    const std::optional<id_range> range = parse_site_range(text);
+    const std::optional<id_range> range = parse_range(text);
     if (!range) {
         POL_LOG("Invalid site list range %s in list %s", text, name);
         return POL_CONFIG_BAD_KEY;
     }
-    apply_range(pol_ctx_p, oper, name, *range, pol_site_list_add_entry, pol_site_list_del_entry,
-                val_p, num_values);
-    return POL_CONFIG_OK;
+    return apply_range(pol_ctx_p, oper, name, *range, pol_site_list_add_entry,
+                       pol_site_list_del_entry, val_p, num_values);
 }
 
 int32_t pol_config_policy_vpn_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
@@ -204,14 +211,13 @@ int32_t pol_config_policy_vpn_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, mgm
     const char *text = key_text(&key_p[1]);
     POL_DBG(0, "VPN list config - Name:%s, id:%s, Oper:%u, num:%u", name, text,
             static_cast<unsigned>(oper), static_cast<unsigned>(num_values));
-    const std::optional<id_range> range = parse_vpn_range(text);
+    const std::optional<id_range> range = parse_range(text);
     if (!range) {
         POL_LOG("Invalid vpn list range %s in list %s", text, name);
         return POL_CONFIG_BAD_KEY;
     }
-    apply_range(pol_ctx_p, oper, name, *range, pol_vpn_list_add_entry, pol_vpn_list_del_entry,
-                val_p, num_values);
-    return POL_CONFIG_OK;
+    return apply_range(pol_ctx_p, oper, name, *range, pol_vpn_list_add_entry,
+                       pol_vpn_list_del_entry, val_p, num_values);
 }
 
 /* ---- TLOC and colour lists ---- */
@@ -252,8 +258,7 @@ int32_t pol_config_policy_tloc_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, mg
             preference = removed(cur_val_p) ? 0 : value_u32(cur_val_p);
         }
     });
-    pol_tloc_list_add_entry(pol_ctx_p, name, &tloc, preference);
-    return POL_CONFIG_OK;
+    return status_of(pol_tloc_list_add_entry(pol_ctx_p, name, &tloc, preference));
 }
 
 int32_t pol_config_policy_color_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
@@ -282,8 +287,7 @@ int32_t pol_config_policy_color_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
         return POL_CONFIG_OK;
     }
     trace_values(val_p, num_values);
-    pol_color_list_add_entry(pol_ctx_p, name, color);
-    return POL_CONFIG_OK;
+    return status_of(pol_color_list_add_entry(pol_ctx_p, name, color));
 }
 
 /* ---- community lists ---- */
@@ -359,8 +363,13 @@ int32_t pol_config_policy_prefix_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
     walk_values(trace_form::list, val_p, num_values,
                 [&](const mgmtd_tag_value_t *cur_val_p) { lengths.read(cur_val_p); });
     lengths.finish(param);
-    pol_pfx_list_entry_add(pol_ctx_p, &key, &param);
-    return POL_CONFIG_OK;
+    const e_err err = pol_pfx_list_entry_add(pol_ctx_p, &key, &param);
+    if (err == ERR_BAD_PARAM) {
+        POL_LOG("Invalid prefix lengths %u-%u for %s in list %s",
+                static_cast<unsigned>(param.preflen_min), static_cast<unsigned>(param.preflen_max),
+                ipprefix_print(&param.prefix, text, sizeof(text)), name);
+    }
+    return status_of(err);
 }
 
 }  // extern "C"

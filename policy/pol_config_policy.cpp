@@ -11,20 +11,24 @@ namespace {
 /* ---- match leaves that need more than their value ---- */
 
 template <e_pol_af Af>
-void add_pfx_list_leaf(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cur_val_p,
-                       uint8_t *changed)
+int32_t add_pfx_list_leaf(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cur_val_p,
+                          uint8_t *changed)
 {
     const t_pfx_list_key key = {Af, value_text(cur_val_p)};
-    pol_entry_match_pfx_list_add(ctx, entry, &key, changed);
+    return status_of(pol_entry_match_pfx_list_add(ctx, entry, &key, changed));
 }
 
-void add_originator_leaf(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cur_val_p,
-                         uint8_t *changed)
+int32_t add_originator_leaf(t_pol_ctx *ctx, t_pol_entry *entry,
+                            const mgmtd_tag_value_t *cur_val_p, uint8_t *changed)
 {
     t_ipaddr addr;
     value_addr(&addr, cur_val_p);
-    pol_entry_match_originator_add(ctx, entry, &addr, changed);
+    return status_of(pol_entry_match_originator_add(ctx, entry, &addr, changed));
 }
+
+// Leaves of one choice that feed one condition.
+constexpr uint32_t kPfxListChoice[] = {TAG_PFX_LIST_IPV4, TAG_PFX_LIST_IPV6};
+constexpr uint32_t kRouteTagChoice[] = {TAG_OMP_TAG, TAG_OSPF_TAG};
 
 /* ---- leaves that map onto one add/delete pair of the store ---- */
 
@@ -112,6 +116,7 @@ void read_default_action(t_pol_ctx *ctx, t_pol_block *block, const mgmtd_tag_val
     *changed = 1;
 }
 
+// not_created: there was no memory for the block.
 enum class policy_outcome { done, not_created, not_found };
 
 // What every policy reader does: delete, create or find the block, then
@@ -251,16 +256,19 @@ public:
         } else if (tag == TAG_COMMUNITY) {
             return read_set_community(ctx_, entry_, cur_val_p);
         } else {
-            read_leaf(cur_val_p);
+            return read_leaf(cur_val_p);
         }
         return POL_CONFIG_OK;
     }
 
-    void apply()
+    int32_t apply()
     {
-        apply_tloc_list();
+        if (int32_t status = apply_tloc_list(); status != POL_CONFIG_OK) {
+            return status;
+        }
         apply_set_tloc();
         apply_service();
+        return POL_CONFIG_OK;
     }
 
 private:
@@ -282,7 +290,7 @@ private:
         }
     }
 
-    void read_leaf(const mgmtd_tag_value_t *cur_val_p)
+    int32_t read_leaf(const mgmtd_tag_value_t *cur_val_p)
     {
         switch (cur_val_p->tag.tag) {
         case TAG_ACTION:
@@ -294,8 +302,7 @@ private:
             *changed_ = 1;
             break;
         case TAG_VPN:
-            read_vpn(cur_val_p);
-            break;
+            return read_vpn(cur_val_p);
         case TAG_TLOC_LIST:
             tloc_list_given_ = true;
             tloc_list_ = removed(cur_val_p) ? nullptr : value_text(cur_val_p);
@@ -309,32 +316,32 @@ private:
             service_type_ = has_service_type_ ? static_cast<uint16_t>(value_enum(cur_val_p)) : 0;
             break;
         default:
-            apply_leaf(kSetLeaves, ctx_, entry_, cur_val_p, changed_);
-            break;
+            return apply_leaf(kSetLeaves, ctx_, entry_, cur_val_p, changed_);
         }
+        return POL_CONFIG_OK;
     }
 
     // Inside the service container the VPN belongs to the service action.
-    void read_vpn(const mgmtd_tag_value_t *cur_val_p)
+    int32_t read_vpn(const mgmtd_tag_value_t *cur_val_p)
     {
         if (!in_service_) {
-            apply_leaf(kSetVpn, ctx_, entry_, cur_val_p, changed_);
-            return;
+            return apply_leaf(kSetVpn, ctx_, entry_, cur_val_p, changed_);
         }
         has_service_vpn_ = true;
         service_vpn_ = removed(cur_val_p) ? 0 : value_u32(cur_val_p);
+        return POL_CONFIG_OK;
     }
 
-    void apply_tloc_list()
+    int32_t apply_tloc_list()
     {
         if (!tloc_list_given_) {
-            return;
+            return POL_CONFIG_OK;
         }
         if (tloc_list_ == nullptr) {
             pol_entry_set_tloc_list_delete(ctx_, entry_, changed_);
-        } else {
-            pol_entry_set_tloc_list_add(ctx_, entry_, tloc_list_, changed_);
+            return POL_CONFIG_OK;
         }
+        return status_of(pol_entry_set_tloc_list_add(ctx_, entry_, tloc_list_, changed_));
     }
 
     void apply_set_tloc()
@@ -393,21 +400,22 @@ public:
     {
     }
 
-    void read(const mgmtd_tag_value_t *cur_val_p)
+    int32_t read(const mgmtd_tag_value_t *cur_val_p)
     {
         const uint32_t tag = cur_val_p->tag.tag;
         if (tag == TAG_TLOC) {
             in_tloc_ = container_begins(cur_val_p);
         } else if (tag == TAG_COLOR && !in_tloc_) {
-            apply_leaf(kMatchColor, ctx_, entry_, cur_val_p, changed_);
+            return apply_leaf(kMatchColor, ctx_, entry_, cur_val_p, changed_);
         } else if (tloc_parts::is_part(tag)) {
             tloc_.read(cur_val_p);
-        } else {
-            apply_leaf(kMatchLeaves, ctx_, entry_, cur_val_p, changed_);
+        } else if (!pfx_list_.read(cur_val_p)) {
+            return apply_leaf(kMatchLeaves, ctx_, entry_, cur_val_p, changed_);
         }
+        return POL_CONFIG_OK;
     }
 
-    void apply()
+    int32_t apply()
     {
         if (tloc_.withdrawn()) {
             pol_entry_match_tloc_delete(ctx_, entry_, changed_);
@@ -416,6 +424,9 @@ public:
             tloc_.over(entry_->match_entry.match_tloc, &tloc);
             pol_entry_match_tloc_add(ctx_, entry_, &tloc, changed_);
         }
+        const mgmtd_tag_value_t *pfx_list = pfx_list_.outcome();
+        return pfx_list != nullptr ? apply_leaf(kMatchLeaves, ctx_, entry_, pfx_list, changed_)
+                                   : POL_CONFIG_OK;
     }
 
 private:
@@ -424,6 +435,7 @@ private:
     uint8_t *changed_;
     bool in_tloc_ = false;
     tloc_parts tloc_{true};
+    choice_leaves pfx_list_{kPfxListChoice};
 };
 
 e_pol_match_type match_type_of(uint32_t kind)
@@ -463,8 +475,8 @@ void read_route_action(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value
 }
 
 // OMP and OSPF tags set the same condition: the last of them wins.
-void read_route_tag(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cur_val_p,
-                    uint8_t *changed)
+int32_t read_route_tag(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cur_val_p,
+                       uint8_t *changed)
 {
     const bool omp = cur_val_p->tag.tag == TAG_OMP_TAG;
     if (removed(cur_val_p)) {
@@ -474,7 +486,7 @@ void read_route_tag(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t 
             POL_DBG(0, "zentrak_policy_ospf_tag delete");
         }
         pol_entry_match_tag_delete(ctx, entry, changed);
-        return;
+        return POL_CONFIG_OK;
     }
     const uint32_t tag = value_u32(cur_val_p);
     if (omp) {
@@ -482,7 +494,7 @@ void read_route_tag(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t 
     } else {
         POL_DBG(0, "zentrak_policy_ospf_tag %u", tag);
     }
-    pol_entry_match_tag_add(ctx, entry, tag, changed);
+    return status_of(pol_entry_match_tag_add(ctx, entry, tag, changed));
 }
 
 void read_route_metric(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cur_val_p,
@@ -499,49 +511,64 @@ void read_route_metric(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value
 }
 
 // Route policies match IPv4 prefix lists only.
-void read_route_pfx_list(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cur_val_p,
-                         uint8_t *changed)
+int32_t read_route_pfx_list(t_pol_ctx *ctx, t_pol_entry *entry,
+                            const mgmtd_tag_value_t *cur_val_p, uint8_t *changed)
 {
     if (removed(cur_val_p)) {
         POL_DBG(0, "zentrak_policy_prefix_list delete");
         pol_entry_match_pfx_list_delete(ctx, entry, changed);
-        return;
+        return POL_CONFIG_OK;
     }
     const t_pfx_list_key key = {POL_AF_IPV4, value_text(cur_val_p)};
     POL_DBG(0, "zentrak_policy_prefix_list %s", key.pfx_key_name_p);
-    pol_entry_match_pfx_list_add(ctx, entry, &key, changed);
+    return status_of(pol_entry_match_pfx_list_add(ctx, entry, &key, changed));
 }
 
-void read_route_seq_leaf(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cur_val_p,
-                         uint8_t *changed)
+int32_t read_route_seq_leaf(t_pol_ctx *ctx, t_pol_entry *entry,
+                            const mgmtd_tag_value_t *cur_val_p, uint8_t *changed)
 {
     switch (cur_val_p->tag.tag) {
     case TAG_ACTION:
         read_route_action(ctx, entry, cur_val_p, changed);
-        break;
+        return POL_CONFIG_OK;
     case TAG_OMP_TAG:
     case TAG_OSPF_TAG:
-        read_route_tag(ctx, entry, cur_val_p, changed);
-        break;
+        return read_route_tag(ctx, entry, cur_val_p, changed);
     case TAG_METRIC:
         read_route_metric(ctx, entry, cur_val_p, changed);
-        break;
+        return POL_CONFIG_OK;
     case TAG_ROUTE_PFX_LIST:
-        read_route_pfx_list(ctx, entry, cur_val_p, changed);
-        break;
+        return read_route_pfx_list(ctx, entry, cur_val_p, changed);
     default:
-        break;
+        return POL_CONFIG_OK;
     }
 }
 
-void read_membership_seq_leaf(t_pol_ctx *ctx, t_pol_entry *entry,
-                              const mgmtd_tag_value_t *cur_val_p, uint8_t *changed)
+// The leaves of a route-policy sequence; the tag, set by either of its
+// two leaves, is applied once the walk has seen both.
+int32_t read_route_seq(t_pol_ctx *ctx, t_pol_entry *entry, mgmtd_tag_value_t *val_p,
+                       uint32_t num_values, uint8_t *changed)
+{
+    choice_leaves tag{kRouteTagChoice};
+    const int32_t status =
+        walk_values(trace_form::policy, val_p, num_values, [&](const mgmtd_tag_value_t *cur_val_p) {
+            return tag.read(cur_val_p) ? POL_CONFIG_OK
+                                       : read_route_seq_leaf(ctx, entry, cur_val_p, changed);
+        });
+    if (status != POL_CONFIG_OK || tag.outcome() == nullptr) {
+        return status;
+    }
+    return read_route_seq_leaf(ctx, entry, tag.outcome(), changed);
+}
+
+int32_t read_membership_seq_leaf(t_pol_ctx *ctx, t_pol_entry *entry,
+                                 const mgmtd_tag_value_t *cur_val_p, uint8_t *changed)
 {
     if (cur_val_p->tag.tag == TAG_ACTION) {
         read_action(ctx, entry, cur_val_p, changed);
-    } else {
-        apply_leaf(kMembershipLeaves, ctx, entry, cur_val_p, changed);
+        return POL_CONFIG_OK;
     }
+    return apply_leaf(kMembershipLeaves, ctx, entry, cur_val_p, changed);
 }
 
 // Creating a route or membership sequence gives it its match kind at once;
@@ -575,7 +602,7 @@ int32_t pol_config_control_policy_read(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
     switch (read_policy(pol_ctx_p, keys.name, POL_TYPE_ROUTE, oper, val_p, num_values)) {
     case policy_outcome::not_created:
         POL_DBG(0, "Failed to create control policy - pol: %s", keys.name);
-        return POL_CONFIG_NOT_FOUND;
+        return POL_CONFIG_NO_MEMORY;
     case policy_outcome::not_found:
         POL_DBG(0, "Failed to find control policy - pol: %s", keys.name);
         return POL_CONFIG_NOT_FOUND;
@@ -605,7 +632,7 @@ int32_t pol_config_control_policy_seq_read(t_vmgmtd_context *, t_pol_ctx *pol_ct
     if (entry == nullptr && oper == MOP_CREATED) {
         POL_DBG(0, "Failed to create control policy entry - pol: %s, seq: %d", keys.name,
                 static_cast<int>(keys.seq));
-        return POL_CONFIG_NOT_FOUND;
+        return POL_CONFIG_NO_MEMORY;
     }
     if (entry == nullptr) {
         POL_DBG(0, "Failed to find control policy - pol: %s", keys.name);
@@ -618,7 +645,9 @@ int32_t pol_config_control_policy_seq_read(t_vmgmtd_context *, t_pol_ctx *pol_ct
     if (status != POL_CONFIG_OK) {
         return status;
     }
-    change.apply();
+    if (int32_t applied = change.apply(); applied != POL_CONFIG_OK) {
+        return applied;
+    }
     return notify_if_changed(pol_ctx_p, changed);
 }
 
@@ -642,10 +671,13 @@ int32_t pol_config_control_policy_match_read(t_vmgmtd_context *, t_pol_ctx *pol_
                             &changed);
     }
     control_match_change change(pol_ctx_p, entry, &changed);
-    walk_values(trace_form::policy, val_p, num_values,
-                [&](const mgmtd_tag_value_t *cur_val_p) { change.read(cur_val_p); });
-    change.apply();
-    return notify_if_changed(pol_ctx_p, changed);
+    int32_t status =
+        walk_values(trace_form::policy, val_p, num_values,
+                    [&](const mgmtd_tag_value_t *cur_val_p) { return change.read(cur_val_p); });
+    if (status == POL_CONFIG_OK) {
+        status = change.apply();
+    }
+    return status != POL_CONFIG_OK ? status : notify_if_changed(pol_ctx_p, changed);
 }
 
 // Users are deliberately not notified here: the next change that notifies
@@ -667,9 +699,8 @@ int32_t pol_config_control_policy_match_community_list_read(
     }
     POL_ASSERT(num_values > 0);
     trace_value(trace_form::policy, 0, &val_p[0]);
-    pol_entry_match_community_list_add(pol_ctx_p, entry, value_text(&val_p[0]), list_type,
-                                       &changed);
-    return POL_CONFIG_OK;
+    return status_of(pol_entry_match_community_list_add(pol_ctx_p, entry, value_text(&val_p[0]),
+                                                        list_type, &changed));
 }
 
 /* ---- route and membership policies ---- */
@@ -684,7 +715,7 @@ int32_t pol_config_route_policy_read(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, m
     switch (read_policy(pol_ctx_p, keys.name, POL_TYPE_ROUTE, oper, val_p, num_values)) {
     case policy_outcome::not_created:
         POL_DBG(0, "Failed to create route policy - pol: %s", keys.name);
-        return POL_CONFIG_NOT_FOUND;
+        return POL_CONFIG_NO_MEMORY;
     case policy_outcome::not_found:
         POL_LOG("Failed to find route policy: %s", keys.name);
         return POL_CONFIG_NOT_FOUND;
@@ -715,12 +746,10 @@ int32_t pol_config_route_policy_seq_read(t_vmgmtd_context *, t_pol_ctx *pol_ctx_
     if (entry == nullptr) {
         POL_DBG(0, "Failed to create route policy entry - pol: %s, seq: %d", keys.name,
                 static_cast<int>(keys.seq));
-        return POL_CONFIG_NOT_FOUND;
+        return POL_CONFIG_NO_MEMORY;
     }
-    walk_values(trace_form::policy, val_p, num_values, [&](const mgmtd_tag_value_t *cur_val_p) {
-        read_route_seq_leaf(pol_ctx_p, entry, cur_val_p, &changed);
-    });
-    return notify_if_changed(pol_ctx_p, changed);
+    const int32_t status = read_route_seq(pol_ctx_p, entry, val_p, num_values, &changed);
+    return status != POL_CONFIG_OK ? status : notify_if_changed(pol_ctx_p, changed);
 }
 
 int32_t pol_config_membership_policy_read(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
@@ -734,7 +763,7 @@ int32_t pol_config_membership_policy_read(t_vmgmtd_context *, t_pol_ctx *pol_ctx
     switch (read_policy(pol_ctx_p, keys.name, POL_TYPE_MEMBERSHIP, oper, val_p, num_values)) {
     case policy_outcome::not_created:
         POL_DBG(0, "Failed to create membership policy - pol: %s", keys.name);
-        return POL_CONFIG_NOT_FOUND;
+        return POL_CONFIG_NO_MEMORY;
     case policy_outcome::not_found:
         POL_DBG(0, "Failed to find membership policy - pol: %s", keys.name);
         return POL_CONFIG_NOT_FOUND;
@@ -765,12 +794,13 @@ int32_t pol_config_membership_policy_seq_read(t_vmgmtd_context *, t_pol_ctx *pol
     if (entry == nullptr) {
         POL_DBG(0, "Failed to create membership policy entry - pol: %s, seq: %d", keys.name,
                 static_cast<int>(keys.seq));
-        return POL_CONFIG_NOT_FOUND;
+        return POL_CONFIG_NO_MEMORY;
     }
-    walk_values(trace_form::policy, val_p, num_values, [&](const mgmtd_tag_value_t *cur_val_p) {
-        read_membership_seq_leaf(pol_ctx_p, entry, cur_val_p, &changed);
-    });
-    return notify_if_changed(pol_ctx_p, changed);
+    const int32_t status =
+        walk_values(trace_form::policy, val_p, num_values, [&](const mgmtd_tag_value_t *cur_val_p) {
+            return read_membership_seq_leaf(pol_ctx_p, entry, cur_val_p, &changed);
+        });
+    return status != POL_CONFIG_OK ? status : notify_if_changed(pol_ctx_p, changed);
 }
 
 }  // extern "C"

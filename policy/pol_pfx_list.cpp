@@ -55,6 +55,40 @@ t_pfx_entry prefix_probe(const t_pfx_entry_param *param)
     return probe;
 }
 
+// The routes an entry can match lie inside its prefix, so their lengths run
+// from the prefix's own length to the width of its family. A condition is
+// refused when a bound lies beyond that width, when its lower bound exceeds
+// its upper one, or when the bound the operator reads lies below the
+// prefix's own length (the condition would then refuse every route inside
+// the prefix, or say nothing). Operators that read no bound (none, eq, ne
+// and unknown ones) only need bounds within the width.
+bool condition_fits(const t_pfx_entry_param *param)
+{
+    const unsigned width = IPPREFIX_IS_V4(&param->prefix) ? 32 : 128;
+    const unsigned own = param->prefix.prefixlen;
+    const unsigned min = param->preflen_min;
+    const unsigned max = param->preflen_max;
+    if (own > width || min > width || max > width) {
+        return false;
+    }
+    switch (param->pfx_op) {
+    case PFX_OP_RANGE:
+        return own <= min && min <= max;
+    case PFX_OP_XRANGE:
+        return own <= min + 1 && min < max;
+    case PFX_OP_LE:
+        return own <= max;
+    case PFX_OP_LT:
+        return own < min;
+    case PFX_OP_GE:
+        return own <= min;
+    case PFX_OP_GT:
+        return own <= min && min < width;
+    default:
+        return true;
+    }
+}
+
 void set_condition(t_pfx_entry *entry, const t_pfx_entry_param *param)
 {
     entry->pfx_op = param->pfx_op;
@@ -103,10 +137,13 @@ bool pol_pfx_list_is_empty(const t_pfx_list *list)
 }
 
 // A prefix already in the list keeps its place and takes the new operator
-// and bounds. Bounds are stored as given: they are not checked against each
-// other, the family's width or the operator.
+// and bounds. A condition that does not fit the prefix (condition_fits) is
+// refused with ERR_BAD_PARAM and changes nothing.
 e_err pol_pfx_list_entry_add(t_pol_ctx *ctx, const t_pfx_list_key *key, const t_pfx_entry_param *param)
 {
+    if (!condition_fits(param)) {
+        return ERR_BAD_PARAM;
+    }
     t_pfx_list *list = nullptr;
     if (t_pfx_entry *entry = pol_pfx_list_find_entry(ctx, key, param, &list)) {
         set_condition(entry, param);

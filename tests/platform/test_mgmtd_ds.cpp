@@ -307,9 +307,10 @@ TEST_F(DatastoreTest, NestedListsHandTheirKeysOutermostFirst)
       <expanded-community-list><name>exp</name><entry><pattern>^65000:.*</pattern></entry>
       </expanded-community-list></lists>
     <control-policy><name>hs</name><sequence><seq>5</seq>
-      <match><kind>tloc</kind><community-list><name>std</name></community-list>
-        <expanded-community-list><name>exp</name></expanded-community-list></match>
-      <action>reject</action></sequence></control-policy>)");
+      <match><kind>tloc</kind><community-list><name>std</name></community-list></match>
+      <action>reject</action></sequence><sequence><seq>6</seq>
+      <match><kind>tloc</kind><expanded-community-list><name>exp</name></expanded-community-list>
+      </match><action>reject</action></sequence></control-policy>)");
     const Calls want = {
         "tloc-list create [hubs]",
         "tloc-list-entry create [hubs 2001:db8::1 11 1] preference:u32=5",
@@ -325,7 +326,9 @@ TEST_F(DatastoreTest, NestedListsHandTheirKeysOutermostFirst)
         "control-sequence create [hs 5] action:enum=1 set{ additive:bool=false }",
         "control-match create [hs 5 1]",
         "control-match-community-list create [hs 5 1] name:buf=std arg=1",
-        "control-match-expanded-community-list create [hs 5 1] name:buf=exp arg=2",
+        "control-sequence create [hs 6] action:enum=1 set{ additive:bool=false }",
+        "control-match create [hs 6 1]",
+        "control-match-expanded-community-list create [hs 6 1] name:buf=exp arg=2",
     };
     EXPECT_EQ(calls, want);
 }
@@ -358,7 +361,7 @@ TEST_F(DatastoreTest, InvalidInputChangesAndDeliversNothing)
          "</lists>",
          ":2: Node \"colour\" not found"},
         {"<lists><site-list><name>x</name><site><range>1a</range></site></site-list></lists>",
-         ":2: Unsatisfied pattern"},
+         ":2: an id is a number from 0 to 4294967295 without leading zeros"},
         {"<lists><site-list><name>x</name><site><range>1</range></site></site-list>\n"
          "<site-list><name>x</name><site><range>2</range></site></site-list></lists>",
          ":3: Duplicate instance of \"site-list\""},

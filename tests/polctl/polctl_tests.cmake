@@ -52,6 +52,17 @@ foreach(bad
     "wrong-type.json|:8: Value \"-5\" is out of type uint32"
     # libyang checks must constraints on the parsed tree: the data path, no line
     "must.xml|: ge must not exceed le \\(at /zen-policy:policy/lists/prefix-list\\[name='corp'\\]/entry"
+    "prefix-length-below.xml|: ge, le and eq must not be below the prefix length \\(at /zen-policy:policy/lists/prefix-list"
+    # leaves of one choice feed one condition or action: one of them at a time
+    "choice-route-tag.xml|:9: Data for both cases \"omp-tag\" and \"ospf-tag\" exist"
+    "choice-prefix-lists.xml|:14: Data for both cases \"prefix-list\" and \"ipv6-prefix-list\" exist"
+    "choice-community-lists.xml|:14: Data for both cases \"community-list\" and \"expanded-community-list\" exist"
+    "choice-steering.xml|:16: Data for both cases \"tloc-list\" and \"service\" exist"
+    # conditions the match's kind of route does not carry
+    "kind-vpn-on-tloc.xml|: a TLOC route has no VPN: vpn does not apply to tloc matches"
+    "kind-prefix-list-on-service.xml|: a prefix list applies to route matches only, not to tloc or service matches"
+    # an id that would wrap in 32 bits
+    "range-wraps.xml|:5: an id is a number from 0 to 4294967295 without leading zeros"
     # an empty or blank file is no configuration (the empty one is <policy/>)
     "empty.xml|:1: no configuration: the file is empty"
     "blank.xml|:3: no configuration: the file is blank"

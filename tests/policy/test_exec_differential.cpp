@@ -815,7 +815,7 @@ const prefix_case kPrefixCases[] = {
     {V4, "0.0.0.0/0", RANGE, 8, 24, "10.0.0.0/8", true},   {V4, "0.0.0.0/0", RANGE, 8, 24, "10.0.0.0/7", false},
     {V4, "0.0.0.0/0", RANGE, 8, 24, "10.0.0.0/25", false}, {V4, "::/0", GE, 0, 0, "10.0.0.0/8", true},
     {V4, "::/0", NE, 0, 0, "10.0.0.0/8", false},           {V4, "::/0", NONE, 0, 0, "10.0.0.0/8", false},
-    {V6, "0.0.0.0/0", LE, 0, 64, "2001:db8::/32", true},   {V6, "0.0.0.0/0", NE, 0, 0, "2001:db8::/32", false},
+    {V6, "0.0.0.0/0", LE, 0, 32, "2001:db8::/32", true},   {V6, "0.0.0.0/0", NE, 0, 0, "2001:db8::/32", false},
     {V6, "0.0.0.0/0", EQ, 0, 0, "::/0", false},            {V6, "::/0", LE, 0, 64, "2001:db8:1::/48", true},
     // NONE, EQ and NE compare with the entry's own length.
     {V4, "10.0.0.0/8", NE, 0, 0, "10.1.0.0/16", true},     {V4, "10.0.0.0/8", NE, 0, 0, "11.0.0.0/16", false},
@@ -831,9 +831,8 @@ const prefix_case kPrefixCases[] = {
     {V4, "10.0.0.0/8", RANGE, 8, 32, "11.1.0.0/16", false}, {V4, "10.0.0.0/8", XRANGE, 16, 24, "10.1.0.0/16", false},
     {V4, "10.0.0.0/8", XRANGE, 16, 24, "10.1.0.0/17", true}, {V4, "10.0.0.0/8", XRANGE, 16, 24, "10.1.1.0/24", false},
     {V4, "10.0.0.0/8", 9, 0, 32, "10.1.1.0/24", false},
-    // Host bits of the entry do not count; a length past the width is a host route.
-    {V4, "10.1.2.3/8", LE, 0, 32, "10.200.0.0/16", true},  {V4, "10.0.0.0/8", LE, 0, 40, "10.1.1.1/35", true},
-    {V4, "10.0.0.0/35", GE, 0, 0, "10.0.0.0/32", true},    {V4, "10.0.0.0/35", GE, 0, 0, "10.0.0.1/32", false},
+    // Host bits of the entry do not count (lengths past the width are refused by the store).
+    {V4, "10.1.2.3/8", LE, 0, 32, "10.200.0.0/16", true},
     // The list's family, then the entry's, must be the route's.
     {V4, "2001:db8::/32", LE, 0, 128, "10.0.0.0/8", false}, {V6, "0.0.0.0/0", GE, 0, 0, "10.0.0.0/8", false},
     {V6, "2001:db8::/32", LE, 0, 64, "2001:db8:1::/48", true},

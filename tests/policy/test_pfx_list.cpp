@@ -118,10 +118,10 @@ TEST_F(PfxList, PrefixAloneIdentifiesAnEntry)
     ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &k, &other), ERR_OK);
     const uint64_t generation = list->generation;
 
-    // The operator and bounds are overwritten in place, unchecked.
-    const t_pfx_entry_param le = pfx("10.0.0.0/8", PFX_OP_LE, 40, 24);
+    // The operator and bounds are overwritten in place.
+    const t_pfx_entry_param le = pfx("10.0.0.0/8", PFX_OP_LE, 0, 24);
     ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &k, &le), ERR_OK);
-    EXPECT_EQ(entries(list), (Texts{"10.0.0.0/8 LE 40-24", "172.16.0.0/12 UNKNOWN 0-0"}));
+    EXPECT_EQ(entries(list), (Texts{"10.0.0.0/8 LE 0-24", "172.16.0.0/12 UNKNOWN 0-0"}));
     EXPECT_EQ(calls, 3);
     EXPECT_NE(list->generation, generation);
 
@@ -144,6 +144,59 @@ TEST_F(PfxList, PrefixAloneIdentifiesAnEntry)
     unmatch(seq);
 }
 
+// The routes an entry sees run from its own length to its family's width:
+// a bound beyond the width, a lower bound above the upper or a bound the
+// operator reads below the prefix's length is refused, and changes nothing.
+TEST_F(PfxList, ConditionsThatDoNotFitThePrefixAreRefused)
+{
+    struct {
+        const char *prefix;
+        e_pfx_op op;
+        uint8_t min, max;
+        bool fits;
+    } const cases[] = {
+        {"10.0.0.0/16", PFX_OP_RANGE, 16, 16, true},   {"10.0.0.0/16", PFX_OP_RANGE, 24, 20, false},
+        {"10.0.0.0/16", PFX_OP_RANGE, 8, 24, false},   {"10.0.0.0/16", PFX_OP_RANGE, 24, 33, false},
+        {"10.0.0.0/16", PFX_OP_XRANGE, 15, 17, true},  {"10.0.0.0/16", PFX_OP_XRANGE, 20, 20, false},
+        {"10.0.0.0/16", PFX_OP_LE, 0, 16, true},       {"10.0.0.0/16", PFX_OP_LE, 0, 8, false},
+        {"10.0.0.0/16", PFX_OP_LE, 40, 24, false},     {"10.0.0.0/16", PFX_OP_LT, 17, 0, true},
+        {"10.0.0.0/16", PFX_OP_LT, 16, 0, false},      {"10.0.0.0/16", PFX_OP_GE, 16, 0, true},
+        {"10.0.0.0/16", PFX_OP_GE, 8, 0, false},       {"10.0.0.0/16", PFX_OP_GE, 33, 0, false},
+        {"10.0.0.0/16", PFX_OP_GT, 31, 0, true},       {"10.0.0.0/16", PFX_OP_GT, 32, 0, false},
+        {"10.0.0.0/16", PFX_OP_EQ, 0, 0, true},        {"10.0.0.0/33", PFX_OP_NONE, 0, 0, false},
+        {"0.0.0.0/0", PFX_OP_RANGE, 8, 24, true},      {"2001:db8::/32", PFX_OP_LE, 0, 128, true},
+        {"2001:db8::/32", PFX_OP_LE, 0, 129, false},   {"2001:db8::/32", PFX_OP_GE, 31, 0, false},
+    };
+    const t_pfx_list_key k = key("bounds");
+    int calls = 0;
+    register_user("P1", "P1", POL_TYPE_ROUTE, POL_DIR_OUT, count_cb, &calls);
+    t_pol_match_entry *seq = match_on("P1", 10, k);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.prefix) + " " + pol_util_pfx_op_str(c.op) + " " + std::to_string(c.min) +
+                     "-" + std::to_string(c.max));
+        const t_pfx_entry_param plain = pfx(c.prefix), cond = pfx(c.prefix, c.op, c.min, c.max);
+        pol_pfx_list_del_entry(ctx_, &k, &plain);
+        EXPECT_EQ(pol_pfx_list_entry_add(ctx_, &k, &cond), c.fits ? ERR_OK : ERR_BAD_PARAM);
+        EXPECT_EQ(pol_pfx_list_find_entry(ctx_, &k, &cond, nullptr) != nullptr, c.fits);
+        if (c.fits || c.op == PFX_OP_NONE) {
+            continue;
+        }
+        // A refused rewrite keeps the stored condition and notifies nobody.
+        ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &k, &plain), ERR_OK);
+        calls = 0;
+        EXPECT_EQ(pol_pfx_list_entry_add(ctx_, &k, &cond), ERR_BAD_PARAM);
+        EXPECT_EQ(pol_pfx_list_find_entry(ctx_, &k, &cond, nullptr)->pfx_op, PFX_OP_NONE);
+        EXPECT_EQ(calls, 0);
+    }
+    // A refused entry of a list nobody names creates no list.
+    const t_pfx_list_key fresh = key("fresh");
+    const t_pfx_entry_param wide = pfx("10.0.0.0/8", PFX_OP_GE, 40);
+    EXPECT_EQ(pol_pfx_list_entry_add(ctx_, &fresh, &wide), ERR_BAD_PARAM);
+    EXPECT_EQ(pol_pfx_list_find(ctx_, &fresh), nullptr);
+    pol_pfx_list_cfg_del(ctx_, &k);
+    unmatch(seq);
+}
+
 TEST_F(PfxList, IndexAgreesWithQueue)
 {
     std::vector<t_pfx_entry_param> pool;
@@ -155,9 +208,11 @@ TEST_F(PfxList, IndexAgreesWithQueue)
     }
     const t_pfx_list_key k = key("churn");
     t_pfx_entry_param p;
-    auto with_op = [&](std::size_t i, uint32_t op) {
+    auto with_op = [&](std::size_t i, uint32_t op) {  // bounds that fit every operator
         p = pool[i];
         p.pfx_op = static_cast<e_pfx_op>(op);
+        p.preflen_min = static_cast<uint8_t>(p.prefix.prefixlen + 1);
+        p.preflen_max = IPPREFIX_IS_V4(&p.prefix) ? 32 : 128;
         return &p;
     };
     check_index_against_queue(

@@ -4,6 +4,8 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
+#include <functional>
+#include <regex>
 #include <string>
 #include <tuple>
 
@@ -90,6 +92,24 @@ protected:
         return block != nullptr ? pol_entry_find(ctx_, block, seq, nullptr) : nullptr;
     }
 
+    // A context of its own, as after pol_init.
+    void fresh_context()
+    {
+        destroy_context();
+        t_pol_init_params params{};
+        ctx_ = pol_init(&params);
+        ASSERT_NE(ctx_, nullptr);
+    }
+
+    // Every policy and list of the context as the dumps print them, without
+    // the addresses of the records.
+    static std::string model()
+    {
+        static const std::regex address("(0x)+[0-9a-fA-F]+|\\(nil\\)");
+        const std::string text = poltest::dump([](mgmtd_cli_user_info *u) { pol_dump_all(u, 0, nullptr); });
+        return std::regex_replace(text, address, "@");
+    }
+
     t_vmgmtd_context host_{};
     values none_;
 };
@@ -109,24 +129,31 @@ TEST_F(ConfigTest, SiteAndVpnRanges)
     EXPECT_EQ(call(pol_config_policy_site_list, MOP_DELETED, none_, "S", "10-20"), 0);
     EXPECT_EQ(pol_site_list_find_entry(ctx_, "S", 10, 20), nullptr);
 
-    EXPECT_EQ(call(pol_config_policy_vpn_list, MOP_CREATED, none_, "V", "4294967296"), 0);
+    EXPECT_EQ(call(pol_config_policy_vpn_list, MOP_CREATED, none_, "V", "4294967295"), 0);
     EXPECT_EQ(call(pol_config_policy_vpn_list, MOP_CREATED, none_, "V", "7-9"), 0);
-    EXPECT_TRUE(pol_vpn_list_find_entry(ctx_, "V", 0, 0) && pol_vpn_list_find_entry(ctx_, "V", 7, 9));
+    EXPECT_TRUE(pol_vpn_list_find_entry(ctx_, "V", UINT32_MAX, UINT32_MAX) && pol_vpn_list_find_entry(ctx_, "V", 7, 9));
     EXPECT_EQ(call(pol_config_policy_site_list_name, MOP_DELETED, none_, "S"), 0);
     EXPECT_EQ(call(pol_config_policy_vpn_list_name, MOP_MODIFIED, none_, "V"), 0);
     EXPECT_EQ(pol_site_list_find(ctx_, "S"), nullptr);
     EXPECT_NE(pol_vpn_list_find(ctx_, "V"), nullptr);
 
+    // Numbers that would wrap in the lists' 32 bits are no range either.
     LogCapture log;
     for (mgmtd_iter_op op : {MOP_CREATED, MOP_DELETED}) {
         EXPECT_EQ(call(pol_config_policy_site_list, op, none_, "T", "abc"), -1);
         EXPECT_EQ(call(pol_config_policy_site_list, op, none_, "T", ""), -1);
         EXPECT_EQ(call(pol_config_policy_vpn_list, op, none_, "W", "x-1"), -1);
+        for (const char *id : {"4294967297", "1-4294967296", "-5", "10-", "10-20x", "99999999999999999999"}) {
+            EXPECT_EQ(call(pol_config_policy_site_list, op, none_, "T", id), -1) << id;
+            EXPECT_EQ(call(pol_config_policy_vpn_list, op, none_, "W", id), -1) << id;
+        }
     }
     EXPECT_TRUE(logged(log, "Invalid site list range abc in list T"));
     EXPECT_TRUE(logged(log, "Invalid site list range  in list T"));
     EXPECT_TRUE(logged(log, "Invalid vpn list range x-1 in list W"));
-    EXPECT_EQ(log.lines.size(), 6u);
+    EXPECT_TRUE(logged(log, "Invalid site list range 4294967297 in list T"));
+    EXPECT_TRUE(logged(log, "Invalid vpn list range 1-4294967296 in list W"));
+    EXPECT_EQ(log.lines.size(), 30u);
     EXPECT_TRUE(pol_site_list_find(ctx_, "T") == nullptr && pol_vpn_list_find(ctx_, "W") == nullptr);
 }
 
@@ -204,6 +231,19 @@ TEST_F(ConfigTest, PrefixLengthLeavesMakeTheCondition)
     }
     const t_pfx_entry *only = TAILQ_FIRST(&pol_pfx_list_find(ctx_, &v4)->pfx_entry_head);
     EXPECT_EQ(TAILQ_NEXT(only, pfx_entry), nullptr);  // updated in place, never added twice
+
+    // Lengths that do not fit the prefix are refused and leave the entry as it was.
+    LogCapture log;
+    values below, beyond, crossed;
+    below.u8(TAG_PREFLEN_MAX, 8);
+    beyond.u8(TAG_PREFLEN_EXACT, 33);
+    crossed.u8(TAG_PREFLEN_MIN, 28).u8(TAG_PREFLEN_MAX, 24);
+    for (values *v : {&below, &beyond, &crossed}) {
+        EXPECT_EQ(run(pol_config_policy_prefix_list, MOP_MODIFIED, k, *v), 1);
+        EXPECT_EQ(pol_pfx_list_find_entry(ctx_, &v4, &probe, nullptr)->pfx_op, PFX_OP_LE);
+    }
+    EXPECT_TRUE(logged(log, "Invalid prefix lengths 0-8 for 10.1.0.0/16 in list PL"));
+    EXPECT_TRUE(logged(log, "Invalid prefix lengths 28-24 for 10.1.0.0/16 in list PL"));
 
     keys k6;
     k6.text("PL").ipv6_prefix("2001:db8::", 32);
@@ -420,6 +460,145 @@ TEST_F(ConfigTest, RouteAndMembershipSequences)
     EXPECT_EQ(e->entry_action, POL_ACTION_ACCEPT);
     call(pol_config_membership_policy_seq_read, MOP_DELETED, none_, "M", 5u);
     EXPECT_EQ(entry_of("M", 5, POL_TYPE_MEMBERSHIP), nullptr);
+}
+
+// Leaves of one schema choice feed one condition. A change that switches
+// from one to the other removes the old leaf and sets the new one: the leaf
+// set wins in either order, and a removal alone removes the condition.
+TEST_F(ConfigTest, SwitchingBetweenLeavesOfOneChoiceKeepsTheNewValue)
+{
+    call(pol_config_route_policy_read, MOP_CREATED, none_, "R");
+    call(pol_config_route_policy_seq_read, MOP_CREATED, none_, "R", 1u);
+    call(pol_config_control_policy_read, MOP_CREATED, none_, "P");
+    call(pol_config_control_policy_seq_read, MOP_CREATED, none_, "P", 1u);
+    match(MOP_CREATED, 1, 0, none_);
+    t_pol_entry *route = entry_of("R", 1), *control = entry_of("P", 1);
+    struct {
+        void (*leaves)(values &);
+        bool tag;           // the route sequence's tag, else the control match's prefix list
+        uint32_t tag_value; // 0: no tag condition
+        e_pol_af af;        // POL_AF_MAX: no prefix-list condition
+    } const cases[] = {
+        {[](values &v) { v.u32(TAG_OSPF_TAG, 9); }, true, 9, POL_AF_MAX},
+        {[](values &v) { v.removed(TAG_OSPF_TAG).u32(TAG_OMP_TAG, 5); }, true, 5, POL_AF_MAX},
+        {[](values &v) { v.u32(TAG_OSPF_TAG, 6).removed(TAG_OMP_TAG); }, true, 6, POL_AF_MAX},
+        {[](values &v) { v.u32(TAG_OMP_TAG, 10).u32(TAG_OSPF_TAG, 20); }, true, 20, POL_AF_MAX},
+        {[](values &v) { v.removed(TAG_OSPF_TAG); }, true, 0, POL_AF_MAX},
+        {[](values &v) { v.text(TAG_PFX_LIST_IPV4, "L"); }, false, 0, POL_AF_IPV4},
+        {[](values &v) { v.removed(TAG_PFX_LIST_IPV4).text(TAG_PFX_LIST_IPV6, "L"); }, false, 0, POL_AF_IPV6},
+        {[](values &v) { v.text(TAG_PFX_LIST_IPV4, "L").removed(TAG_PFX_LIST_IPV6); }, false, 0, POL_AF_IPV4},
+        {[](values &v) { v.removed(TAG_PFX_LIST_IPV4); }, false, 0, POL_AF_MAX},
+    };
+    for (const auto &c : cases) {
+        values v;
+        c.leaves(v);
+        if (c.tag) {
+            ASSERT_EQ(call(pol_config_route_policy_seq_read, MOP_MODIFIED, v, "R", 1u), 0);
+            EXPECT_EQ((route->entry_match_flags & POL_MATCH_FLAG_TAG) != 0, c.tag_value != 0);
+            EXPECT_EQ(route->match_entry.match_tag, c.tag_value);
+            continue;
+        }
+        ASSERT_EQ(match(MOP_MODIFIED, 1, 0, v), 0);
+        const t_pfx_list *list = control->match_entry.match_pfx_list_p;
+        EXPECT_EQ((control->entry_match_flags & POL_MATCH_FLAG_PFX_LIST) != 0, c.af != POL_AF_MAX);
+        EXPECT_EQ(list != nullptr ? list->pfx_af : POL_AF_MAX, c.af);
+    }
+    const t_pfx_list_key v4 = {POL_AF_IPV4, "L"}, v6 = {POL_AF_IPV6, "L"};
+    EXPECT_TRUE(pol_pfx_list_find(ctx_, &v4) == nullptr && pol_pfx_list_find(ctx_, &v6) == nullptr);
+}
+
+// Every reader reports a store operation that found no memory with status
+// 2, so that the host stops the commit and delivers the change again; the
+// change delivered again leaves the model that it leaves without a failure.
+TEST_F(ConfigTest, ExhaustedMemoryIsReportedAndRedeliveryCompletesTheChange)
+{
+    keys tloc_key, pfx_key;
+    tloc_key.text("T").ipv4("10.0.0.1").enum_value(3).enum_value(1);
+    pfx_key.text("PL").ipv4_prefix("10.1.0.0", 16);
+    values pref, lengths, dflt, seq, conditions, community, route, members;
+    pref.u32(TAG_PREFERENCE, 5);
+    lengths.u8(TAG_PREFLEN_MAX, 24);
+    dflt.enum_leaf(TAG_DEFAULT_ACTION, 0);
+    seq.enum_leaf(TAG_ACTION, 0).u32(TAG_PREFERENCE, 1).text(TAG_VPN_LIST, "V").text(TAG_TLOC_LIST, "T");
+    seq.texts(TAG_COMMUNITY, {"65000:1"});
+    conditions.text(TAG_SITE_LIST, "S").u32(TAG_OMP_TAG, 3).text(TAG_VPN_LIST, "V").text(TAG_TLOC_LIST, "T");
+    conditions.text(TAG_COLOR_LIST, "C").text(TAG_PFX_LIST_IPV4, "PL");
+    community.text(0x11111111, "CL");
+    route.enum_leaf(TAG_ACTION, 0).u32(TAG_OMP_TAG, 4).text(TAG_ROUTE_PFX_LIST, "PL");
+    members.text(TAG_VPN_LIST, "V").u32(TAG_VPN, 3);
+
+    auto nothing = [] {};
+    auto control_seq = [&] {
+        call(pol_config_control_policy_read, MOP_CREATED, dflt, "P");
+        call(pol_config_control_policy_seq_read, MOP_CREATED, none_, "P", 10u);
+        match(MOP_CREATED, 10, 0, none_);
+    };
+    using change = std::function<int32_t()>;
+    const change site = [&] { return call(pol_config_policy_site_list, MOP_CREATED, none_, "S", "1-9"); };
+    const change vpn = [&] { return call(pol_config_policy_vpn_list, MOP_CREATED, none_, "V", "7"); };
+    const change tloc = [&] { return run(pol_config_policy_tloc_list, MOP_CREATED, tloc_key, pref); };
+    const change color = [&] { return call(pol_config_policy_color_list, MOP_CREATED, none_, "C", 5); };
+    const change pfx = [&] { return run(pol_config_policy_prefix_list, MOP_CREATED, pfx_key, lengths); };
+    const change control = [&] { return call(pol_config_control_policy_read, MOP_CREATED, dflt, "P"); };
+    const change route_pol = [&] { return call(pol_config_route_policy_read, MOP_CREATED, dflt, "R"); };
+    const change member_pol = [&] { return call(pol_config_membership_policy_read, MOP_CREATED, dflt, "M"); };
+    const change control_seq_set = [&] { return call(pol_config_control_policy_seq_read, MOP_CREATED, seq, "P", 20u); };
+    const change control_match = [&] { return match(MOP_MODIFIED, 10, 0, conditions); };
+    const change community_match = [&] {
+        return call([](auto... a) { return pol_config_control_policy_match_community_list_read(a..., kStd); },
+                    MOP_CREATED, community, "P", 10u, 0);
+    };
+    const change route_seq = [&] { return call(pol_config_route_policy_seq_read, MOP_CREATED, route, "R", 1u); };
+    const change member_seq = [&] { return call(pol_config_membership_policy_seq_read, MOP_CREATED, members, "M", 1u); };
+    struct {
+        const char *reader;
+        std::function<void()> before;
+        const change &deliver;
+        e_pol_mem row;
+    } const cases[] = {
+        {"site-list entry", nothing, site, POL_MEM_LIST_SITE},
+        {"site-list entry", nothing, site, POL_MEM_ENTRY_SITE},
+        {"vpn-list entry", nothing, vpn, POL_MEM_LIST_VPN},
+        {"vpn-list entry", nothing, vpn, POL_MEM_ENTRY_VPN},
+        {"tloc-list entry", nothing, tloc, POL_MEM_LIST_TLOC},
+        {"tloc-list entry", nothing, tloc, POL_MEM_ENTRY_TLOC},
+        {"colour-list entry", nothing, color, POL_MEM_LIST_COLOR},
+        {"colour-list entry", nothing, color, POL_MEM_ENTRY_COLOR},
+        {"prefix-list entry", nothing, pfx, POL_MEM_LIST_PREFIX},
+        {"prefix-list entry", nothing, pfx, POL_MEM_ENTRY_PREFIX},
+        {"control policy", nothing, control, POL_MEM_BLOCK},
+        {"route policy", nothing, route_pol, POL_MEM_BLOCK},
+        {"membership policy", nothing, member_pol, POL_MEM_BLOCK},
+        {"control sequence", control_seq, control_seq_set, POL_MEM_ENTRY},
+        {"control sequence", control_seq, control_seq_set, POL_MEM_LIST_VPN},
+        {"control sequence", control_seq, control_seq_set, POL_MEM_LIST_TLOC},
+        {"control sequence", control_seq, control_seq_set, POL_MEM_SET_COMMUNITY},
+        {"control match", control_seq, control_match, POL_MEM_LIST_SITE},
+        {"control match", control_seq, control_match, POL_MEM_LIST_VPN},
+        {"control match", control_seq, control_match, POL_MEM_LIST_TLOC},
+        {"control match", control_seq, control_match, POL_MEM_LIST_COLOR},
+        {"control match", control_seq, control_match, POL_MEM_LIST_PREFIX},
+        {"community-list match", control_seq, community_match, POL_MEM_LIST_COMMUNITY},
+        {"route sequence", [&] { route_pol(); }, route_seq, POL_MEM_ENTRY},
+        {"route sequence", [&] { route_pol(); }, route_seq, POL_MEM_LIST_PREFIX},
+        {"membership sequence", [&] { member_pol(); }, member_seq, POL_MEM_ENTRY},
+        {"membership sequence", [&] { member_pol(); }, member_seq, POL_MEM_LIST_VPN},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.reader) + ", no memory for " + g_pol_mem_info[c.row].desc);
+        fresh_context();
+        c.before();
+        ASSERT_EQ(c.deliver(), 0);
+        const std::string whole = model();
+        fresh_context();
+        c.before();
+        {
+            poltest::AllocFailure fail(c.row);
+            EXPECT_EQ(c.deliver(), 2);
+        }
+        EXPECT_EQ(c.deliver(), 0);
+        EXPECT_EQ(model(), whole);
+    }
 }
 
 TEST_F(ConfigTest, UsersAreNotifiedOncePerCallbackThatChangedSomething)
