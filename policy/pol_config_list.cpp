@@ -9,6 +9,7 @@
 #include <zen/zen_util.h>
 
 #include "pol_config_internal.hpp"
+#include "pol_match.hpp"
 
 using namespace pol::config;
 
@@ -109,7 +110,7 @@ public:
             param.preflen_min = exact_len_;
             param.preflen_max = exact_len_;
         }
-        param.pfx_op = op_of(param.preflen_min, param.preflen_max);
+        param.pfx_op = pol::pfx_op_of_bounds(param.preflen_min, param.preflen_max);
     }
 
 private:
@@ -119,17 +120,6 @@ private:
     {
         len = removed(cur_val_p) ? 0 : value_u8(cur_val_p);
         given = given || !removed(cur_val_p);
-    }
-
-    static e_pfx_op op_of(uint8_t min, uint8_t max)
-    {
-        if (min != 0 && max != 0) {
-            return PFX_OP_RANGE;
-        }
-        if (max != 0) {
-            return PFX_OP_LE;
-        }
-        return min != 0 ? PFX_OP_GE : PFX_OP_EQ;
     }
 
     uint8_t min_ = 0;
