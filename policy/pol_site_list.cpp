@@ -153,7 +153,7 @@ e_err pol_site_list_add_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id,
     entry->min_site_id = min_id;
     entry->max_site_id = max_id;
     site_lists::link_entry(list, entry);
-    site_lists::users_add_to_chg_list(ctx, list);
+    pol_site_list_users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -166,7 +166,7 @@ e_err pol_site_list_del_entry(t_pol_ctx *ctx, const char *name, uint32_t min_id,
         return ERR_OK;
     }
     site_lists::entry_remove(ctx, list, entry);
-    site_lists::users_add_to_chg_list(ctx, list);
+    pol_site_list_users_add_to_chg_list(ctx, list);
     return ERR_OK;
 }
 
@@ -256,6 +256,8 @@ e_err pol_site_list_user_remove(t_pol_ctx *ctx, t_pol_list_user *list_user)
     return ERR_OK;
 }
 
+// Every notification of a site list goes through here, so that the list
+// outlives whatever its watcher's callback releases.
 void pol_site_list_users_add_to_chg_list(t_pol_ctx *ctx, t_site_list *list)
 {
     notification self = {list, false, g_notifications};
