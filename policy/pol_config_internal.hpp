@@ -98,6 +98,13 @@ void trace_values(mgmtd_tag_value_t *val_p, uint32_t num_values);
 // Flushes the change queue when the callback changed something.
 int32_t notify_if_changed(t_pol_ctx *ctx, uint8_t changed);
 
+// Keeps the reason of a failing callback for pol_config_error; returns status.
+int32_t keep_error(int32_t status, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// A callback fails with status: the reason is logged and kept for the host.
+#define POL_CONFIG_FAIL(status, fmt, ...) \
+    (POL_LOG(fmt, ##__VA_ARGS__), pol::config::keep_error(status, fmt, ##__VA_ARGS__))
+
 /* ---- TLOCs ---- */
 
 // The parts of a TLOC that one change names. A removed encapsulation reads
