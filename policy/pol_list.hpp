@@ -9,8 +9,9 @@
 // traits record; each family's source file adds only what differs and the
 // thin C functions under the family's own names.
 //
-// Entries of the tail-queue families sit both in the insertion-ordered
-// queue (dumps and matching visit that order) and in an identity index (an
+// Entries of the tail-queue families sit both in the queue (dumps and
+// matching visit its order: insertion order, unless a family links its
+// entries otherwise, as the TLOC list does) and in an identity index (an
 // intrusive tree keyed on what makes an entry unique in its list), so the
 // duplicate check, find and delete cost O(log n).
 #ifndef POLICY_POL_LIST_HPP
