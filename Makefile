@@ -37,7 +37,6 @@ test-normal: build ## run every test of the normal build
 
 test-asan: build-asan ## run every test of the sanitizer build
 	cd $(BUILD_ASAN) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:fast_unwind_on_malloc=0 \
-	  LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j$(JOBS)
 
 test: test-normal test-asan ## run every test in the normal and the sanitizer build
@@ -51,8 +50,7 @@ test: test-normal test-asan ## run every test in the normal and the sanitizer bu
 #    run here directly under memcheck instead, on the same kinds of command.
 # Every binary is run even after a failure; the target fails at the end.
 VALGRIND := valgrind --tool=memcheck --quiet --error-exitcode=99 --leak-check=full \
-	--show-leak-kinds=definite --errors-for-leak-kinds=definite \
-	--suppressions=$(CURDIR)/tests/valgrind.supp
+	--show-leak-kinds=definite --errors-for-leak-kinds=definite
 POLCTL_VALGRIND_RUNS := \
 	"run examples/policy.xml examples/routes.txt" \
 	"--json run examples/policy.json examples/routes.txt" \

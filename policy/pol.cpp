@@ -30,6 +30,21 @@ t_pol_block *alloc_block(e_pol_type type, t_cflowd_entry **tmpl)
     return block;
 }
 
+// Deletes a block by its type's rule: data blocks through the data-policy
+// model (which keeps one that still has users), cflowd blocks with their
+// templates, the others with their sequences.
+void delete_block_of_type(t_pol_ctx *ctx, avl_tree_t *tree, t_pol_block *block, bool remove)
+{
+    if (pol::is_data_kind(block->pol_type)) {
+        pol_fwd_block_delete(ctx, tree, block, remove);
+        return;
+    }
+    if (block->pol_type == POL_TYPE_CFLOWD) {
+        pol_cflowd_block_deinit(ctx, block);
+    }
+    pol_block_delete(ctx, tree, block, remove);
+}
+
 void init_block_kind(t_pol_ctx *ctx, t_pol_block *block, t_cflowd_entry *tmpl)
 {
     if (pol::is_data_kind(block->pol_type)) {
@@ -225,15 +240,7 @@ void pol_block_find_and_delete(t_pol_ctx *ctx, const char *name, e_pol_type type
     if (block == nullptr) {
         return;
     }
-    avl_tree_t *tree = pol_block_tree(ctx, type);
-    if (pol::is_data_kind(type)) {
-        pol_fwd_block_delete(ctx, tree, block, true);
-    } else {
-        if (type == POL_TYPE_CFLOWD) {
-            pol_cflowd_block_deinit(ctx, block);
-        }
-        pol_block_delete(ctx, tree, block, true);
-    }
+    delete_block_of_type(ctx, pol_block_tree(ctx, type), block, true);
     pol::mark_changed(changed);
 }
 
@@ -250,8 +257,9 @@ void pol_block_delete(t_pol_ctx *ctx, avl_tree_t *tree, t_pol_block *block, bool
     pol_free(block, POL_MEM_BLOCK);
 }
 
-// Only from pol_destroy. Cflowd blocks are deliberately freed without
-// their templates (see the list of deliberate leaks in docs).
+// Only from pol_destroy: every block goes with all it owns. Users still
+// registered are detached first (a data block would stay for them), and
+// are freed later with the other users.
 void pol_block_destroy(t_pol_ctx *ctx)
 {
     static constexpr e_pol_type kOrder[] = {POL_TYPE_ROUTE, POL_TYPE_DATA, POL_TYPE_PFR,
@@ -259,11 +267,8 @@ void pol_block_destroy(t_pol_ctx *ctx)
     for (e_pol_type type : kOrder) {
         avl_tree_t *tree = pol_block_tree(ctx, type);
         pol::tree<t_pol_block>(tree).drain([&](t_pol_block *block) {
-            if (pol::is_data_kind(type)) {
-                pol_fwd_block_delete(ctx, tree, block, false);
-            } else {
-                pol_block_delete(ctx, tree, block, false);
-            }
+            pol_block_users_detach(ctx, block);
+            delete_block_of_type(ctx, tree, block, false);
         });
     }
 }

@@ -5,9 +5,12 @@
 //
 // The two kinds live in two trees, so one name may exist once of each.
 // A list's identity index holds both kinds of entry under one order:
-// community value, then pattern text, then insertion order. Standard
-// entries all carry an empty pattern and expanded ones a zero value, so
-// within a list only the field of its kind decides.
+// community value, then pattern text. Standard entries all carry an empty
+// pattern and expanded ones a zero value, so within a list only the field
+// of its kind decides. A pattern is stored whole or not at all (at most
+// POL_COMMUNITY_PATTERN_SIZE - 1 characters), so it is stored, compared
+// and looked up at one width, and an expanded entry owns its compiled
+// pattern until the entry goes.
 #include <cctype>
 #include <cstdio>
 
@@ -35,16 +38,12 @@ constexpr int kPatternFlags = REG_EXTENDED | REG_NOSUB;
 
 constexpr std::size_t kRegexErrorSize = 100;
 
+constexpr std::size_t kPatternMax = POL_COMMUNITY_PATTERN_SIZE - 1;
+
 struct community_key {
     const char *name;
     community_list_type type;
 };
-
-// index_seq of a lookup probe: equal to any stored sequence, so a lookup
-// lands somewhere in the run of entries with the probe's value and
-// pattern. Stored entries never carry it (it is list->generation at
-// insertion, which does not get near it).
-constexpr uint64_t kAnySeq = UINT64_MAX;
 
 int community_entry_cmp(const void *a, const void *b)
 {
@@ -53,13 +52,23 @@ int community_entry_cmp(const void *a, const void *b)
     if (int r = pol::cmp3(x->community, y->community)) {
         return r;
     }
-    if (int r = pol::fold(std::strncmp(x->pattern, y->pattern, POL_COMMUNITY_PATTERN_SIZE))) {
-        return r;
+    return pol::fold(std::strncmp(x->pattern, y->pattern, POL_COMMUNITY_PATTERN_SIZE));
+}
+
+bool pattern_fits(const char *text)
+{
+    return strnlen(text, POL_COMMUNITY_PATTERN_SIZE) <= kPatternMax;
+}
+
+// Compiles text into re; on failure the compiler's message goes into
+// error and nothing stays allocated.
+int compile_pattern(regex_t *re, const char *text, char *error, std::size_t size)
+{
+    const int rc = regcomp(re, text, kPatternFlags);
+    if (rc != 0) {
+        regerror(rc, re, error, size);
     }
-    if (x->index_seq == kAnySeq || y->index_seq == kAnySeq) {
-        return 0;
-    }
-    return pol::cmp3(x->index_seq, y->index_seq);
+    return rc;
 }
 
 using community_match_chain =
@@ -96,29 +105,15 @@ struct community_traits : pol::list_hooks<t_community_list> {
         pol::copy_name(list.community_list_name, key.name);
         list.type = key.type;
     }
+    static void on_entry_free(const t_community_list *list, t_community_entry *entry)
+    {
+        if (list->type == COMM_LIST_TYPE_EXPANDED) {
+            regfree(&entry->comppattern);
+        }
+    }
 };
 
 using community_lists = pol::list_family<community_traits>;
-
-// The first entry in queue order that compares equal to the probe. Equal
-// entries sit next to each other in the index, ordered by insertion, so
-// from wherever the lookup landed the first one is a short walk back.
-t_community_entry *first_equal_entry(t_community_list *list, const t_community_entry &probe)
-{
-    if (list == nullptr) {
-        return nullptr;
-    }
-    pol::tree<t_community_entry> index(&list->entry_index);
-    t_community_entry *found = index.find(&probe);
-    while (found != nullptr) {
-        auto *prev = static_cast<t_community_entry *>(avl_walk(index.raw(), found, AVL_BEFORE));
-        if (prev == nullptr || community_entry_cmp(prev, &probe) != 0) {
-            break;
-        }
-        found = prev;
-    }
-    return found;
-}
 
 // The value of the first token of text, or false when it is not a
 // community (including a text of white space only).
@@ -132,6 +127,20 @@ bool first_community(const char *text, uint32_t *value)
 const char *text_or_empty(const char *text)
 {
     return text != nullptr ? text : "";
+}
+
+// Frees the sequence's community set record and its values, unless the
+// values are keep (the array a replacement takes over).
+void free_set_community(t_pol_set_entry &set, const uint32_t *keep)
+{
+    if (set.set_community == nullptr) {
+        return;
+    }
+    if (set.set_community->communities != keep) {
+        pol_free(set.set_community->communities, POL_MEM_SET_ENTRY_COMMUNITY);
+    }
+    pol_free(set.set_community, POL_MEM_SET_COMMUNITY);
+    set.set_community = nullptr;
 }
 
 }  // namespace
@@ -209,23 +218,38 @@ t_community_entry *pol_standard_community_list_entry(t_community_list *list, uin
 {
     t_community_entry probe{};
     probe.community = community;
-    probe.index_seq = kAnySeq;
-    return first_equal_entry(list, probe);
+    return community_lists::find_entry(list, &probe);
 }
 
-// A text of 128 characters or more never matches: the stored pattern of
-// such a text was truncated to 127 and differs from it within the 128
-// characters compared.
+// A text longer than a pattern can be is never stored, so it finds nothing.
 t_community_entry *pol_expanded_community_list_entry(t_community_list *list, const char *pattern)
 {
     pattern = text_or_empty(pattern);
-    if (strnlen(pattern, POL_COMMUNITY_PATTERN_SIZE) >= POL_COMMUNITY_PATTERN_SIZE) {
+    if (!pattern_fits(pattern)) {
         return nullptr;
     }
     t_community_entry probe{};
     pol::copy_name(probe.pattern, pattern);
-    probe.index_seq = kAnySeq;
-    return first_equal_entry(list, probe);
+    return community_lists::find_entry(list, &probe);
+}
+
+// "is longer than 127 characters", or "does not compile: " and the
+// pattern compiler's message.
+bool pol_community_pattern_error(const char *text, char *error, size_t size)
+{
+    text = text_or_empty(text);
+    if (!pattern_fits(text)) {
+        std::snprintf(error, size, "is longer than %zu characters", kPatternMax);
+        return true;
+    }
+    regex_t re;
+    char compiler[kRegexErrorSize];
+    if (compile_pattern(&re, text, compiler, sizeof(compiler)) != 0) {
+        std::snprintf(error, size, "does not compile: %s", compiler);
+        return true;
+    }
+    regfree(&re);
+    return false;
 }
 
 t_community_entry *pol_community_list_find_entry(t_pol_ctx *ctx, const char *name,
@@ -249,11 +273,17 @@ t_community_entry *pol_community_list_find_entry(t_pol_ctx *ctx, const char *nam
 
 // Only the first token of a standard entry's text counts. A text that is
 // no community, or a pattern that does not compile, deliberately leaves a
-// list this call created in its tree, empty.
+// list this call created in its tree, empty. A pattern too long to be
+// stored whole is refused before anything is made.
 e_err pol_community_list_add_entry(t_pol_ctx *ctx, const char *name, const char *text,
                                    community_list_type type)
 {
     text = text_or_empty(text);
+    if (type == COMM_LIST_TYPE_EXPANDED && !pattern_fits(text)) {
+        POL_LOG("expanded-community-list pattern:%.*s... longer than %zu characters",
+                static_cast<int>(kPatternMax), text, kPatternMax);
+        return ERR_BAD_PARAM;
+    }
     if (pol_community_list_find_entry(ctx, name, text, type) != nullptr) {
         // Repeating an entry changes nothing but still tells the users.
         const community_key key{name, type};
@@ -277,16 +307,13 @@ e_err pol_community_list_add_entry(t_pol_ctx *ctx, const char *name, const char 
         }
     } else {
         pol::copy_name(entry->pattern, text);
-        int rc = regcomp(&entry->comppattern, text, kPatternFlags);
-        if (rc != 0) {
-            char error[kRegexErrorSize];
-            regerror(rc, &entry->comppattern, error, sizeof(error));
+        char error[kRegexErrorSize];
+        if (compile_pattern(&entry->comppattern, text, error, sizeof(error)) != 0) {
             POL_LOG("expanded-community-list pattern:%s regex-error %s\n", entry->pattern, error);
             pol_free(entry, POL_MEM_ENTRY_COMMUNITY);
             return ERR_FAIL;
         }
     }
-    entry->index_seq = list->generation;
     community_lists::link_entry(list, entry);
     community_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;
@@ -305,8 +332,7 @@ e_err pol_community_list_del_entry(t_pol_ctx *ctx, const char *name, const char 
     return ERR_OK;
 }
 
-// Frees the entry record only: the compiled pattern of an expanded entry
-// is deliberately not released with regfree.
+// The compiled pattern of an expanded entry goes with it.
 void pol_community_list_entry_remove(t_pol_ctx *ctx, t_community_list *list,
                                      t_community_entry *entry)
 {
@@ -468,7 +494,8 @@ int pol_community_cmp(const uint32_t *a, const uint32_t *b)
 /* ---- community set action ---- */
 
 // Sets (non-empty array) or clears the communities a sequence sets. The
-// record takes ownership of the array. Allocation failure returns 2.
+// record takes ownership of the array; a record set before is freed with
+// its values. Allocation failure returns 2 and keeps the record set before.
 int pol_config_set_bgp_community_upd(t_pol_entry *entry, uint32_t *communities, uint16_t count)
 {
     t_pol_set_entry &set = entry->set_entry;
@@ -477,18 +504,14 @@ int pol_config_set_bgp_community_upd(t_pol_entry *entry, uint32_t *communities, 
         if (rec == nullptr) {
             return 2;
         }
-        // A record set before is deliberately replaced without being freed.
+        free_set_community(set, communities);
         rec->communities = communities;
         rec->n_communities = count;
         set.set_community = rec;
         entry->entry_set_flags |= POL_SET_FLAG_COMMUNITY;
         return 0;
     }
-    if (set.set_community != nullptr) {
-        pol_free(set.set_community->communities, POL_MEM_SET_ENTRY_COMMUNITY);
-        pol_free(set.set_community, POL_MEM_SET_COMMUNITY);
-        set.set_community = nullptr;
-    }
+    free_set_community(set, nullptr);
     entry->entry_set_flags &= ~POL_SET_FLAG_COMMUNITY;
     return 0;
 }

@@ -5,6 +5,8 @@
 // themselves: pol_config_list.cpp (named lists) and pol_config_policy.cpp
 // (control, route and membership policies).
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 
 #include <zen/zen_util.h>
@@ -14,6 +16,9 @@
 namespace pol::config {
 
 namespace {
+
+// The reason of the last failed callback, for pol_config_error.
+char g_error[512];
 
 // IPv4 values arrive in network order and are kept so: the address records
 // hold IPv4 words in network order everywhere (printing, containment and
@@ -217,6 +222,17 @@ bool choice_leaves::read(const mgmtd_tag_value_t *cur_val_p)
     return true;
 }
 
+/* ---- failure reasons ---- */
+
+int32_t keep_error(int32_t status, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(g_error, sizeof(g_error), fmt, ap);
+    va_end(ap);
+    return status;
+}
+
 /* ---- TLOCs ---- */
 
 tloc_parts::tloc_parts(bool removal_withdraws) : removal_withdraws_(removal_withdraws)
@@ -294,6 +310,16 @@ uint32_t pol_yang_enum_to_filter_mask(uint32_t enum_val)
 void pol_config_update_tloc_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p)
 {
     pol_tloc_list_update_fwd_pol_label(pol_ctx_p, false);
+}
+
+const char *pol_config_error(void)
+{
+    return pol::config::g_error;
+}
+
+void pol_config_error_clear(void)
+{
+    pol::config::g_error[0] = '\0';
 }
 
 }  // extern "C"

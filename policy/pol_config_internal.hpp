@@ -137,6 +137,15 @@ private:
     const mgmtd_tag_value_t *removal_ = nullptr;
 };
 
+/* ---- failure reasons ---- */
+
+// Keeps the reason of a failing callback for pol_config_error; returns status.
+int32_t keep_error(int32_t status, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// A callback fails with status: the reason is logged and kept for the host.
+#define POL_CONFIG_FAIL(status, fmt, ...) \
+    (POL_LOG(fmt, ##__VA_ARGS__), pol::config::keep_error(status, fmt, ##__VA_ARGS__))
+
 /* ---- TLOCs ---- */
 
 // The parts of a TLOC that one change names. A removed encapsulation reads

@@ -2,6 +2,7 @@
 // colour, community and prefix lists. List-name nodes carry no leaves the
 // library reads; entry nodes add or delete one entry of their list, whose
 // store notifies the users of what changed.
+#include <cstdio>
 #include <cstring>
 #include <optional>
 #include <string_view>
@@ -129,6 +130,32 @@ private:
     exact exact_ = exact::absent;
     uint8_t exact_len_ = 0;
 };
+
+/* ---- community-list entries ---- */
+
+const char *community_list_kind(community_list_type type)
+{
+    return type == COMM_LIST_TYPE_EXPANDED ? "expanded-community-list" : "community-list";
+}
+
+// An entry the store refused stops the change: the host learns why.
+int32_t community_add_status(e_err rc, const char *name, const char *text,
+                             community_list_type type)
+{
+    if (rc == ERR_OK) {
+        return POL_CONFIG_OK;
+    }
+    const char *kind = community_list_kind(type);
+    if (rc == ERR_ALLOC) {
+        return POL_CONFIG_FAIL(POL_CONFIG_NO_MEMORY, "%s %s: no memory for entry %s", kind, name,
+                               text);
+    }
+    char why[160] = "is not a community";
+    if (type == COMM_LIST_TYPE_EXPANDED && !pol_community_pattern_error(text, why, sizeof(why))) {
+        std::snprintf(why, sizeof(why), "cannot be stored");
+    }
+    return POL_CONFIG_FAIL(POL_CONFIG_BAD_KEY, "%s %s: \"%s\" %s", kind, name, text, why);
+}
 
 // A list-name node carries no leaves the library reads: a delete drops the
 // list's configuration, anything else is only traced.
@@ -309,8 +336,8 @@ int32_t pol_config_community_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, mgmt
         return POL_CONFIG_OK;
     }
     trace_values(val_p, num_values);
-    pol_community_list_add_entry(pol_ctx_p, name, text, list_type);
-    return POL_CONFIG_OK;
+    return community_add_status(pol_community_list_add_entry(pol_ctx_p, name, text, list_type),
+                                name, text, list_type);
 }
 
 /* ---- prefix lists ---- */

@@ -22,12 +22,14 @@ struct extra_arg<int32_t (*)(t_vmgmtd_context *, t_pol_ctx *, mgmtd_iter_op, uin
 // The datastore calls every subscription alike: its host context is the
 // library context, and the subscription's argument becomes the reader's
 // extra argument (community-list kind, or whether a prefix list is IPv4).
+// A failure's reason (pol_config_error) is always the called reader's own.
 template <auto Reader>
 int32_t thunk(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op oper,
               uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
               mgmtd_tag_value_t *val_p, int32_t arg)
 {
     auto *pol_ctx_p = static_cast<t_pol_ctx *>(host_ctx_p);
+    pol_config_error_clear();
     if constexpr (std::is_same_v<decltype(Reader), pol_config_cb_f>) {
         return Reader(vmgmtd_ctx_p, pol_ctx_p, oper, num_keys, key_p, num_values, val_p);
     } else {

@@ -320,6 +320,9 @@ t_community_entry *pol_community_list_find_entry(t_pol_ctx *ctx, const char *nam
                                                  const char *text, community_list_type type);
 t_community_entry *pol_standard_community_list_entry(t_community_list *list, uint32_t community);
 t_community_entry *pol_expanded_community_list_entry(t_community_list *list, const char *pattern);
+/* Why text cannot be an expanded entry's pattern (it is too long, or the
+   pattern compiler's message), written into error; false when it can. */
+bool pol_community_pattern_error(const char *text, char *error, size_t size);
 void pol_community_list_entry_remove(t_pol_ctx *ctx, t_community_list *list,
                                      t_community_entry *entry);
 void pol_community_list_del_all_entries(t_pol_ctx *ctx, t_community_list *list);

@@ -9,8 +9,9 @@
 // traits record; each family's source file adds only what differs and the
 // thin C functions under the family's own names.
 //
-// Entries of the tail-queue families sit both in the insertion-ordered
-// queue (dumps and matching visit that order) and in an identity index (an
+// Entries of the tail-queue families sit both in the queue (dumps and
+// matching visit its order: insertion order, unless a family links its
+// entries otherwise, as the TLOC list does) and in an identity index (an
 // intrusive tree keyed on what makes an entry unique in its list), so the
 // duplicate check, find and delete cost O(log n).
 #ifndef POLICY_POL_LIST_HPP
@@ -140,6 +141,11 @@ struct list_hooks {
     static void notify_first(t_pol_ctx *, List *) {}
     // Releases what the record owns besides its entries.
     static void on_free(List *) {}
+    // Releases what an entry owns besides its record, before it is freed.
+    template <typename Entry>
+    static void on_entry_free(const List *, Entry *)
+    {
+    }
     // At library shutdown, before the record is freed.
     static void on_deinit(t_pol_ctx *, List *) {}
 };
@@ -334,12 +340,14 @@ struct list_family {
         queue::remove(list->*Traits::entries, entry);
         avl_remove(&list->entry_index, entry);
         list->generation++;
+        Traits::on_entry_free(list, entry);
         pol_free(entry, Traits::entry_mem);
     }
 
     static void del_all_entries(t_pol_ctx *, list_t *list)
     {
-        tree<entry_t>(&list->entry_index).drain([](entry_t *entry) {
+        tree<entry_t>(&list->entry_index).drain([list](entry_t *entry) {
+            Traits::on_entry_free(list, entry);
             pol_free(entry, Traits::entry_mem);
         });
         POL_TREE_CREATE(&list->entry_index, Traits::entry_cmp, entry_t, index_node);

@@ -36,7 +36,7 @@ for required in \
     pol_config_control_policy_match_read pol_config_control_policy_match_community_list_read \
     pol_config_route_policy_read pol_config_route_policy_seq_read \
     pol_config_membership_policy_read pol_config_membership_policy_seq_read \
-    pol_config_update_tloc_list pol_config_subscriptions pol_yang_enum_to_filter_mask pol_test_parse_cfg \
+    pol_config_update_tloc_list pol_config_error pol_config_error_clear pol_config_subscriptions pol_yang_enum_to_filter_mask pol_test_parse_cfg \
     pol_dump_memory_info pol_dump_route_policies pol_dump_membership_policies \
     pol_dump_cflowd_policies pol_dump_users_change_list pol_dump_all \
     g_pol_ctx_p g_pol_dbg_level g_pol_mem_info g_polbuf1 g_pol_list_head \

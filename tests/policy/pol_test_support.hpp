@@ -50,20 +50,18 @@ std::string ptr(const void *p);
 std::string heading(const std::string &title);
 
 // One context per test. TearDown destroys it and expects every accounting
-// row back at its value from before pol_init, apart from allowed rows.
+// row back at its value from before pol_init.
 class PolContextTest : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override { expect_memory_back_to_start(); }
     void destroy_context();
-    void allow_leak(e_pol_mem row) { allowed_.insert(row); }
     void expect_memory_back_to_start();
 
     t_pol_ctx *ctx_ = nullptr;
 
 private:
     int64_t start_[POL_MEM_MAX] = {};
-    std::set<int> allowed_;
 };
 
 // Lines the library logs while alive, each as "<priority> <text>".

@@ -1,7 +1,10 @@
 // Community lists: the community text grammar, the two kinds of list,
-// entry identity (values, pattern texts, truncated patterns), the life
-// cycle of a list, notification of the policies that match on it, dumps.
+// entry identity (values, pattern texts), patterns refused and why (also
+// as the configuration reader tells the host), the life cycle of a list,
+// notification of the policies that match on it, dumps.
 #include <cstring>
+
+#include <policy/pol_config.h>
 
 #include "pol_test_support.hpp"
 
@@ -105,6 +108,101 @@ Texts entries(const char *name, community_list_type type, const std::string &fir
     return out;
 }
 
+// The reader's status for one community-list entry the host creates,
+// called directly or as the datastore calls the subscription table's row.
+int32_t read_entry(const char *name, const char *text, community_list_type type, bool by_table = false)
+{
+    mgmtd_value_t keys[2] = {};
+    for (int i = 0; i < 2; i++) {
+        const char *s = i == 0 ? name : text;
+        keys[i].type = C_BUF;
+        keys[i].val.buf = {static_cast<uint32_t>(std::strlen(s)), reinterpret_cast<unsigned char *>(const_cast<char *>(s))};
+    }
+    if (!by_table) {
+        return pol_config_community_list(nullptr, g_pol_ctx_p, MOP_CREATED, 2, keys, 0, nullptr, type);
+    }
+    size_t count = 0;
+    const mgmtd_ds_sub_t *subs = pol_config_subscriptions(&count);
+    const std::string row = type == kExp ? "expanded-community-list-entry" : "community-list-entry";
+    for (size_t i = 0; i < count; i++) {
+        if (row == subs[i].name) {
+            return subs[i].cb(nullptr, g_pol_ctx_p, MOP_CREATED, 2, keys, 0, nullptr, subs[i].arg);
+        }
+    }
+    ADD_FAILURE() << "no subscription " << row;
+    return 0;
+}
+
+std::string compiler_error(const char *pattern)
+{
+    regex_t re;
+    char error[100];
+    regerror(regcomp(&re, pattern, REG_EXTENDED | REG_NOSUB), &re, error, sizeof(error));
+    return error;
+}
+
+// An entry the store refuses fails its reader with a reason that is
+// logged and kept for the host, and leaves no entry behind.
+TEST_F(CommunityList, RefusedEntriesFailTheReaderWithTheReason)
+{
+    const std::string long_pattern(128, 'x');
+    struct {
+        const char *text;
+        community_list_type type;
+        std::string reason;
+    } const cases[] = {
+        {"(", kExp, "expanded-community-list E: \"(\" does not compile: " + compiler_error("(")},
+        {"65000:[1", kExp, "expanded-community-list E: \"65000:[1\" does not compile: " + compiler_error("65000:[1")},
+        {long_pattern.c_str(), kExp,
+         "expanded-community-list E: \"" + long_pattern + "\" is longer than 127 characters"},
+        {"abc", kStd, "community-list E: \"abc\" is not a community"},
+    };
+    for (const auto &c : cases) {
+        LogCapture log;
+        pol_config_error_clear();
+        EXPECT_EQ(read_entry("E", c.text, c.type), POL_CONFIG_BAD_KEY) << c.text;
+        EXPECT_EQ(pol_config_error(), c.reason);
+        ASSERT_FALSE(log.lines.empty());
+        EXPECT_TRUE(log.lines.back().ends_with("]: [POL] " + c.reason)) << log.lines.back();
+        EXPECT_EQ(pol_community_list_find_entry(ctx_, "E", c.text, c.type), nullptr) << c.text;
+    }
+    EXPECT_EQ(live_count(POL_MEM_ENTRY_COMMUNITY), 0);
+    {
+        AllocFailure fail(POL_MEM_ENTRY_COMMUNITY);
+        EXPECT_EQ(read_entry("E", "^1:", kExp), POL_CONFIG_NO_MEMORY);
+    }
+    EXPECT_EQ(read_entry("E", "^1:", kExp), POL_CONFIG_OK);
+    EXPECT_STRNE(pol_config_error(), "");  // kept until cleared
+
+    // Through the subscription table every call starts without a reason.
+    EXPECT_EQ(read_entry("E", "(", kExp, true), POL_CONFIG_BAD_KEY);
+    EXPECT_EQ(pol_config_error(), cases[0].reason);
+    EXPECT_EQ(read_entry("E", "^2:", kExp, true), POL_CONFIG_OK);
+    EXPECT_STREQ(pol_config_error(), "");
+}
+
+// A pattern is stored whole or refused: one too long to be stored never
+// stays behind to match after its removal, nor piles up on re-commits.
+TEST_F(CommunityList, PatternsAreStoredWholeOrRefused)
+{
+    for (std::size_t length : {1, 127, 128, 255}) {
+        const std::string pattern(length, 'p');
+        const bool fits = length < POL_COMMUNITY_PATTERN_SIZE;
+        for (int commit = 0; commit < 2; commit++) {
+            EXPECT_EQ(pol_community_list_add_entry(ctx_, "E", pattern.c_str(), kExp), fits ? ERR_OK : ERR_BAD_PARAM)
+                << length;
+        }
+        const t_community_list *list = pol_community_list_find(ctx_, "E", kExp);
+        const t_community_entry *e = list ? TAILQ_FIRST(&list->community_entry_head) : nullptr;
+        EXPECT_EQ(e != nullptr, fits) << length;
+        EXPECT_TRUE(e == nullptr || (e->pattern == pattern && TAILQ_NEXT(e, community_entry) == nullptr)) << length;
+        EXPECT_EQ(pol_community_list_find_entry(ctx_, "E", pattern.c_str(), kExp), e) << length;
+        EXPECT_EQ(pol_community_list_del_entry(ctx_, "E", pattern.c_str(), kExp), ERR_OK);
+        list = pol_community_list_find(ctx_, "E", kExp);
+        EXPECT_TRUE(list == nullptr || pol_community_list_is_empty(list)) << length;
+    }
+}
+
 TEST_F(CommunityList, BadTextsPatternsAndKinds)
 {
     for (const char *bad : {"1:2:3", ":5", "5:", "abc", " "}) {
@@ -119,13 +217,10 @@ TEST_F(CommunityList, BadTextsPatternsAndKinds)
 
     LogCapture log;
     EXPECT_EQ(pol_community_list_add_entry(ctx_, "E", "(", kExp), ERR_FAIL);
-    regex_t re;
-    char error[100];
-    regerror(regcomp(&re, "(", REG_EXTENDED | REG_NOSUB), &re, error, sizeof(error));
     ASSERT_EQ(log.lines.size(), 1u);
     const std::string &line = log.lines[0];
     EXPECT_TRUE(line.starts_with("191 pol_community_list_add_entry[") &&
-                line.ends_with("]: [POL] expanded-community-list pattern:( regex-error " + std::string(error) + "\n"))
+                line.ends_with("]: [POL] expanded-community-list pattern:( regex-error " + compiler_error("(") + "\n"))
         << line;
     EXPECT_TRUE(pol_community_list_is_empty(pol_community_list_find(ctx_, "E", kExp)));
 
@@ -154,13 +249,12 @@ TEST_F(CommunityList, SharedLifeCycle)
                .del = pol_community_list_del, .is_empty = pol_community_list_is_empty});
 }
 
-// Patterns of 128 characters or more are stored truncated and then never
-// equal their text, so they are stored again; lookups by the truncated
-// text must find the first of them in queue order.
+// Random adds and deletes of both kinds: the queue keeps insertion order,
+// each text at most once, and lookups find the entry of their text.
 TEST_F(CommunityList, IndexAgreesWithQueue)
 {
     std::mt19937 rng(7);
-    const Texts patterns = {"a", "^1:", "c|d", std::string(130, 'x'), std::string(127, 'x')};
+    const Texts patterns = {"a", "^1:", "c|d", std::string(126, 'x'), std::string(127, 'x')};
     Texts model[2];
     for (int step = 0; step < 2000; step++) {
         const bool add = rng() % 3 != 0;
@@ -168,9 +262,9 @@ TEST_F(CommunityList, IndexAgreesWithQueue)
         const uint32_t v = rng() % 12;
         const std::string text =
             type == kExp ? patterns[rng() % patterns.size()] : (rng() % 2 ? "" : "0:") + std::to_string(v);
-        const std::string stored = type == kExp ? text.substr(0, 127) : render(v);
+        const std::string stored = type == kExp ? text : render(v);
         Texts &m = model[type - 1];
-        auto at = text.size() < 128 ? std::find(m.begin(), m.end(), stored) : m.end();
+        auto at = std::find(m.begin(), m.end(), stored);
         if (add && at == m.end()) {
             m.push_back(stored);
         } else if (!add && at != m.end()) {
@@ -180,8 +274,7 @@ TEST_F(CommunityList, IndexAgreesWithQueue)
         ASSERT_EQ(op(ctx_, "L", text.c_str(), type), ERR_OK);
         const t_community_entry *first = nullptr;
         ASSERT_EQ(entries("L", type, stored, &first), m) << step;
-        ASSERT_EQ(pol_community_list_find_entry(ctx_, "L", text.c_str(), type), text.size() < 128 ? first : nullptr)
-            << step;
+        ASSERT_EQ(pol_community_list_find_entry(ctx_, "L", text.c_str(), type), first) << step;
     }
 }
 

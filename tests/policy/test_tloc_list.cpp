@@ -1,6 +1,9 @@
 // TLOC lists and colour lists: life cycle, change notification, the
-// preference and flag rules, and the identity index against the queue.
+// preference and flag rules, the queue in identity order whatever the
+// history, and the label table a set action fills from it.
 #include <arpa/inet.h>
+
+#include <map>
 
 #include "pol_test_support.hpp"
 
@@ -18,6 +21,16 @@ t_tloc_id tloc(uint32_t host, uint8_t color, uint8_t encap = 2)
     t.color = color;
     t.encap = encap;
     return t;
+}
+
+// The preferences of a list's entries in queue order.
+std::vector<uint32_t> preferences(const t_tloc_list *list)
+{
+    std::vector<uint32_t> out;
+    for (const t_tloc_entry *e = TAILQ_FIRST(&list->tloc_entry_head); e; e = TAILQ_NEXT(e, tloc_entry)) {
+        out.push_back(e->route_preference);
+    }
+    return out;
 }
 
 TEST_F(TlocListTest, SharedLifeCycle)
@@ -118,11 +131,11 @@ TEST_F(TlocListTest, PreferenceAndLabelFlagRules)
     EXPECT_TRUE(list->update_fwd_policy_label);
     list->fetch_xml = 0;
     list->update_fwd_policy_label = false;
+    EXPECT_EQ(preferences(list), (std::vector<uint32_t>{8, 5, 6}));  // identity order: c, a, b
     pol_tloc_list_add_entry(ctx_, "N", &a, 7);
-    t_tloc_entry *e = TAILQ_FIRST(&list->tloc_entry_head);
-    EXPECT_TRUE(e->route_preference == 7 && TAILQ_NEXT(e, tloc_entry)->route_preference == 6);
+    EXPECT_EQ(preferences(list), (std::vector<uint32_t>{8, 7, 6}));
     EXPECT_TRUE(list->fetch_xml == 1 && list->update_fwd_policy_label);
-    EXPECT_EQ(e->set_fwd_label, 0u);
+    EXPECT_EQ(pol_tloc_list_find_entry(ctx_, "N", &a)->set_fwd_label, 0u);
 
     // Only a data-policy action user lets the refresh clear the flag.
     uint8_t changed = 0;
@@ -162,35 +175,108 @@ TEST_F(TlocListTest, ColoursCountOnTheirLow16Bits)
     EXPECT_EQ(pol_color_list_find_entry(ctx_, "C", 0x105), nullptr);
 }
 
-// Random adds (with new preferences) and deletes of 24 TLOCs.
-TEST_F(TlocListTest, IndexAgreesWithQueueUnderRandomChanges)
+// Random adds (with new preferences) and deletes of 24 TLOCs: the queue
+// reads as the TLOCs held in identity order, whatever order they came in,
+// and both lookups agree with it.
+TEST_F(TlocListTest, QueueInIdentityOrderUnderRandomChanges)
 {
     std::vector<t_tloc_id> universe;
     for (uint32_t n = 0; n < 24; n++) {
         universe.push_back(tloc(1 + n % 3, static_cast<uint8_t>(1 + n / 6), static_cast<uint8_t>(1 + n % 2)));
     }
+    std::sort(universe.begin(), universe.end(),
+              [](const t_tloc_id &x, const t_tloc_id &y) { return TLOC_CMP(&x, &y) < 0; });
     t_tloc_list *list = pol_tloc_list_find_or_create(ctx_, "R", nullptr);
     ASSERT_NE(list, nullptr);
-    check_index_against_queue(
-        20240611, 600, universe.size(), 100,
-        [&](std::size_t i, uint32_t pref) { pol_tloc_list_add_entry(ctx_, "R", &universe[i], pref); },
-        [&](std::size_t i, uint32_t) { pol_tloc_list_del_entry(ctx_, "R", &universe[i]); },
-        [&] {
-            ListModel queued;
-            for (t_tloc_entry *e = TAILQ_FIRST(&list->tloc_entry_head); e; e = TAILQ_NEXT(e, tloc_entry)) {
-                auto u = std::find_if(universe.begin(), universe.end(),
-                                      [&](const t_tloc_id &t) { return TLOC_CMP(&t, &e->tloc) == 0; });
-                queued.emplace_back(u - universe.begin(), e->route_preference);
-            }
-            return queued;
-        },
-        [&](std::size_t i) -> std::optional<uint32_t> {
-            t_tloc_entry *e = pol_tloc_list_find_entry(ctx_, "R", &universe[i]);
-            if (pol_tloc_list_lookup(list, &universe[i]) != e || (e && TLOC_CMP(&e->tloc, &universe[i]))) {
-                return UINT32_MAX;
-            }
-            return e ? std::optional<uint32_t>(e->route_preference) : std::nullopt;
-        });
+    std::map<std::size_t, uint32_t> held;  // universe index -> preference
+    std::mt19937 rng(20240611);
+    for (int step = 0; step < 600; step++) {
+        const std::size_t i = rng() % universe.size();
+        const uint32_t pref = rng() % 100;
+        if (rng() % 3 != 0) {
+            pol_tloc_list_add_entry(ctx_, "R", &universe[i], pref);
+            held[i] = pref;
+        } else {
+            pol_tloc_list_del_entry(ctx_, "R", &universe[i]);
+            held.erase(i);
+        }
+        ListModel queued;
+        for (t_tloc_entry *e = TAILQ_FIRST(&list->tloc_entry_head); e; e = TAILQ_NEXT(e, tloc_entry)) {
+            auto u = std::find_if(universe.begin(), universe.end(),
+                                  [&](const t_tloc_id &t) { return TLOC_CMP(&t, &e->tloc) == 0; });
+            queued.emplace_back(u - universe.begin(), e->route_preference);
+        }
+        ASSERT_EQ(queued, ListModel(held.begin(), held.end())) << "step " << step;
+        for (std::size_t j = 0; j < universe.size(); j++) {
+            t_tloc_entry *e = pol_tloc_list_find_entry(ctx_, "R", &universe[j]);
+            ASSERT_EQ(pol_tloc_list_lookup(list, &universe[j]), e);
+            ASSERT_EQ(e != nullptr, held.count(j) == 1) << "step " << step << " item " << j;
+        }
+    }
+}
+
+// Appends the TLOC it is asked for to the label table.
+void append_label(uint16_t, uint32_t addr, uint8_t color, uint8_t encap, uint64_t, uint16_t, bool,
+                  uint32_t *, t_tloc_id *, t_pol_te_info *te, uint32_t preference)
+{
+    t_pol_te &slot = te->entries[te->num_entries++];
+    slot = {1, preference, {{}, color, encap}};
+    IPADDR_SET_V4(&slot.tloc.addr, addr);
+}
+
+// The label table a policy that sets the list fills for an overlay route.
+std::vector<std::pair<uint32_t, uint32_t>> label_table(const char *list)
+{
+    const std::string policy = std::string("set-") + list;
+    t_pol_user *user = register_user(policy.c_str(), policy.c_str());
+    user->pol_label_cb = append_label;
+    t_pol_entry *e = sequence(policy.c_str(), 10);
+    uint8_t changed = 0;
+    pol_entry_match_add(g_pol_ctx_p, e->pol_block_p, e, POL_MATCH_VROUTE, &changed);
+    pol_entry_action_add(g_pol_ctx_p, e, POL_ACTION_ACCEPT, &changed);
+    pol_entry_set_tloc_list_add(g_pol_ctx_p, e, list, &changed);
+    t_zen_attr attr{};
+    t_pol_te_info te{};
+    t_pol_exec_params params{};
+    pol_pre_execute(&params, ZEN_DEVICE_RIMBA);
+    params.attr_in_p = &attr;
+    params.safi = POL_SAFI_VROUTE;
+    params.te_info_p = &te;
+    EXPECT_EQ(pol_execute(user, &params), POL_ACTION_ACCEPT);
+    std::vector<std::pair<uint32_t, uint32_t>> out;  // (address word, preference)
+    for (uint32_t k = 0; k < te.num_entries; k++) {
+        out.emplace_back(te.entries[k].tloc.addr.u.addr4.s_addr, te.entries[k].preference);
+    }
+    pol_post_execute(&params);
+    return out;
+}
+
+// A list of 70 TLOCs, more than the table's 64 slots: the same content
+// gives the same table whatever order its entries came in or went and
+// came back in (a re-commit adds them anew).
+TEST_F(TlocListTest, LabelTableDependsOnlyOnTheContent)
+{
+    constexpr uint32_t kTlocs = 70;
+    auto add = [&](const char *list, uint32_t n) {
+        const t_tloc_id t = tloc(1 + n, 1);
+        ASSERT_EQ(pol_tloc_list_add_entry(ctx_, list, &t, n), ERR_OK);
+    };
+    for (uint32_t n = 0; n < kTlocs; n++) {
+        add("ascending", n);
+        add("descending", kTlocs - 1 - n);
+        add("recommitted", n);
+    }
+    for (uint32_t n = 0; n < 10; n++) {
+        const t_tloc_id t = tloc(1 + n, 1);
+        pol_tloc_list_del_entry(ctx_, "recommitted", &t);
+    }
+    for (uint32_t n = 0; n < 10; n++) {
+        add("recommitted", n);
+    }
+    const auto table = label_table("ascending");
+    ASSERT_EQ(table.size(), std::size_t{POL_MAX_TE_ENTRIES});
+    EXPECT_EQ(label_table("descending"), table);
+    EXPECT_EQ(label_table("recommitted"), table);
 }
 
 TEST_F(TlocListTest, DumpTexts)

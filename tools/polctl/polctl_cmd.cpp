@@ -820,13 +820,11 @@ int cmd_diff(const options &opt, const std::string &old_config, const std::strin
         if (c.status == MGMTD_DS_OK) {
             watch_policies(h, tree, &watched);
             h.take_notifications();
-            c.status = mgmtd_ds_commit(h.ds(), tree);
-            if (c.status == MGMTD_DS_OK) {
-                pol_config_update_tloc_list(nullptr, h.ctx());
-            }
+            c.status = h.commit(tree, &c.error);
+        } else {
+            c.error = mgmtd_ds_error(h.ds());
         }
         if (c.status != MGMTD_DS_OK) {
-            c.error = mgmtd_ds_error(h.ds());
             errors.push_back(ds_error(file, c.error));
         }
         c.callbacks = std::move(trace.records);
@@ -878,8 +876,9 @@ int cmd_check(const options &opt, const std::string &config, std::ostream &out,
                                 mgmtd_ds_tree_count(tree, row.entries_xpath));
         }
         // The library must take it too.
-        if (mgmtd_ds_commit(h.ds(), tree) != MGMTD_DS_OK) {
-            errors.push_back(ds_error(config, mgmtd_ds_error(h.ds())));
+        std::string message;
+        if (h.commit(tree, &message) != MGMTD_DS_OK) {
+            errors.push_back(ds_error(config, message));
         }
     }
     report_errors(errors, err);

@@ -120,12 +120,27 @@ bool host::start(std::string *error)
 
 int host::commit_file(const std::string &path, std::string *error)
 {
-    const int status = mgmtd_ds_commit_file(ds_, path.c_str());
+    mgmtd_ds_tree_t *tree = nullptr;
+    const int status = mgmtd_ds_load(ds_, path.c_str(), &tree);
+    if (status != MGMTD_DS_OK) {
+        *error = mgmtd_ds_error(ds_);
+        return status;
+    }
+    return commit(tree, error);
+}
+
+int host::commit(mgmtd_ds_tree_t *tree, std::string *error)
+{
+    const int status = mgmtd_ds_commit(ds_, tree);
     if (status == MGMTD_DS_OK) {
         // TLOC lists that changed refresh the labels of what uses them.
         pol_config_update_tloc_list(nullptr, ctx_);
-    } else {
-        *error = mgmtd_ds_error(ds_);
+        return status;
+    }
+    *error = mgmtd_ds_error(ds_);
+    const std::string reason = pol_config_error();
+    if (status == MGMTD_DS_STOPPED && !reason.empty()) {
+        *error += ": " + reason;
     }
     return status;
 }

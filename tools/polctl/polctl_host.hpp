@@ -75,6 +75,10 @@ public:
 
     // Commits a configuration file; MGMTD_DS_* status, message in error.
     int commit_file(const std::string &path, std::string *error);
+    // Commits a loaded tree (taken over), as commit_file does. When a
+    // callback stopped the commit, the message is the datastore's followed
+    // by the library's reason.
+    int commit(mgmtd_ds_tree_t *tree, std::string *error);
 
     // Registers a user with the change and label callbacks of this host.
     // Null when the library refuses it, or when a user of this host already

@@ -168,6 +168,17 @@ uint32_t pol_yang_enum_to_filter_mask(uint32_t enum_val);
  */
 void pol_config_update_tloc_list(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p);
 
+/*
+ * Why a callback failed: the message (also logged) of the last callback
+ * that returned non-zero with one, naming what it refused and why; "" when
+ * none gave one since the message was last cleared. Every callback of the
+ * subscription table clears it before it runs, so after a commit that a
+ * callback stopped it tells that callback's reason; a host that calls the
+ * callbacks itself clears it before each.
+ */
+const char *pol_config_error(void);
+void pol_config_error_clear(void);
+
 #ifdef __cplusplus
 }
 #endif

@@ -194,6 +194,8 @@ typedef enum community_token {
     community_token_unknown = 4,
 } community_token;
 
+/* An expanded entry's pattern holds at most POL_COMMUNITY_PATTERN_SIZE - 1
+   characters; a longer one is refused, not cut. */
 #define POL_COMMUNITY_PATTERN_SIZE 128
 
 typedef struct _t_community_entry {
@@ -202,7 +204,6 @@ typedef struct _t_community_entry {
     char pattern[POL_COMMUNITY_PATTERN_SIZE];
     regex_t comppattern;
     avl_node_t index_node;
-    uint64_t index_seq;
 } t_community_entry;
 
 typedef struct _t_community_list {
