@@ -5,9 +5,12 @@
 // list users, change flushes — and executions of routes between them.
 // Every execution runs in the library and in the reference evaluator of
 // tests/policy/exec_reference; any difference in verdict, flags,
-// rewritten attributes, export VPNs, community set or labels aborts. At
+// rewritten attributes, export VPNs, community set or labels aborts. An
+// operation may be preceded by a failing allocation of one category, so
+// that the failure paths leave a model both evaluators still agree on. At
 // the end every user goes, the context is destroyed and every accounting
-// row must read as before pol_init.
+// row must read as before pol_init (less the failed allocations, which
+// are counted but never freed).
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
@@ -40,6 +43,39 @@ struct policy_decl {
 const policy_decl kPolicies[] = {{"pol-0", POL_TYPE_ROUTE}, {"pol-1", POL_TYPE_ROUTE}, {"mem-0", POL_TYPE_MEMBERSHIP}};
 constexpr unsigned kUserSlots = 4, kListUserSlots = 2, kMaxSequence = 8, kMaxOps = 4000;
 
+// Categories of the control-policy model whose allocations may be made to
+// fail (not the export VPN buffer of an execution: the reference takes
+// its own from the C library).
+const e_pol_mem kFailRows[] = {
+    POL_MEM_BLOCK,         POL_MEM_ENTRY_POLICY,  POL_MEM_TYPE_POL_USER,  POL_MEM_LIST_POL_USER,
+    POL_MEM_LIST_PREFIX,   POL_MEM_LIST_SITE,     POL_MEM_LIST_TLOC,      POL_MEM_LIST_COLOR,
+    POL_MEM_LIST_VPN,      POL_MEM_ENTRY_SITE,    POL_MEM_ENTRY_PREFIX,   POL_MEM_ENTRY_TLOC,
+    POL_MEM_ENTRY_COLOR,   POL_MEM_ENTRY_VPN,     POL_MEM_LIST_COMMUNITY, POL_MEM_ENTRY_COMMUNITY,
+    POL_MEM_SET_COMMUNITY, POL_MEM_SET_ENTRY_COMMUNITY,
+};
+
+// The armed failure: the nth allocation of row fails, then none.
+struct {
+    e_pol_mem row;
+    unsigned nth;
+    int64_t injected[POL_MEM_MAX];
+} g_fail;
+
+bool fail_hook(e_pol_mem row)
+{
+    if (row != g_fail.row || g_fail.nth == 0 || --g_fail.nth != 0) {
+        return false;
+    }
+    g_fail.injected[row]++;
+    return true;
+}
+
+void arm_failure(e_pol_mem row, unsigned nth)
+{
+    g_fail.row = row;
+    g_fail.nth = nth;
+}
+
 // A change callback must be given a handle that is still registered.
 struct user_slot {
     t_pol_user *handle = nullptr;
@@ -56,6 +92,7 @@ public:
         for (unsigned n = 0; n < kMaxOps && in_.remaining_bytes() > 0; n++) {
             step();
         }
+        arm_failure(POL_MEM_UNKNOWN, 0);
         pol_user_chg_list_notify_all(g_pol_ctx_p);
         for (user_slot &u : users_) {
             pol_unregister(&u.handle);
@@ -68,7 +105,7 @@ public:
 
 private:
     enum op : uint32_t { LIST, SEQUENCE, MATCH_TYPE, ACTION, DELETE_SEQUENCE, DELETE_POLICY, DEFAULT,
-                         USER, LIST_USER, FLUSH, EXECUTE, OPS };
+                         USER, LIST_USER, FLUSH, FAIL_ALLOCATION, EXECUTE, OPS };
 
     void step()
     {
@@ -125,6 +162,9 @@ private:
             break;
         case FLUSH:
             pol_user_chg_list_notify_all(ctx);
+            break;
+        case FAIL_ALLOCATION:
+            arm_failure(c_.pick(kFailRows), 1 + c_.below(3));
             break;
         case EXECUTE:
         case OPS:
@@ -203,14 +243,14 @@ private:
 
     // A TLOC-list action resolves labels through the user's callback: a
     // user without one runs only policies that have no such action.
-    static bool needs_label_cb(const t_pol_user *user)
+    static bool needs_label_cb(t_pol_user *user)
     {
-        const t_pol_block *b = user->pol_block_p;
+        t_pol_block *b = user->pol_block_p;
         if (b == nullptr) {
             return false;
         }
         bool needed = false;
-        avl_foreach(const_cast<avl_tree_t *>(&b->pol_entries),
+        avl_foreach(&b->pol_entries,
                     [](void *record, void *arg) {
                         *static_cast<bool *>(arg) |=
                             (static_cast<t_pol_entry *>(record)->entry_set_flags & POL_SET_FLAG_TLOC_LIST) != 0;
@@ -286,6 +326,7 @@ private:
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     fuzzsup::quiet_library_log();
+    pol_mem_set_fail_hook(fail_hook);
     return 0;
 }
 
@@ -298,8 +339,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (pol_init(&init) == nullptr) {
         fuzzsup::fail("pol_init failed");
     }
+    std::fill(std::begin(g_fail.injected), std::end(g_fail.injected), 0);
     session(in).run();
     pol_destroy();
-    fuzzsup::accounting::now().expect_back_at(start, "after the session");
+    fuzzsup::accounting end = fuzzsup::accounting::now();
+    for (int i = 0; i < POL_MEM_MAX; i++) {
+        end.live[i] -= g_fail.injected[i];
+    }
+    end.expect_back_at(start, "after the session");
     return 0;
 }

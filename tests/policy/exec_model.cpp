@@ -147,7 +147,10 @@ void add_set_community(chooser &c, t_pol_entry *e)
     }
     std::generate(v, v + n, [&c] { return random_community(c); });
     pol_config_set_bgp_community_upd(e, nullptr, 0);
-    pol_config_set_bgp_community_upd(e, v, n);
+    if (pol_config_set_bgp_community_upd(e, v, n) != 0) {  // not taken over
+        pol_free(v, POL_MEM_SET_ENTRY_COMMUNITY);
+        return;
+    }
     unsigned how = c.below(3);
     e->entry_set_flags &= how == 1 ? ~(POL_SET_FLAG_COMMUNITY | POL_SET_FLAG_COMMUNITY_ADDITIVE) : ~0ULL;
     e->entry_set_flags |= how != 0 ? POL_SET_FLAG_COMMUNITY_ADDITIVE : 0;
