@@ -73,6 +73,12 @@ void accounting::expect_back_at(const accounting &start, const char *when,
     }
 }
 
+bool avoid_known_faults()
+{
+    static const bool avoid = std::getenv("POL_FUZZ_KNOWN_FAULTS") == nullptr;
+    return avoid;
+}
+
 void fail(const std::string &message)
 {
     std::fprintf(stderr, "\n==== fuzz check failed: %s\n", message.c_str());

@@ -40,6 +40,11 @@ struct accounting {
                         std::initializer_list<e_pol_mem> exempt = {}) const;
 };
 
+// Whether the targets keep away from the known faults whose reproducers
+// are in fuzz/findings/ (so that a run finds new ones): yes, unless the
+// environment sets POL_FUZZ_KNOWN_FAULTS.
+bool avoid_known_faults();
+
 // Prints the message with the input's context and aborts: the engine
 // saves the input as a crash.
 [[noreturn]] void fail(const std::string &message);

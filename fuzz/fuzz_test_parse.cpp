@@ -59,11 +59,31 @@ t_pol_user *register_user(const char *name, const char *policy, e_pol_dir dir, i
     return pol_register(&params);
 }
 
+// A TLOC sequence with a prefix-list condition has a TLOC route's locator
+// read as a prefix: a known fault (fuzz/findings/tloc-sequence-prefix-list.txt),
+// not run into again until it is fixed.
+bool has_tloc_prefix_condition(t_pol_user *user)
+{
+    bool found = false;
+    if (user->pol_block_p != nullptr) {
+        avl_foreach(&user->pol_block_p->pol_entries, [](void *record, void *arg) {
+            const t_pol_entry *e = static_cast<t_pol_entry *>(record);
+            *static_cast<bool *>(arg) |= e->match_entry.match_type == POL_MATCH_TLOC &&
+                                         (e->entry_match_flags & POL_MATCH_FLAG_PFX_LIST) != 0;
+            return 0;
+        }, &found);
+    }
+    return found;
+}
+
 // One virtual route and one TLOC route of the seeds' values through a
 // user, library against reference.
 void cross_check(t_pol_user *user)
 {
     for (uint8_t safi : {uint8_t{POL_SAFI_VROUTE}, uint8_t{POL_SAFI_TLOC}}) {
+        if (safi == POL_SAFI_TLOC && fuzzsup::avoid_known_faults() && has_tloc_prefix_condition(user)) {
+            continue;
+        }
         t_zen_attr attr{};
         attr.attr_flags = ZEN_ATTR_FLAG_TAG | ZEN_ATTR_FLAG_SITE_ID | ZEN_ATTR_FLAG_TLOC | ZEN_ATTR_FLAG_PREFERENCE;
         attr.tag = 5;
