@@ -6,8 +6,11 @@ JOBS ?= $(shell nproc)
 BUILD := build
 BUILD_ASAN := build-asan
 BUILD_REL := build-release
+BUILD_FUZZ := build-fuzz
+FUZZ_SECONDS ?= 60
+FUZZ_SMOKE_SECONDS ?= 10
 
-.PHONY: help all deps build build-asan test test-normal test-asan valgrind demo bench install clean
+.PHONY: help all deps build build-asan test test-normal test-asan valgrind demo bench build-fuzz fuzz fuzz-smoke install clean
 
 all: build ## the normal build (the default target)
 
@@ -85,6 +88,21 @@ bench: deps $(BUILD_REL)/CMakeCache.txt ## run every benchmark of a release buil
 	  "$$b" || failed="$$failed $${b##*/}"; \
 	done; \
 	if [ -n "$$failed" ]; then echo "bench: targets missed by:$$failed" >&2; exit 1; fi
+
+# libFuzzer targets (fuzz/), built with clang and instrumented with
+# AddressSanitizer + UBSan; only the targets and what they link are built.
+$(BUILD_FUZZ)/CMakeCache.txt:
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD_FUZZ) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPOL_FUZZ=ON \
+	  -DPOL_BUILD_TESTS=OFF -DPOL_BUILD_BENCH=OFF
+
+build-fuzz: deps $(BUILD_FUZZ)/CMakeCache.txt ## build the fuzz targets with clang in build-fuzz/
+	cmake --build $(BUILD_FUZZ) -j$(JOBS) --target fuzzers
+
+fuzz: build-fuzz ## run each fuzz target for FUZZ_SECONDS (default 60); fails on any crash, leak or hang
+	./fuzz/run-fuzzers.sh $(BUILD_FUZZ) $(FUZZ_SECONDS)
+
+fuzz-smoke: build-fuzz ## run each fuzz target for FUZZ_SMOKE_SECONDS (default 10), as CI does
+	./fuzz/run-fuzzers.sh $(BUILD_FUZZ) $(FUZZ_SMOKE_SECONDS)
 
 install: build ## install the library, headers and pkg-config file under PREFIX
 	cmake --install $(BUILD) --prefix $(PREFIX)
