@@ -50,6 +50,18 @@ std::string dump_all()
     return std::regex_replace(dump, std::regex("0x[0-9a-f]+"), "ADDR");
 }
 
+const std::string kRoutesPath = ::testing::TempDir() + "polctl_routes_" + std::to_string(getpid()) + ".txt";
+
+// What the routes reader makes of a file holding text; ok: what it must return.
+polctl::routes_file read_routes(const std::string &text, bool ok = false)
+{
+    std::ofstream(kRoutesPath, std::ios::binary) << text;
+    polctl::routes_file rf;
+    EXPECT_TRUE(polctl::read_routes_file(kRoutesPath, &rf) || !ok);
+    std::remove(kRoutesPath.c_str());
+    return rf;
+}
+
 class HostTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -147,17 +159,15 @@ TEST(LabelTable, RuleExplicitLabelsAndUnreachableTlocs)
 
 TEST(RoutesFile, RoutesCarryEveryAttributeTheyName)
 {
-    const std::string path = ::testing::TempDir() + "polctl_routes_" + std::to_string(getpid()) + ".txt";
-    std::ofstream(path) << "device edge   # an edge router\n"
-                           "user u policy p dir in type membership\n"
-                           "route u vroute 10.1.0.0/16 vpn 7 site 12 tloc 10.0.0.1:gold:gre preference 5 tag 6 "
-                           "domain 3 origin ospf-external2 metric 9 originator 192.0.2.1 carrier carrier3 "
-                           "group 1,2 community 65000:1,no-export label 44\n"
-                           "route u tloc 2001:db8::1:private6:ipsec\n"
-                           "route u service vpn 20 origin 4/6\n";
-    polctl::routes_file rf;
-    EXPECT_TRUE(polctl::read_routes_file(path, &rf));
-    std::remove(path.c_str());
+    const polctl::routes_file rf =
+        read_routes("device edge   # an edge router\n"
+                    "user u policy p dir in type membership\n"
+                    "route u vroute 10.1.0.0/16 vpn 7 site 12 tloc 10.0.0.1:gold:gre preference 5 tag 6 "
+                    "domain 3 origin ospf-external2 metric 9 originator 192.0.2.1 carrier carrier3 "
+                    "group 1,2 community 65000:1,no-export label 44\n"
+                    "route u tloc 2001:db8::1:private6:ipsec\n"
+                    "route u service vpn 20 origin 4/6\n",
+                    true);
     ASSERT_TRUE(rf.errors.empty()) << rf.errors.front().text();
     ASSERT_TRUE(rf.users.size() == 1u && rf.routes.size() == 3u);
     EXPECT_EQ(std::tuple(rf.device, rf.users[0].type, rf.users[0].dir),
@@ -183,36 +193,27 @@ TEST(RoutesFile, RoutesCarryEveryAttributeTheyName)
               std::tuple(POL_SAFI_SERVICE, 6));
 }
 
-
 // Lines a text editor would not show: a NUL byte, an overlong line, a file
 // without an end, a directory. Each is reported with its place; the rest of
 // the file is read as usual.
 TEST(RoutesFile, UnreadableInputIsBoundedAndReported)
 {
-    const std::string path = ::testing::TempDir() + "polctl_bad_" + std::to_string(getpid()) + ".txt";
-    auto read = [&path](const std::string &text) {
-        std::ofstream(path, std::ios::binary) << text;
-        polctl::routes_file rf;
-        polctl::read_routes_file(path, &rf);
-        std::remove(path.c_str());
-        return rf;
-    };
     const polctl::routes_file rf =
-        read("user u policy p dir in\n"
+        read_routes("user u policy p dir in\n"
              "route u vroute 10.0.0.0/8 vpn 1 community 99999999999:1\n" +
              std::string("user u\0x policy p dir in\n", 25) + "route u vroute 10.0.0.0/8 vpn 1 tag " +
              std::string(5000, '1') + "\n"
              "route u vroute 10.0.0.0/8 vpn 1 group 1,2,3,4,5,6,7,8 group 9,10,11,12,13,14,15,16\n");
     ASSERT_EQ(rf.errors.size(), 3u);
     EXPECT_EQ(rf.errors[0].message, "bad community \"99999999999:1\"");
-    EXPECT_EQ(rf.errors[1].text(), path + ":3: NUL byte in the line");
-    EXPECT_EQ(rf.errors[2].text(), path + ":4: line longer than 4096 characters");
+    EXPECT_EQ(rf.errors[1].text(), kRoutesPath + ":3: NUL byte in the line");
+    EXPECT_EQ(rf.errors[2].text(), kRoutesPath + ":4: line longer than 4096 characters");
     ASSERT_EQ(rf.routes.size(), 1u);
     EXPECT_EQ(std::tuple(rf.routes[0].line, rf.routes[0].attr.group_count), std::tuple(5, 16));
 
-    const polctl::routes_file endless = read(std::string(5u << 20, 'x'));
+    const polctl::routes_file endless = read_routes(std::string(5u << 20, 'x'));
     ASSERT_EQ(endless.errors.size(), 1u);
-    EXPECT_EQ(endless.errors[0].text(), path + ":1: file longer than 4194304 bytes; the rest is not read");
+    EXPECT_EQ(endless.errors[0].text(), kRoutesPath + ":1: file longer than 4194304 bytes; the rest is not read");
     polctl::routes_file dir;
     EXPECT_FALSE(polctl::read_routes_file("/tmp", &dir));
     ASSERT_EQ(dir.errors.size(), 1u);
@@ -271,6 +272,5 @@ TEST(JsonWriter, StringsAreEscapedAndValidUtf8)
         EXPECT_EQ(j.value(c.text).str(), c.json + "\n") << c.text;
     }
 }
-
 
 }  // namespace

@@ -56,12 +56,6 @@ t_tloc_id tloc_of(uint32_t host_addr, uint8_t color, uint8_t encap)
 
 class ConfigTest : public poltest::PolContextTest {
 protected:
-    void TearDown() override
-    {
-        pol_debug_set(0);
-        PolContextTest::TearDown();
-    }
-
     template <typename Reader>
     int32_t run(Reader reader, mgmtd_iter_op op, keys &k, values &v)
     {
@@ -627,24 +621,6 @@ TEST_F(ConfigTest, UsersAreNotifiedOncePerCallbackThatChangedSomething)
     EXPECT_EQ(calls, 2);  // carried by the next change that notifies
     call(pol_config_control_policy_seq_read, MOP_DELETED, none_, "P", 1u);
     EXPECT_EQ(calls, 3);
-}
-
-TEST_F(ConfigTest, TracesOnlyFromDebugLevelOne)
-{
-    values v;
-    v.u32(TAG_PREFERENCE, 4);
-    keys k;
-    k.text("T").ipv4("10.0.0.1").enum_value(1).enum_value(2);
-    LogCapture log;
-    run(pol_config_policy_tloc_list, MOP_CREATED, k, v);
-    EXPECT_TRUE(log.lines.empty());
-    pol_debug_set(1);
-    run(pol_config_policy_tloc_list, MOP_MODIFIED, k, v);
-    EXPECT_TRUE(logged(log, "Tloc list config - Name:T, Oper:3, num:1"));
-    EXPECT_TRUE(logged(log, "Prefix config - XML = 393138131, type: 12 "));
-    call(pol_config_control_policy_read, MOP_CREATED, v, "P");
-    EXPECT_TRUE(logged(log, "Control Policy: P, oper:1, num_values:1"));
-    EXPECT_TRUE(logged(log, "cur: 0 XML = 393138131, type: 12 "));
 }
 
 TEST(ConfigFilterMask, OneBitPerOrdinal)
