@@ -10,6 +10,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <bit>
 
 #include <zen/zen_util.h>
 
@@ -64,6 +65,8 @@ bool carries_prefix(const t_pol_exec_params *params)
 struct route_eval {
     t_pol_exec_params *params;
     pol::community_text text;
+
+    explicit route_eval(t_pol_exec_params *p) : params(p) {}
 };
 
 bool community_condition(t_pol_match_entry *m, route_eval &ev, community_list_type kind)
@@ -126,17 +129,43 @@ const condition kConditions[] = {
 // All conditions of one sequence, in table order, stopping at the first
 // that fails; skip holds the bits already known to hold. Only single-value
 // conditions record their bit.
+constexpr std::size_t kConditionCount = sizeof(kConditions) / sizeof(kConditions[0]);
+static_assert(kConditionCount <= 32);
+
+// For each sequence bit, one bit at its condition's place in the table.
+struct condition_order {
+    uint32_t place_of_bit[64] = {};
+
+    constexpr condition_order()
+    {
+        for (std::size_t i = 0; i < kConditionCount; i++) {
+            place_of_bit[std::countr_zero(kConditions[i].bit)] = 1u << i;
+        }
+    }
+
+    // The conditions of a sequence's bits, as places in evaluation order.
+    uint32_t places(uint64_t flags) const
+    {
+        uint32_t out = 0;
+        for (; flags != 0; flags &= flags - 1) {
+            out |= place_of_bit[std::countr_zero(flags)];
+        }
+        return out;
+    }
+};
+constexpr condition_order kOrder;
+
+// All conditions of one sequence, in table order, stopping at the first
+// that fails; skip holds the bits already known to hold. Only single-value
+// conditions record their bit.
 bool match_sequence(t_pol_entry *entry, route_eval &ev, uint64_t skip)
 {
     t_pol_match_entry *m = &entry->match_entry;
     if (!pol_exec_match_valid(entry, m, ev.params)) {
         return false;
     }
-    const uint64_t flags = entry->entry_match_flags & ~skip;
-    for (const condition &c : kConditions) {
-        if ((flags & c.bit) == 0) {
-            continue;
-        }
+    for (uint32_t places = kOrder.places(entry->entry_match_flags & ~skip); places != 0; places &= places - 1) {
+        const condition &c = kConditions[std::countr_zero(places)];
         if (!c.test(m, ev)) {
             return false;
         }
@@ -228,7 +257,7 @@ void resolve_tloc(t_pol_user *user, t_pol_exec_params *params, const t_tloc_id &
 // a walk over every sequence leaves behind.
 t_pol_entry *first_matching_sequence(t_pol_block *block, t_pol_exec_params *params)
 {
-    route_eval ev{params, {}};
+    route_eval ev(params);
     pol::candidates c{};
     if (!pol::sequence_candidates(block, params, &c)) {
         pol::tree<t_pol_entry> sequences(&block->pol_entries);
@@ -242,7 +271,7 @@ t_pol_entry *first_matching_sequence(t_pol_block *block, t_pol_exec_params *para
     }
     for (uint32_t i = 0; i < c.count; i++) {
         params->entry_match_flags = 0;
-        if (match_sequence(c.entries[i], ev, POL_MATCH_FLAG_PFX_LIST)) {
+        if (match_sequence(c.entries[i], ev, c.known)) {
             return c.entries[i];
         }
     }
@@ -338,7 +367,7 @@ bool pol_exec_match_site_list(t_pol_match_entry *m, t_pol_exec_params *p)
 
 bool pol_exec_match_community_list(t_pol_match_entry *m, t_pol_exec_params *p, community_list_type kind)
 {
-    route_eval ev{p, {}};
+    route_eval ev(p);
     return community_condition(m, ev, kind);
 }
 
@@ -402,7 +431,7 @@ bool pol_exec_match_color_list(t_pol_match_entry *m, t_pol_exec_params *p)
 
 bool pol_exec_match(t_pol_entry *entry, t_pol_exec_params *params)
 {
-    route_eval ev{params, {}};
+    route_eval ev(params);
     return match_sequence(entry, ev, 0);
 }
 

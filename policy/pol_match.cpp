@@ -34,6 +34,8 @@ struct _t_pol_list_exec_index {
 // A policy's index is an index like a list's, kept in its own slot type.
 struct _t_pol_block_exec_index : _t_pol_list_exec_index {};
 
+uint64_t g_pol_list_changes = 0;
+
 namespace pol {
 
 namespace {
@@ -307,18 +309,14 @@ uint8_t family_width(e_ipaddr_type type)
 
 uint64_t be64(const uint8_t *p)
 {
-    uint64_t v = 0;
-    for (int i = 0; i < 8; i++) {
-        v = (v << 8) | p[i];
-    }
-    return v;
+    uint64_t v;
+    std::memcpy(&v, p, sizeof(v));
+    return __builtin_bswap64(v);
 }
 
-bits128 masked_bits(const t_ipaddr &addr, uint8_t len)
+// The address's bits kept to the first len.
+bits128 masked(bits128 b, uint8_t len)
 {
-    uint8_t bytes[16] = {};
-    std::memcpy(bytes, addr.u.addr6_b, addr.addr_type == IP_ADDR_V4 ? 4 : 16);
-    bits128 b = {be64(bytes), be64(bytes + 8)};
     if (len < 64) {
         b.hi = len == 0 ? 0 : b.hi & (~0ULL << (64 - len));
         b.lo = 0;
@@ -326,6 +324,18 @@ bits128 masked_bits(const t_ipaddr &addr, uint8_t len)
         b.lo = len == 64 ? 0 : b.lo & (~0ULL << (128 - len));
     }
     return b;
+}
+
+bits128 address_bits(const t_ipaddr &addr)
+{
+    uint8_t bytes[16] = {};
+    std::memcpy(bytes, addr.u.addr6_b, addr.addr_type == IP_ADDR_V4 ? 4 : 16);
+    return {be64(bytes), be64(bytes + 8)};
+}
+
+bits128 masked_bits(const t_ipaddr &addr, uint8_t len)
+{
+    return masked(address_bits(addr), len);
 }
 
 constexpr std::size_t kLengths = 129;  // 0 to 128
@@ -411,8 +421,9 @@ struct prefix_groups {
     template <typename F>
     bool find(const t_ipaddr &addr, uint8_t clamped_len, uint8_t route_len, F &&fn) const
     {
+        const bits128 bits = address_bits(addr);
         for (uint8_t i = 0; i < n_lengths && lengths[i] <= clamped_len; i++) {
-            const group_slot *s = probe(masked_bits(addr, lengths[i]), lengths[i]);
+            const group_slot *s = probe(masked(bits, lengths[i]), lengths[i]);
             for (uint32_t r = 0; r < s->count(); r++) {
                 const length_rule &rule = rules[s->first + r];
                 if (rule.holds(route_len) && fn(rule)) {
@@ -679,18 +690,24 @@ struct value_set {
 
 /* ---- expanded patterns that name whole communities ---- */
 
-// Where in the rendered text a literal community must stand for the
-// pattern to match: anywhere as a whole token ((^| )X( |$)), first (^X( |$)),
-// last ((^| )X$), or alone (^X$).
+// Where in the rendered text a community must stand for the pattern to
+// match: anywhere as a whole token ((^| )X( |$)), first (^X( |$)), last
+// ((^| )X$), or alone (^X$).
 enum token_place { PLACE_ANY, PLACE_FIRST, PLACE_LAST, PLACE_SOLE, PLACE_COUNT };
+
+// What a community must be: a value (its whole text), or any value of
+// one upper half (a text H: or H:[0-9]+ at the start of a token; the
+// well-known values render as names and have no such text).
+enum token_kind { KIND_VALUE, KIND_HIGH, KIND_COUNT };
 
 constexpr std::size_t kMaxLiterals = 64;
 
 struct whole_communities {
     struct literal {
+        token_kind kind;
         token_place place;
-        uint32_t value;
-        bool occurs;  // the text is what a community renders as
+        uint32_t value;  // the value, or the upper half
+        bool occurs;     // some community renders so
     };
     literal literals[kMaxLiterals];
     std::size_t count = 0;
@@ -711,84 +728,148 @@ bool is_literal_char(char c)
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == ':' || c == '-';
 }
 
-// A literal is a community text only as the rendering writes it: a
-// well-known name, or high:low in plain decimal (no leading zeros, each
-// half at most 65535, and not a value that renders as a name).
-bool community_of_text(const char *text, std::size_t length, uint32_t *value)
+const well_known_text *well_known_named(const char *text, std::size_t length)
 {
     for (const well_known_text &w : kWellKnownTexts) {
         if (length == w.length && std::memcmp(text, w.text, length) == 0) {
-            *value = w.value;
-            return true;
+            return &w;
         }
     }
-    uint32_t halves[2] = {0, 0};
-    std::size_t half = 0;
-    for (std::size_t i = 0; i < length; i++) {
-        if (text[i] == ':' && half == 0) {
-            half = 1;
-        } else if (text[i] >= '0' && text[i] <= '9' && halves[half] <= 65535) {
-            halves[half] = halves[half] * 10 + static_cast<uint32_t>(text[i] - '0');
-        } else {
-            return false;
-        }
-    }
-    if (half == 0 || halves[0] > 65535 || halves[1] > 65535) {
-        return false;
-    }
-    *value = halves[0] << 16 | halves[1];
-    char rendered[POL_COMMUNITY_STR_SIZE];
-    const std::size_t n = token_length(*value);
-    write_token(rendered, *value, n);
-    return n == length && std::memcmp(rendered, text, n) == 0;
+    return nullptr;
 }
 
-// One literal of [0-9A-Za-z:-]; every one of these characters stands for
-// itself in an extended expression.
-bool parse_literal(const char *&p, token_place place, whole_communities &out)
+// A half as the rendering writes it: plain decimal without leading zeros,
+// at most 65535.
+bool decimal_half(const char *text, std::size_t length, uint32_t *half)
+{
+    if (length == 0 || length > 5 || (text[0] == '0' && length > 1)) {
+        return false;
+    }
+    uint32_t v = 0;
+    for (std::size_t i = 0; i < length; i++) {
+        if (text[i] < '0' || text[i] > '9') {
+            return false;
+        }
+        v = v * 10 + static_cast<uint32_t>(text[i] - '0');
+    }
+    *half = v;
+    return v <= 65535;
+}
+
+// A literal is a community text only as the rendering writes it: a
+// well-known name, or high:low in plain decimal that is not a value
+// rendered as a name. Any other text is never a token.
+bool community_of_text(const char *text, std::size_t length, uint32_t *value)
+{
+    if (const well_known_text *w = well_known_named(text, length)) {
+        *value = w->value;
+        return true;
+    }
+    const char *colon = static_cast<const char *>(std::memchr(text, ':', length));
+    uint32_t high = 0, low = 0;
+    if (colon == nullptr || !decimal_half(text, static_cast<std::size_t>(colon - text), &high) ||
+        !decimal_half(colon + 1, length - static_cast<std::size_t>(colon + 1 - text), &low)) {
+        return false;
+    }
+    *value = high << 16 | low;
+    return well_known(*value) == nullptr;
+}
+
+enum class left_anchor { none, start, token };
+enum class right_anchor { none, end, token };
+
+// One literal of [0-9A-Za-z:-], optionally followed by [0-9]+ or [0-9]*
+// (only after H:); every one of these characters stands for itself in an
+// extended expression. A text without an anchor on a side is admitted
+// only where no token can hold it but as a whole on that side: a name on
+// either side, H: on the right.
+bool parse_literal(const char *&p, left_anchor left, right_anchor right, whole_communities &out)
 {
     const char *start = p;
     while (is_literal_char(*p)) {
         p++;
     }
-    if (p == start || out.count == kMaxLiterals) {
+    const std::size_t length = static_cast<std::size_t>(p - start);
+    const bool digits_follow = skip(p, "[0-9]+") || skip(p, "[0-9]*");
+    if (length == 0 || out.count == kMaxLiterals) {
         return false;
     }
     whole_communities::literal &lit = out.literals[out.count++];
-    lit.place = place;
-    lit.occurs = community_of_text(start, static_cast<std::size_t>(p - start), &lit.value);
-    return true;
-}
-
-// LEFT (LITERAL | "(" LITERAL ("|" LITERAL)* ")") RIGHT, where LEFT is ^
-// or (^| ) and RIGHT is $ or ( |$).
-bool parse_unit(const char *&p, whole_communities &out)
-{
-    bool left_token = skip(p, "(^| )") || skip(p, "( |^)");
-    if (!left_token && !skip(p, "^")) {
+    lit.kind = KIND_VALUE;
+    lit.occurs = true;
+    if (start[length - 1] == ':') {
+        lit.kind = KIND_HIGH;
+        return decimal_half(start, length - 1, &lit.value) && left != left_anchor::none &&
+               (digits_follow || right == right_anchor::none);
+    }
+    if (digits_follow) {
         return false;
     }
+    if (well_known_named(start, length) != nullptr) {
+        return community_of_text(start, length, &lit.value);
+    }
+    lit.occurs = community_of_text(start, length, &lit.value);
+    return left != left_anchor::none && right != right_anchor::none;
+}
+
+left_anchor parse_left(const char *&p)
+{
+    if (skip(p, "(^| )") || skip(p, "( |^)")) {
+        return left_anchor::token;
+    }
+    return skip(p, "^") ? left_anchor::start : left_anchor::none;
+}
+
+// Whether a right anchor follows the literals (looked at before parsing
+// them, since what they may be depends on it).
+right_anchor peek_right(const char *p)
+{
+    if (*p == '(' && std::strchr(p, ')') != nullptr && p[1] != ' ' && p[1] != '$') {
+        p = std::strchr(p, ')') + 1;  // past a group of literals
+    }
+    while (is_literal_char(*p)) {
+        p++;
+    }
+    if (skip(p, "[0-9]+") || skip(p, "[0-9]*")) {
+    }
+    if (skip(p, "( |$)") || skip(p, "($| )")) {
+        return right_anchor::token;
+    }
+    return skip(p, "$") ? right_anchor::end : right_anchor::none;
+}
+
+token_place place_of(left_anchor left, right_anchor right)
+{
+    const bool first = left == left_anchor::start;
+    const bool last = right == right_anchor::end;
+    return first ? (last ? PLACE_SOLE : PLACE_FIRST) : (last ? PLACE_LAST : PLACE_ANY);
+}
+
+// LEFT (LITERAL | "(" LITERAL ("|" LITERAL)* ")") RIGHT.
+bool parse_unit(const char *&p, whole_communities &out)
+{
+    const left_anchor left = parse_left(p);
+    const right_anchor right = peek_right(p);
     const std::size_t first = out.count;
     if (skip(p, "(")) {
         do {
-            if (!parse_literal(p, PLACE_ANY, out)) {
+            if (!parse_literal(p, left, right, out)) {
                 return false;
             }
         } while (skip(p, "|"));
         if (!skip(p, ")")) {
             return false;
         }
-    } else if (!parse_literal(p, PLACE_ANY, out)) {
+    } else if (!parse_literal(p, left, right, out)) {
         return false;
     }
-    bool right_token = skip(p, "( |$)") || skip(p, "($| )");
-    if (!right_token && !skip(p, "$")) {
+    if (right == right_anchor::token) {
+        skip(p, "( |$)") || skip(p, "($| )");
+    } else if (right == right_anchor::end && !skip(p, "$")) {
         return false;
     }
-    const token_place place = left_token ? (right_token ? PLACE_ANY : PLACE_LAST)
-                                         : (right_token ? PLACE_FIRST : PLACE_SOLE);
     for (std::size_t i = first; i < out.count; i++) {
-        out.literals[i].place = place;
+        out.literals[i].place = place_of(left, right);
     }
     return true;
 }
@@ -924,7 +1005,7 @@ void for_each_community_entry(const t_community_list *list, F &&fn)
 // its whole-community patterns by place, then the patterns that need the
 // text, the ones the automaton took marked.
 struct community_index : _t_pol_list_exec_index {
-    value_set sets[PLACE_COUNT];
+    value_set sets[KIND_COUNT][PLACE_COUNT];
     const t_community_entry **text_entries;
     bool *in_automaton;
     std::size_t n_text;
@@ -932,7 +1013,15 @@ struct community_index : _t_pol_list_exec_index {
 
     bool standard_matches(const t_bgp_community &comms) const
     {
-        return sets[PLACE_ANY].contains_any(comms.communities, comms.n_communities);
+        return sets[KIND_VALUE][PLACE_ANY].contains_any(comms.communities, comms.n_communities);
+    }
+
+    // One community against the sets of a place.
+    bool stands(token_place place, uint32_t v) const
+    {
+        return sets[KIND_VALUE][place].contains(v) ||
+               (sets[KIND_HIGH][place].n_slots != 0 && sets[KIND_HIGH][place].contains(v >> 16) &&
+                well_known(v) == nullptr);
     }
 
     // The values stand where their sets need them among the r rendered ones.
@@ -941,8 +1030,13 @@ struct community_index : _t_pol_list_exec_index {
         if (r == 0) {
             return false;
         }
-        return sets[PLACE_ANY].contains_any(values, r) || sets[PLACE_FIRST].contains(values[0]) ||
-               sets[PLACE_LAST].contains(values[r - 1]) || (r == 1 && sets[PLACE_SOLE].contains(values[0]));
+        for (uint32_t i = 0; i < r; i++) {
+            if (stands(PLACE_ANY, values[i])) {
+                return true;
+            }
+        }
+        return stands(PLACE_FIRST, values[0]) || stands(PLACE_LAST, values[r - 1]) ||
+               (r == 1 && stands(PLACE_SOLE, values[0]));
     }
 
     bool text_matches(const char *text, std::size_t length) const
@@ -982,7 +1076,7 @@ pattern_route route_of(const t_community_entry *e, whole_communities &lits)
 }
 
 struct community_sizes {
-    std::size_t per_place[PLACE_COUNT] = {};
+    std::size_t per_place[KIND_COUNT][PLACE_COUNT] = {};
     std::size_t text = 0;
 };
 
@@ -991,7 +1085,7 @@ community_sizes measure_communities(const t_community_list *list)
     community_sizes n;
     for_each_community_entry(list, [&](const t_community_entry *e) {
         if (list->type == COMM_LIST_TYPE_STANDARD) {
-            n.per_place[PLACE_ANY]++;
+            n.per_place[KIND_VALUE][PLACE_ANY]++;
             return;
         }
         whole_communities lits;
@@ -999,7 +1093,7 @@ community_sizes measure_communities(const t_community_list *list)
             n.text++;
         }
         for (std::size_t i = 0; i < lits.count; i++) {
-            n.per_place[lits.literals[i].place]++;
+            n.per_place[lits.literals[i].kind][lits.literals[i].place]++;
         }
     });
     return n;
@@ -1009,7 +1103,7 @@ void fill_communities(community_index *index, const t_community_list *list)
 {
     for_each_community_entry(list, [&](const t_community_entry *e) {
         if (list->type == COMM_LIST_TYPE_STANDARD) {
-            index->sets[PLACE_ANY].add(e->community);
+            index->sets[KIND_VALUE][PLACE_ANY].add(e->community);
             return;
         }
         whole_communities lits;
@@ -1017,8 +1111,9 @@ void fill_communities(community_index *index, const t_community_list *list)
             index->text_entries[index->n_text++] = e;
         }
         for (std::size_t i = 0; i < lits.count; i++) {
-            if (lits.literals[i].occurs) {
-                index->sets[lits.literals[i].place].add(lits.literals[i].value);
+            const whole_communities::literal &lit = lits.literals[i];
+            if (lit.occurs) {
+                index->sets[lit.kind][lit.place].add(lit.value);
             }
         }
     });
@@ -1053,9 +1148,11 @@ community_index *build_community_index(const t_community_list *list)
 {
     const community_sizes n = measure_communities(list);
     block_layout layout{sizeof(community_index)};
-    std::size_t set_at[PLACE_COUNT];
-    for (std::size_t place = 0; place < PLACE_COUNT; place++) {
-        set_at[place] = layout.place<uint64_t>(value_set::slots_for(n.per_place[place]));
+    std::size_t set_at[KIND_COUNT][PLACE_COUNT];
+    for (std::size_t kind = 0; kind < KIND_COUNT; kind++) {
+        for (std::size_t place = 0; place < PLACE_COUNT; place++) {
+            set_at[kind][place] = layout.place<uint64_t>(value_set::slots_for(n.per_place[kind][place]));
+        }
     }
     const std::size_t entries_at = layout.place<const t_community_entry *>(n.text);
     const std::size_t texts_at = layout.place<const char *>(n.text);
@@ -1064,8 +1161,11 @@ community_index *build_community_index(const t_community_list *list)
     if (index == nullptr) {
         return nullptr;
     }
-    for (std::size_t place = 0; place < PLACE_COUNT; place++) {
-        index->sets[place] = {array_at<uint64_t>(index, set_at[place]), value_set::slots_for(n.per_place[place])};
+    for (std::size_t kind = 0; kind < KIND_COUNT; kind++) {
+        for (std::size_t place = 0; place < PLACE_COUNT; place++) {
+            index->sets[kind][place] = {array_at<uint64_t>(index, set_at[kind][place]),
+                                        value_set::slots_for(n.per_place[kind][place])};
+        }
     }
     index->text_entries = array_at<const t_community_entry *>(index, entries_at);
     index->in_automaton = array_at<bool>(index, flags_at);
@@ -1172,9 +1272,11 @@ struct list_use {
 // and those of the admitting lists, in sequence order. Positions number
 // the sequences some route can match, in sequence order.
 struct sequence_index : _t_pol_block_exec_index {
+    uint64_t list_changes;  // g_pol_list_changes when the lists were last seen current
     prefix_table table;
     named_list *lists;
     uint32_t n_lists;
+    uint64_t known;  // the prefix bit when candidates are chosen by their lists
     uint32_t *postings;      // positions, grouped by list, ascending in each
     t_pol_entry **by_position;
     t_pol_entry *last;  // the block's last sequence, whatever it matches
@@ -1187,16 +1289,22 @@ struct sequence_index : _t_pol_block_exec_index {
     uint32_t *chosen;
     t_pol_entry **out;
 
-    bool current(const t_pol_block *block) const
+    // Built from the block as it is and from its lists as they are. While
+    // no list of the process changed, the lists need no look.
+    bool current(const t_pol_block *block)
     {
         if (generation != block->generation) {
             return false;
+        }
+        if (list_changes == g_pol_list_changes) {
+            return true;
         }
         for (uint32_t l = 0; l < n_lists; l++) {
             if (lists[l].list->generation != lists[l].generation) {
                 return false;
             }
         }
+        list_changes = g_pol_list_changes;
         return true;
     }
 
@@ -1224,7 +1332,7 @@ struct sequence_index : _t_pol_block_exec_index {
         const int kind = kind_slot(POL_SAFI_VROUTE);
         const uint32_t lists_hit = admitting_lists(route);
         if (lists_hit == 0) {
-            return {always[kind], n_always[kind], nullptr};
+            return {always[kind], n_always[kind], nullptr, 0};
         }
         uint32_t n = n_always[kind];
         std::copy(always_positions, always_positions + n, chosen);
@@ -1237,7 +1345,7 @@ struct sequence_index : _t_pol_block_exec_index {
         for (uint32_t i = 0; i < n; i++) {
             out[i] = by_position[chosen[i]];
         }
-        return {out, n, nullptr};
+        return {out, n, nullptr, 0};
     }
 };
 
@@ -1247,7 +1355,9 @@ struct sequence_counts {
     uint32_t uses = 0;
 };
 
-sequence_counts count_sequences(t_pol_block *block)
+// by_kind_only: the prefix conditions are not indexed but tested with the
+// rest; every sequence a route can match is then visited by kind.
+sequence_counts count_sequences(t_pol_block *block, bool by_kind_only)
 {
     sequence_counts n;
     for_each_sequence(block, [&](t_pol_entry *e) {
@@ -1255,7 +1365,7 @@ sequence_counts count_sequences(t_pol_block *block)
             return;
         }
         n.positions++;
-        if (has_prefix_condition(e)) {
+        if (has_prefix_condition(e) && !by_kind_only) {
             n.uses++;
         } else {
             n.always[kind_slot_of(e)]++;
@@ -1292,7 +1402,7 @@ void fill_sequences(sequence_index *index, t_pol_block *block, const list_use *u
         if (!can_match(e)) {
             return;
         }
-        if (!has_prefix_condition(e)) {
+        if (!has_prefix_condition(e) || n_uses == 0) {
             const int kind = kind_slot_of(e);
             if (kind == kind_slot(POL_SAFI_VROUTE)) {
                 index->always_positions[filled[kind]] = position;
@@ -1361,9 +1471,15 @@ sequence_index *build_sequence_index(t_pol_block *block, const sequence_counts &
 
 // Counts, then sorts the prefix conditions by list in a scratch array of
 // the policy's category, then builds; null when either allocation fails.
+// Below this many prefix conditions a policy's sequences are only sorted
+// by route kind: probing each list of a few costs less than probing the
+// shared table and ordering its answer.
+constexpr uint32_t kIndexedPrefixConditions = 8;
+
 sequence_index *build_sequence_index(t_pol_block *block)
 {
-    const sequence_counts n = count_sequences(block);
+    const bool by_kind_only = count_sequences(block, false).uses < kIndexedPrefixConditions;
+    const sequence_counts n = count_sequences(block, by_kind_only);
     if (n.positions == 0) {
         return nullptr;
     }
@@ -1376,7 +1492,7 @@ sequence_index *build_sequence_index(t_pol_block *block)
         if (!can_match(e)) {
             return;
         }
-        if (has_prefix_condition(e)) {
+        if (has_prefix_condition(e) && !by_kind_only) {
             uses[used++] = {e->match_entry.match_pfx_list_p, position};
         }
         position++;
@@ -1386,6 +1502,8 @@ sequence_index *build_sequence_index(t_pol_block *block)
     pol_free(uses, POL_MEM_BLOCK);
     if (index != nullptr) {
         index->generation = block->generation;
+        index->list_changes = g_pol_list_changes;
+        index->known = by_kind_only ? 0 : POL_MATCH_FLAG_PFX_LIST;
     }
     return index;
 }
@@ -1495,11 +1613,12 @@ bool sequence_candidates(t_pol_block *block, const t_pol_exec_params *params, ca
         }
     }
     if (kind != kind_slot(POL_SAFI_VROUTE)) {
-        *out = {index->always[kind], index->n_always[kind], nullptr};
+        *out = {index->always[kind], index->n_always[kind], nullptr, 0};
     } else {
         *out = index->of_virtual_route(params->u.vroute_info.prefix);
     }
     out->last = index->last;
+    out->known = index->known;
     return true;
 }
 

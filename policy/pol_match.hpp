@@ -45,9 +45,11 @@ std::size_t render_communities(char *buf, const uint32_t *values, uint32_t count
 // A route's community text, rendered on first use and kept for the rest
 // of the route's evaluation.
 struct community_text {
-    char text[POL_COMMUNITY_LIST_STR_SIZE];
+    char text[POL_COMMUNITY_LIST_STR_SIZE];  // not cleared: written before it is read
     std::size_t length = 0;
     bool ready = false;
+
+    community_text() {}
 
     const char *of(const t_bgp_community &comms);
 };
@@ -57,14 +59,16 @@ struct community_text {
 bool community_list_matches(t_community_list *list, const t_bgp_community &comms, community_text &text);
 
 // The sequences of a policy that a route may match, in sequence order:
-// of the route's kind, and with a prefix condition only when the route
-// satisfies it (no need to test it again). Valid until the next call for
-// the block. False when there is no index (unknown route kind, nothing
-// to index, or no memory): then every sequence is to be visited.
+// of the route's kind and, in a policy with many prefix conditions, with
+// a prefix condition only when the route satisfies it (known then holds
+// its bit: no need to test it again). Valid until the next call for the
+// block. False when there is no index (unknown route kind, nothing to
+// index, or no memory): then every sequence is to be visited.
 struct candidates {
     t_pol_entry *const *entries;
     uint32_t count;
     t_pol_entry *last;  // the block's last sequence
+    uint64_t known;     // condition bits that hold for every candidate
 };
 bool sequence_candidates(t_pol_block *block, const t_pol_exec_params *params, candidates *out);
 

@@ -296,12 +296,16 @@ TEST_F(Exec, ListIndexesFallBackToTheEntriesWhenTheirAllocationFails)
          [](int i) { return vroute(1, std::vector<const char *>{"10.1.0.0/16", "10.1.1.0/24", "172.16.1.0/24",
                                                                  "192.168.0.0/16"}[i]); },
          {true, false, false, true}, {true, false, true, true}},
-        // The policy's sequence index, over the same prefix conditions.
+        // The policy's sequence index, over the prefix conditions of enough
+        // sequences to be indexed (the first decides).
         {"sequence index", POL_MEM_BLOCK,
          [&](t_pol_entry *e) {
              add_pfx_to(key2, "10.0.0.0/8", PFX_OP_LE, 0, 16);
              add_pfx_to(key2, "192.168.0.0/16", PFX_OP_EQ, 0, 0);
              pol_entry_match_pfx_list_add(ctx_, e, &key2, &changed_);
+             for (uint32_t n = 11; n < 20; n++) {
+                 pol_entry_match_pfx_list_add(ctx_, seq(n, POL_MATCH_VROUTE), &key2, &changed_);
+             }
          },
          [&] { add_pfx_to(key2, "172.16.0.0/12", PFX_OP_GE, 24, 0); },
          [&] { return block_->exec_index; },

@@ -964,9 +964,14 @@ std::string random_pattern(rng &r, const std::vector<uint32_t> &pool)
     static const char *const kLeft[] = {"(^| )", "( |^)", "^", "", ""};
     static const char *const kRight[] = {"( |$)", "($| )", "$", "", ""};
     static const char *const kRepeat[] = {"", "", "", "*", "+", "?", "{2}", "{0,1}", "{1,}", "**"};
+    static const char *const kUpperHalf[] = {"65000:", "65001:[0-9]+", "65000:[0-9]*", "065000:", "1:[0-9]+",
+                                             "65535:", "0:[0-9]+"};
     auto community = [&] {
         if (r.percent(15)) {
             return std::string(r.percent(50) ? "065000:1" : (r.percent(50) ? "65535:65281" : "0:0"));
+        }
+        if (r.percent(20)) {
+            return std::string(r.pick(kUpperHalf));
         }
         return community_string(pool[r.below(static_cast<uint32_t>(pool.size()))]);
     };
@@ -1016,6 +1021,13 @@ TEST_F(ExecDifferential, ExpandedPatternShapesMeanWhatRegexecMeans)
         {"65000:1", {65000u << 16 | 10}, true},
         {"^$", {}, true},
         {"(^| )1:1( |$)", std::vector<uint32_t>(60, 2u << 16 | 2), false},
+        {"^65100:", {65100u << 16 | 7, 1}, true},
+        {"^65100:", {1, 65100u << 16 | 7}, false},
+        {"(^| )65200:[0-9]+$", {1, 65200u << 16 | 9}, true},
+        {"^65100:$", {65100u << 16 | 7}, false},
+        {"(^| )65535:", {0xFFFFFF01u}, false},  // no-export has no upper half in its text
+        {"no-export", {1, 0xFFFFFF01u}, true},
+        {"5100:", {65100u << 16 | 7}, true},  // inside a token: left to the automaton
     };
     for (const auto &c : kCases) {
         SCOPED_TRACE(c.pattern);
