@@ -364,7 +364,10 @@ struct prefix_groups {
 
     static std::size_t slots_for(std::size_t entries) { return entries == 0 ? 0 : entries + entries / 2 + 1; }
 
-    static uint64_t hash(const bits128 &key, uint8_t len) { return mix64(key.hi ^ mix64(key.lo ^ len)); }
+    static uint64_t hash(const bits128 &key, uint8_t len)
+    {
+        return mix64(key.hi ^ ((key.lo << 17) | (key.lo >> 47)) ^ (len * 0x9e3779b97f4a7c15ULL));
+    }
 
     // The group's slot, or the empty slot where it would go.
     group_slot *probe(const bits128 &key, uint8_t len) const
@@ -652,13 +655,17 @@ uint32_t fitting_tokens(const uint32_t *values, uint32_t count)
 
 /* ---- value sets ---- */
 
-// A set of community values in a flat open-addressing table; a slot holds
-// the value with bit 32 set, 0 when empty.
+// A set of community values. Up to kSmall values sit in a row compared
+// one by one (cheaper than hashing); more go in a flat open-addressing
+// table where a slot holds the value with bit 32 set, 0 when empty.
 struct value_set {
     uint64_t *slots;
     std::size_t n_slots;  // 0: the set is empty
+    std::size_t n_small;  // values in the row; 0 when the table is used
 
-    static std::size_t slots_for(std::size_t values) { return values == 0 ? 0 : values * 2 + 1; }
+    static constexpr std::size_t kSmall = 8;
+
+    static std::size_t slots_for(std::size_t values) { return values <= kSmall ? values : values * 2 + 1; }
 
     uint64_t *probe(uint32_t value) const
     {
@@ -670,13 +677,32 @@ struct value_set {
         }
     }
 
-    void add(uint32_t value) { *probe(value) = value | (1ULL << 32); }
+    void add(uint32_t value)
+    {
+        if (n_slots <= kSmall) {
+            slots[n_small++] = value | (1ULL << 32);
+        } else {
+            *probe(value) = value | (1ULL << 32);
+        }
+    }
 
-    bool contains(uint32_t value) const { return n_slots != 0 && *probe(value) != 0; }
+    bool contains(uint32_t value) const
+    {
+        if (n_slots <= kSmall) {
+            bool found = false;
+            for (std::size_t i = 0; i < n_small; i++) {
+                found |= slots[i] == (value | (1ULL << 32));
+            }
+            return found;
+        }
+        return *probe(value) != 0;
+    }
+
+    bool empty() const { return n_slots == 0; }
 
     bool contains_any(const uint32_t *values, uint32_t count) const
     {
-        if (n_slots == 0) {
+        if (empty()) {
             return false;
         }
         for (uint32_t i = 0; i < count; i++) {
@@ -1020,7 +1046,7 @@ struct community_index : _t_pol_list_exec_index {
     bool stands(token_place place, uint32_t v) const
     {
         return sets[KIND_VALUE][place].contains(v) ||
-               (sets[KIND_HIGH][place].n_slots != 0 && sets[KIND_HIGH][place].contains(v >> 16) &&
+               (!sets[KIND_HIGH][place].empty() && sets[KIND_HIGH][place].contains(v >> 16) &&
                 well_known(v) == nullptr);
     }
 
@@ -1164,7 +1190,7 @@ community_index *build_community_index(const t_community_list *list)
     for (std::size_t kind = 0; kind < KIND_COUNT; kind++) {
         for (std::size_t place = 0; place < PLACE_COUNT; place++) {
             index->sets[kind][place] = {array_at<uint64_t>(index, set_at[kind][place]),
-                                        value_set::slots_for(n.per_place[kind][place])};
+                                        value_set::slots_for(n.per_place[kind][place]), 0};
         }
     }
     index->text_entries = array_at<const t_community_entry *>(index, entries_at);
