@@ -341,11 +341,13 @@ bits128 masked_bits(const t_ipaddr &addr, uint8_t len)
 constexpr std::size_t kLengths = 129;  // 0 to 128
 
 // One group: the rules of the entries of one (length, masked prefix).
-// 24 bytes: the count and the length share a word.
+// 32 bytes: the count and the length share a word, and a group of one rule
+// holds it, so that a probe touches one line.
 struct group_slot {
     bits128 key;
     uint32_t first;      // index of the group's first rule in the part's rules
     uint32_t count_len;  // rules in the low 24 bits (0: empty slot), length in the high 8
+    length_rule head;    // a rule of the group: its only one when it has one
 
     uint32_t count() const { return count_len & 0xFFFFFFu; }
     uint8_t len() const { return static_cast<uint8_t>(count_len >> 24); }
@@ -369,10 +371,14 @@ struct prefix_groups {
         return mix64(key.hi ^ ((key.lo << 17) | (key.lo >> 47)) ^ (len * 0x9e3779b97f4a7c15ULL));
     }
 
+    std::size_t home(const bits128 &key, uint8_t len) const { return reduce(hash(key, len), n_slots); }
+
     // The group's slot, or the empty slot where it would go.
-    group_slot *probe(const bits128 &key, uint8_t len) const
+    group_slot *probe(const bits128 &key, uint8_t len) const { return probe_from(home(key, len), key, len); }
+
+    group_slot *probe_from(std::size_t i, const bits128 &key, uint8_t len) const
     {
-        for (std::size_t i = reduce(hash(key, len), n_slots);; i = i + 1 == n_slots ? 0 : i + 1) {
+        for (;; i = i + 1 == n_slots ? 0 : i + 1) {
             group_slot &s = slots[i];
             if (s.count() == 0 || (s.len() == len && s.key == key)) {
                 return &s;
@@ -417,6 +423,7 @@ struct prefix_groups {
     {
         group_slot *s = probe(key, len);
         rules[--s->first] = rule;
+        s->head = rule;
     }
 
     // Calls fn on every rule of a group containing the route whose length
@@ -424,9 +431,22 @@ struct prefix_groups {
     template <typename F>
     bool find(const t_ipaddr &addr, uint8_t clamped_len, uint8_t route_len, F &&fn) const
     {
+        // Every home slot first, fetched together, then the probes.
         const bits128 bits = address_bits(addr);
-        for (uint8_t i = 0; i < n_lengths && lengths[i] <= clamped_len; i++) {
-            const group_slot *s = probe(masked(bits, lengths[i]), lengths[i]);
+        std::size_t homes[kLengths];
+        uint8_t n = 0;
+        for (; n < n_lengths && lengths[n] <= clamped_len; n++) {
+            homes[n] = home(masked(bits, lengths[n]), lengths[n]);
+            __builtin_prefetch(&slots[homes[n]]);
+        }
+        for (uint8_t i = 0; i < n; i++) {
+            const group_slot *s = probe_from(homes[i], masked(bits, lengths[i]), lengths[i]);
+            if (s->count() == 1) {
+                if (s->head.holds(route_len) && fn(s->head)) {
+                    return true;
+                }
+                continue;
+            }
             for (uint32_t r = 0; r < s->count(); r++) {
                 const length_rule &rule = rules[s->first + r];
                 if (rule.holds(route_len) && fn(rule)) {
