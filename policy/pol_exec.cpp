@@ -425,8 +425,7 @@ bool pol_exec_match_color(t_pol_match_entry *m, t_pol_exec_params *p)
 
 bool pol_exec_match_color_list(t_pol_match_entry *m, t_pol_exec_params *p)
 {
-    return m->match_color_list_p != nullptr &&
-           pol_color_list_lookup(m->match_color_list_p, route_tloc(m, p).color) != nullptr;
+    return pol::color_list_contains(m->match_color_list_p, route_tloc(m, p).color);
 }
 
 bool pol_exec_match(t_pol_entry *entry, t_pol_exec_params *params)

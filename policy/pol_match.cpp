@@ -275,6 +275,30 @@ bool list_contains(List *list, uint64_t id, e_pol_mem mem)
     return found;
 }
 
+/* ---- colour sets ---- */
+
+// The colours of a colour list that a TLOC can carry (eight bits), one bit
+// each.
+struct color_set : _t_pol_list_exec_index {
+    uint64_t bits[4];
+
+    bool contains(uint8_t color) const { return (bits[color / 64] >> (color % 64) & 1) != 0; }
+};
+
+color_set *build_color_set(const t_color_list *list)
+{
+    color_set *set = alloc_index<color_set>(block_layout{sizeof(color_set)}, POL_MEM_LIST_COLOR);
+    if (set == nullptr) {
+        return nullptr;
+    }
+    for (const t_color_entry *e = TAILQ_FIRST(&list->color_entry_head); e; e = TAILQ_NEXT(e, color_entry)) {
+        if (e->color <= UINT8_MAX) {
+            set->bits[e->color / 64] |= 1ULL << (e->color % 64);
+        }
+    }
+    return set;
+}
+
 /* ---- the prefix group table ---- */
 
 // A prefix as two big-endian 64-bit words, so that masking to a length is
@@ -1596,6 +1620,17 @@ bool vpn_list_contains(t_vpn_list *list, uint64_t vpn_id)
 bool site_list_contains(t_site_list *list, uint32_t site_id)
 {
     return list_contains(list, site_id, POL_MEM_LIST_SITE);
+}
+
+bool color_list_contains(t_color_list *list, uint8_t color)
+{
+    if (list == nullptr) {
+        return false;
+    }
+    if (const color_set *set = current_index<color_set>(list, build_color_set)) {
+        return set->contains(color);
+    }
+    return pol_color_list_lookup(list, color) != nullptr;
 }
 
 std::size_t render_communities(char *buf, const uint32_t *values, uint32_t count)

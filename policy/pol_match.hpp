@@ -1,7 +1,8 @@
 // Matching a route against the named lists: what each prefix-length
 // operator means, and the match-time indexes that answer a list condition
 // without walking the list's entries (the prefix group table of a prefix
-// list, the interval sets of site and VPN lists, the value sets and the
+// list, the interval sets of site and VPN lists, the colour set of a
+// colour list, the value sets and the
 // pattern automaton of a community list), and the sequence candidates of
 // a policy, which let a route skip the sequences whose prefix condition it
 // cannot satisfy.
@@ -37,6 +38,7 @@ bool pfx_entry_matches(const t_pfx_entry *entry, const t_ipprefix &route);
 bool pfx_list_matches(t_pfx_list *list, const t_ipprefix &route);
 bool vpn_list_contains(t_vpn_list *list, uint64_t vpn_id);
 bool site_list_contains(t_site_list *list, uint32_t site_id);
+bool color_list_contains(t_color_list *list, uint8_t color);
 
 // The text of a route's communities, the one community_list_getstr
 // writes, with a plain decimal writer; returns its length.

@@ -285,6 +285,20 @@ TEST_F(Exec, ListIndexesFallBackToTheEntriesWhenTheirAllocationFails)
          [&] { return pol_vpn_list_find(ctx_, "V")->exec_index; },
          [](int i) { return vroute(std::vector<uint64_t>{0, 5, 20, 30}[i]); },
          {false, true, false, true}, {false, true, true, true}},
+        {"colour list", POL_MEM_LIST_COLOR,
+         [&](t_pol_entry *e) {
+             ASSERT_EQ(pol_color_list_add_entry(ctx_, "C", 3), ERR_OK);
+             ASSERT_EQ(pol_color_list_add_entry(ctx_, "C", 5), ERR_OK);
+             pol_entry_match_color_list_add(ctx_, e, "C", &changed_);
+         },
+         [&] { ASSERT_EQ(pol_color_list_add_entry(ctx_, "C", 7), ERR_OK); },
+         [&] { return pol_color_list_find(ctx_, "C")->exec_index; },
+         [](int i) {
+             Route r = vroute(1);
+             r.attr.tloc.color = std::vector<uint8_t>{1, 3, 7, 5}[i];
+             return r;
+         },
+         {false, true, false, true}, {false, true, true, true}},
         {"prefix list", POL_MEM_LIST_PREFIX,
          [&](t_pol_entry *e) {
              add_pfx("10.0.0.0/8", PFX_OP_LE, 0, 16);
