@@ -10,6 +10,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <bit>
 
 #include <zen/zen_util.h>
 
@@ -46,9 +47,39 @@ uint64_t route_vpn(const t_pol_exec_params *params)
     return params->u.vroute_info.vpn_id;
 }
 
+// Which members of the route union the route kind carries: a VPN id for
+// virtual and service routes, a prefix for virtual routes only. A
+// condition on a field the route does not carry fails.
+bool carries_vpn(const t_pol_exec_params *params)
+{
+    return params->safi == POL_SAFI_VROUTE || params->safi == POL_SAFI_SERVICE;
+}
+
+bool carries_prefix(const t_pol_exec_params *params)
+{
+    return params->safi == POL_SAFI_VROUTE;
+}
+
+// One route's evaluation: its record, and its community text, rendered
+// once when an expanded list first needs it.
+struct route_eval {
+    t_pol_exec_params *params;
+    pol::community_text text;
+
+    explicit route_eval(t_pol_exec_params *p) : params(p) {}
+};
+
+bool community_condition(t_pol_match_entry *m, route_eval &ev, community_list_type kind)
+{
+    t_community_list *list = kind == COMM_LIST_TYPE_STANDARD ? m->match_community_list_p
+                                                             : m->match_exp_community_list_p;
+    const t_bgp_community *comms = route_attr(ev.params).community_p;
+    return list != nullptr && comms != nullptr && pol::community_list_matches(list, *comms, ev.text);
+}
+
 /* ---- the condition table ---- */
 
-using condition_f = bool (*)(t_pol_match_entry *, t_pol_exec_params *);
+using condition_f = bool (*)(t_pol_match_entry *, route_eval &);
 
 struct condition {
     uint64_t bit;        // sequence bit
@@ -56,38 +87,94 @@ struct condition {
     bool records;        // single-value conditions record their bit
 };
 
-bool community_list_standard(t_pol_match_entry *m, t_pol_exec_params *p)
+template <bool (*Test)(t_pol_match_entry *, t_pol_exec_params *)>
+bool plain(t_pol_match_entry *m, route_eval &ev)
 {
-    return pol_exec_match_community_list(m, p, COMM_LIST_TYPE_STANDARD);
+    return Test(m, ev.params);
 }
 
-bool community_list_expanded(t_pol_match_entry *m, t_pol_exec_params *p)
+bool community_list_standard(t_pol_match_entry *m, route_eval &ev)
 {
-    return pol_exec_match_community_list(m, p, COMM_LIST_TYPE_EXPANDED);
+    return community_condition(m, ev, COMM_LIST_TYPE_STANDARD);
+}
+
+bool community_list_expanded(t_pol_match_entry *m, route_eval &ev)
+{
+    return community_condition(m, ev, COMM_LIST_TYPE_EXPANDED);
 }
 
 // In evaluation order.
 const condition kConditions[] = {
-    {POL_MATCH_FLAG_TAG, pol_exec_match_tag, true},
-    {POL_MATCH_FLAG_ORIGIN_METRIC, pol_exec_match_origin_metric, true},
-    {POL_MATCH_FLAG_PREFERENCE, pol_exec_match_preference, true},
-    {POL_MATCH_FLAG_DOMAIN, pol_exec_match_domain, true},
-    {POL_MATCH_FLAG_GROUP, pol_exec_match_group, true},
-    {POL_MATCH_FLAG_VPN_ID, pol_exec_match_vpn_id, true},
-    {POL_MATCH_FLAG_VPN_LIST, pol_exec_match_vpn_list, false},
-    {POL_MATCH_FLAG_TLOC, pol_exec_match_tloc, true},
-    {POL_MATCH_FLAG_TLOC_LIST, pol_exec_match_tloc_list, false},
-    {POL_MATCH_FLAG_SITE, pol_exec_match_site, true},
-    {POL_MATCH_FLAG_SITE_LIST, pol_exec_match_site_list, false},
+    {POL_MATCH_FLAG_TAG, plain<pol_exec_match_tag>, true},
+    {POL_MATCH_FLAG_ORIGIN_METRIC, plain<pol_exec_match_origin_metric>, true},
+    {POL_MATCH_FLAG_PREFERENCE, plain<pol_exec_match_preference>, true},
+    {POL_MATCH_FLAG_DOMAIN, plain<pol_exec_match_domain>, true},
+    {POL_MATCH_FLAG_GROUP, plain<pol_exec_match_group>, true},
+    {POL_MATCH_FLAG_VPN_ID, plain<pol_exec_match_vpn_id>, true},
+    {POL_MATCH_FLAG_VPN_LIST, plain<pol_exec_match_vpn_list>, false},
+    {POL_MATCH_FLAG_TLOC, plain<pol_exec_match_tloc>, true},
+    {POL_MATCH_FLAG_TLOC_LIST, plain<pol_exec_match_tloc_list>, false},
+    {POL_MATCH_FLAG_SITE, plain<pol_exec_match_site>, true},
+    {POL_MATCH_FLAG_SITE_LIST, plain<pol_exec_match_site_list>, false},
     {POL_MATCH_FLAG_COMMUNITY_LIST, community_list_standard, false},
     {POL_MATCH_FLAG_EXP_COMMUNITY_LIST, community_list_expanded, false},
-    {POL_MATCH_FLAG_PFX_LIST, pol_exec_match_pfx_list, false},
-    {POL_MATCH_FLAG_ORIGIN, pol_exec_match_origin, true},
-    {POL_MATCH_FLAG_ORIGINATOR, pol_exec_match_originator, true},
-    {POL_MATCH_FLAG_CARRIER, pol_exec_match_carrier, true},
-    {POL_MATCH_FLAG_COLOR, pol_exec_match_color, true},
-    {POL_MATCH_FLAG_COLOR_LIST, pol_exec_match_color_list, false},
+    {POL_MATCH_FLAG_PFX_LIST, plain<pol_exec_match_pfx_list>, false},
+    {POL_MATCH_FLAG_ORIGIN, plain<pol_exec_match_origin>, true},
+    {POL_MATCH_FLAG_ORIGINATOR, plain<pol_exec_match_originator>, true},
+    {POL_MATCH_FLAG_CARRIER, plain<pol_exec_match_carrier>, true},
+    {POL_MATCH_FLAG_COLOR, plain<pol_exec_match_color>, true},
+    {POL_MATCH_FLAG_COLOR_LIST, plain<pol_exec_match_color_list>, false},
 };
+
+// All conditions of one sequence, in table order, stopping at the first
+// that fails; skip holds the bits already known to hold. Only single-value
+// conditions record their bit.
+constexpr std::size_t kConditionCount = sizeof(kConditions) / sizeof(kConditions[0]);
+static_assert(kConditionCount <= 32);
+
+// For each sequence bit, one bit at its condition's place in the table.
+struct condition_order {
+    uint32_t place_of_bit[64] = {};
+
+    constexpr condition_order()
+    {
+        for (std::size_t i = 0; i < kConditionCount; i++) {
+            place_of_bit[std::countr_zero(kConditions[i].bit)] = 1u << i;
+        }
+    }
+
+    // The conditions of a sequence's bits, as places in evaluation order.
+    uint32_t places(uint64_t flags) const
+    {
+        uint32_t out = 0;
+        for (; flags != 0; flags &= flags - 1) {
+            out |= place_of_bit[std::countr_zero(flags)];
+        }
+        return out;
+    }
+};
+constexpr condition_order kOrder;
+
+// All conditions of one sequence, in table order, stopping at the first
+// that fails; skip holds the bits already known to hold. Only single-value
+// conditions record their bit.
+bool match_sequence(t_pol_entry *entry, route_eval &ev, uint64_t skip)
+{
+    t_pol_match_entry *m = &entry->match_entry;
+    if (!pol_exec_match_valid(entry, m, ev.params)) {
+        return false;
+    }
+    for (uint32_t places = kOrder.places(entry->entry_match_flags & ~skip); places != 0; places &= places - 1) {
+        const condition &c = kConditions[std::countr_zero(places)];
+        if (!c.test(m, ev)) {
+            return false;
+        }
+        if (c.records) {
+            ev.params->entry_match_flags |= c.bit;
+        }
+    }
+    return true;
+}
 
 /* ---- set actions ---- */
 
@@ -163,6 +250,38 @@ void resolve_tloc(t_pol_user *user, t_pol_exec_params *params, const t_tloc_id &
                        nullptr, nullptr, params->te_info_p, preference);
 }
 
+// The first sequence, in ascending number, whose conditions all hold. With
+// the block's sequence index only the candidates are tried (their prefix
+// condition already holds); when none matches, the block's last sequence
+// is evaluated all the same, so that the recorded condition bits are those
+// a walk over every sequence leaves behind.
+t_pol_entry *first_matching_sequence(t_pol_block *block, t_pol_exec_params *params)
+{
+    route_eval ev(params);
+    pol::candidates c{};
+    if (!pol::sequence_candidates(block, params, &c)) {
+        pol::tree<t_pol_entry> sequences(&block->pol_entries);
+        for (t_pol_entry *entry = sequences.first(); entry != nullptr; entry = sequences.next(entry)) {
+            params->entry_match_flags = 0;
+            if (match_sequence(entry, ev, 0)) {
+                return entry;
+            }
+        }
+        return nullptr;
+    }
+    for (uint32_t i = 0; i < c.count; i++) {
+        params->entry_match_flags = 0;
+        if (match_sequence(c.entries[i], ev, c.known)) {
+            return c.entries[i];
+        }
+    }
+    if (c.last != nullptr && (c.count == 0 || c.entries[c.count - 1] != c.last)) {
+        params->entry_match_flags = 0;
+        match_sequence(c.last, ev, 0);
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 extern "C" {
@@ -216,12 +335,12 @@ bool pol_exec_match_group(t_pol_match_entry *m, t_pol_exec_params *p)
 
 bool pol_exec_match_vpn_id(t_pol_match_entry *m, t_pol_exec_params *p)
 {
-    return route_vpn(p) == m->match_vpn_id;
+    return carries_vpn(p) && route_vpn(p) == m->match_vpn_id;
 }
 
 bool pol_exec_match_vpn_list(t_pol_match_entry *m, t_pol_exec_params *p)
 {
-    return pol::vpn_list_contains(m->match_vpn_list_p, route_vpn(p));
+    return carries_vpn(p) && pol::vpn_list_contains(m->match_vpn_list_p, route_vpn(p));
 }
 
 bool pol_exec_match_tloc(t_pol_match_entry *m, t_pol_exec_params *p)
@@ -248,37 +367,18 @@ bool pol_exec_match_site_list(t_pol_match_entry *m, t_pol_exec_params *p)
 
 bool pol_exec_match_community_list(t_pol_match_entry *m, t_pol_exec_params *p, community_list_type kind)
 {
-    t_community_list *list = kind == COMM_LIST_TYPE_STANDARD ? m->match_community_list_p
-                                                             : m->match_exp_community_list_p;
-    const t_bgp_community *comms = route_attr(p).community_p;
-    if (list == nullptr || comms == nullptr) {
-        return false;
-    }
-    if (list->type == COMM_LIST_TYPE_STANDARD) {
-        for (uint32_t i = 0; i < comms->n_communities; i++) {
-            if (pol_standard_community_list_entry(list, comms->communities[i]) != nullptr) {
-                return true;
-            }
-        }
-        return false;
-    }
-    char text[POL_COMMUNITY_LIST_STR_SIZE];
-    community_list_getstr(text, comms->communities, comms->n_communities);
-    for (t_community_entry *e = TAILQ_FIRST(&list->community_entry_head); e;
-         e = TAILQ_NEXT(e, community_entry)) {
-        if (regexec(&e->comppattern, text, 0, nullptr, 0) == 0) {
-            return true;
-        }
-    }
-    return false;
+    route_eval ev(p);
+    return community_condition(m, ev, kind);
 }
 
-// The route must be of the list's family.
+// The route must carry a prefix, of the list's family.
 bool pol_exec_match_pfx_list(t_pol_match_entry *m, t_pol_exec_params *p)
 {
-    return pol::pfx_list_matches(m->match_pfx_list_p, p->u.vroute_info.prefix);
+    return carries_prefix(p) && pol::pfx_list_matches(m->match_pfx_list_p, p->u.vroute_info.prefix);
 }
 
+// One entry against the prefix the record holds; the route-kind rule is
+// the list condition's.
 bool pol_exec_match_pfx_entry(t_pfx_entry *e, t_pol_exec_params *p)
 {
     return pol::pfx_entry_matches(e, p->u.vroute_info.prefix);
@@ -325,30 +425,13 @@ bool pol_exec_match_color(t_pol_match_entry *m, t_pol_exec_params *p)
 
 bool pol_exec_match_color_list(t_pol_match_entry *m, t_pol_exec_params *p)
 {
-    return m->match_color_list_p != nullptr &&
-           pol_color_list_lookup(m->match_color_list_p, route_tloc(m, p).color) != nullptr;
+    return pol::color_list_contains(m->match_color_list_p, route_tloc(m, p).color);
 }
 
-// All conditions of one sequence, in table order, stopping at the first
-// that fails. Only single-value conditions record their bit.
 bool pol_exec_match(t_pol_entry *entry, t_pol_exec_params *params)
 {
-    t_pol_match_entry *m = &entry->match_entry;
-    if (!pol_exec_match_valid(entry, m, params)) {
-        return false;
-    }
-    for (const condition &c : kConditions) {
-        if ((entry->entry_match_flags & c.bit) == 0) {
-            continue;
-        }
-        if (!c.test(m, params)) {
-            return false;
-        }
-        if (c.records) {
-            params->entry_match_flags |= c.bit;
-        }
-    }
-    return true;
+    route_eval ev(params);
+    return match_sequence(entry, ev, 0);
 }
 
 /* ---- set actions ---- */
@@ -507,16 +590,13 @@ e_pol_action pol_exec_route(t_pol_user *user, t_pol_exec_params *params)
     if (block == nullptr) {
         return POL_ACTION_REJECT;
     }
-    pol::tree<t_pol_entry> sequences(&block->pol_entries);
-    for (t_pol_entry *entry = sequences.first(); entry != nullptr; entry = sequences.next(entry)) {
-        params->entry_match_flags = 0;
-        if (pol_exec_match(entry, params)) {
-            e_pol_action action = entry->entry_action;
-            if (action == POL_ACTION_ACCEPT) {
-                pol_exec_set(user, entry, params, &action);
-            }
-            return action;
+    t_pol_entry *decided = first_matching_sequence(block, params);
+    if (decided != nullptr) {
+        e_pol_action action = decided->entry_action;
+        if (action == POL_ACTION_ACCEPT) {
+            pol_exec_set(user, decided, params, &action);
         }
+        return action;
     }
     e_pol_action action = block->default_action_entry.entry_action;
     if (action == POL_ACTION_ACCEPT) {

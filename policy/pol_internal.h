@@ -483,6 +483,11 @@ void pol_exec_set_service(t_pol_user *user, t_pol_entry *entry, t_pol_exec_param
 void pol_exec_set_community(t_pol_entry *entry, t_pol_exec_params *params);
 void pol_exec_set_community_additive(t_pol_entry *entry, t_pol_exec_params *params);
 
+/* Count of entry changes over every named list of the process: a policy's
+ * sequence index built over several lists is known current while it has
+ * not moved. */
+extern uint64_t g_pol_list_changes;
+
 #ifdef __cplusplus
 }
 #endif

@@ -323,23 +323,31 @@ struct list_family {
 
     static entry_t *alloc_entry() { return alloc_record<entry_t>(Traits::entry_mem); }
 
+    // The list's match-time index is stale; so is every policy index built
+    // over lists, which a process-wide count of list changes tells at once.
+    static void bump_generation(list_t *list)
+    {
+        list->generation++;
+        g_pol_list_changes++;
+    }
+
     // Links a filled entry at the tail of the queue and into the index.
     static void link_entry(list_t *list, entry_t *entry)
     {
         queue::push_back(list->*Traits::entries, entry);
         avl_add(&list->entry_index, entry);
-        list->generation++;
+        bump_generation(list);
     }
 
     // An entry's attributes changed in place: match-time indexes are stale.
-    static void touch(list_t *list) { list->generation++; }
+    static void touch(list_t *list) { bump_generation(list); }
 
     // Unlinks and frees one entry; nobody is told.
     static void entry_remove(t_pol_ctx *, list_t *list, entry_t *entry)
     {
         queue::remove(list->*Traits::entries, entry);
         avl_remove(&list->entry_index, entry);
-        list->generation++;
+        bump_generation(list);
         Traits::on_entry_free(list, entry);
         pol_free(entry, Traits::entry_mem);
     }
@@ -352,7 +360,7 @@ struct list_family {
         });
         POL_TREE_CREATE(&list->entry_index, Traits::entry_cmp, entry_t, index_node);
         queue::init(list->*Traits::entries);
-        list->generation++;
+        bump_generation(list);
         POL_ASSERT(queue::empty(list->*Traits::entries));
     }
 

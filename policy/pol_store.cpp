@@ -8,12 +8,14 @@
 // caller's changed byte and queues the block's users.
 #include <iterator>
 
+#include "pol_match.hpp"
 #include "pol_util.hpp"
 
 namespace {
 
 void queue_users_of(t_pol_ctx *ctx, t_pol_entry *entry)
 {
+    pol::block_changed(entry->pol_block_p);
     pol_block_users_add_to_chg_list(ctx, entry->pol_block_p);
 }
 
@@ -259,6 +261,7 @@ void pol_entry_match_delete(t_pol_ctx *ctx, t_pol_entry *entry, uint8_t *changed
     pol_entry_match_community_list_delete(ctx, entry, COMM_LIST_TYPE_STANDARD, changed);
     POL_MFLAGS = 0;
     std::memset(static_cast<void *>(&POL_MATCH), 0, sizeof(POL_MATCH));
+    pol::block_changed(entry->pol_block_p);
     pol::mark_changed(changed);
     queue_users_of(ctx, entry);
 }

@@ -134,6 +134,10 @@ struct route {
     t_pol_exec_params *params;
     const t_zen_attr &attr() const { return *params->attr_in_p; }
     uint64_t vpn() const { return params->u.vroute_info.vpn_id; }
+    // A TLOC route has no VPN id and only a virtual route has a prefix:
+    // the union holds something else for the other kinds.
+    bool has_vpn() const { return params->safi == 1 || params->safi == 3; }
+    bool has_prefix() const { return params->safi == 1; }
 };
 
 // A TLOC sequence looks at the TLOC route's own locator; every other
@@ -353,9 +357,9 @@ bool condition_holds(int kind, const t_pol_match_entry &m, const route &r)
     case COND_GROUP:
         return group_holds(m, a);
     case COND_VPN_ID:
-        return r.vpn() == m.match_vpn_id;
+        return r.has_vpn() && r.vpn() == m.match_vpn_id;
     case COND_VPN_LIST:
-        return vpn_list_holds(m.match_vpn_list_p, r.vpn());
+        return r.has_vpn() && vpn_list_holds(m.match_vpn_list_p, r.vpn());
     case COND_TLOC:
         return tloc_known(m, r) && same_tloc(route_tloc(m, r), m.match_tloc);
     case COND_TLOC_LIST:
@@ -369,7 +373,7 @@ bool condition_holds(int kind, const t_pol_match_entry &m, const route &r)
     case COND_EXP_COMMUNITY_LIST:
         return community_list_holds(m.match_exp_community_list_p, r);
     case COND_PFX_LIST:
-        return pfx_list_holds(m.match_pfx_list_p, r);
+        return r.has_prefix() && pfx_list_holds(m.match_pfx_list_p, r);
     case COND_ORIGIN:
         return origin_holds(m, a);
     case COND_ORIGINATOR:

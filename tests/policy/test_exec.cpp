@@ -4,6 +4,8 @@
 // worked in test_exec_differential.cpp, beside the randomized runs.
 #include <arpa/inet.h>
 
+#include <cstring>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -243,16 +245,18 @@ TEST_F(Exec, ConditionsNeedTheirPresenceBitsAndSingleValuesRecordTheirs)
 TEST_F(Exec, ListIndexesFallBackToTheEntriesWhenTheirAllocationFails)
 {
     const t_pfx_list_key key = {POL_AF_IPV4, "L"};
-    auto add_pfx = [&](const char *p, e_pfx_op op, uint8_t min, uint8_t max) {
+    const t_pfx_list_key key2 = {POL_AF_IPV4, "L2"};
+    auto add_pfx_to = [&](const t_pfx_list_key &k, const char *p, e_pfx_op op, uint8_t min, uint8_t max) {
         const t_pfx_entry_param param{op, prefix(p), min, max};
-        ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &key, &param), ERR_OK);
+        ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &k, &param), ERR_OK);
     };
+    auto add_pfx = [&](const char *p, e_pfx_op op, uint8_t min, uint8_t max) { add_pfx_to(key, p, op, min, max); };
     struct Case {
         const char *what;
         e_pol_mem row;
         std::function<void(t_pol_entry *)> attach;  // the list's entries and the condition
         std::function<void()> grow;                 // one more entry
-        std::function<t_pol_list_exec_index *()> index;
+        std::function<const void *()> index;
         std::function<Route(int)> probe;            // route i of four
         std::vector<bool> before, after;            // accepted, before and after grow
     };
@@ -281,6 +285,20 @@ TEST_F(Exec, ListIndexesFallBackToTheEntriesWhenTheirAllocationFails)
          [&] { return pol_vpn_list_find(ctx_, "V")->exec_index; },
          [](int i) { return vroute(std::vector<uint64_t>{0, 5, 20, 30}[i]); },
          {false, true, false, true}, {false, true, true, true}},
+        {"colour list", POL_MEM_LIST_COLOR,
+         [&](t_pol_entry *e) {
+             ASSERT_EQ(pol_color_list_add_entry(ctx_, "C", 3), ERR_OK);
+             ASSERT_EQ(pol_color_list_add_entry(ctx_, "C", 5), ERR_OK);
+             pol_entry_match_color_list_add(ctx_, e, "C", &changed_);
+         },
+         [&] { ASSERT_EQ(pol_color_list_add_entry(ctx_, "C", 7), ERR_OK); },
+         [&] { return pol_color_list_find(ctx_, "C")->exec_index; },
+         [](int i) {
+             Route r = vroute(1);
+             r.attr.tloc.color = std::vector<uint8_t>{1, 3, 7, 5}[i];
+             return r;
+         },
+         {false, true, false, true}, {false, true, true, true}},
         {"prefix list", POL_MEM_LIST_PREFIX,
          [&](t_pol_entry *e) {
              add_pfx("10.0.0.0/8", PFX_OP_LE, 0, 16);
@@ -289,6 +307,22 @@ TEST_F(Exec, ListIndexesFallBackToTheEntriesWhenTheirAllocationFails)
          },
          [&] { add_pfx("172.16.0.0/12", PFX_OP_GE, 24, 0); },
          [&] { return pol_pfx_list_find(ctx_, &key)->exec_index; },
+         [](int i) { return vroute(1, std::vector<const char *>{"10.1.0.0/16", "10.1.1.0/24", "172.16.1.0/24",
+                                                                 "192.168.0.0/16"}[i]); },
+         {true, false, false, true}, {true, false, true, true}},
+        // The policy's sequence index, over the prefix conditions of enough
+        // sequences to be indexed (the first decides).
+        {"sequence index", POL_MEM_BLOCK,
+         [&](t_pol_entry *e) {
+             add_pfx_to(key2, "10.0.0.0/8", PFX_OP_LE, 0, 16);
+             add_pfx_to(key2, "192.168.0.0/16", PFX_OP_EQ, 0, 0);
+             pol_entry_match_pfx_list_add(ctx_, e, &key2, &changed_);
+             for (uint32_t n = 11; n < 20; n++) {
+                 pol_entry_match_pfx_list_add(ctx_, seq(n, POL_MATCH_VROUTE), &key2, &changed_);
+             }
+         },
+         [&] { add_pfx_to(key2, "172.16.0.0/12", PFX_OP_GE, 24, 0); },
+         [&] { return block_->exec_index; },
          [](int i) { return vroute(1, std::vector<const char *>{"10.1.0.0/16", "10.1.1.0/24", "172.16.1.0/24",
                                                                  "192.168.0.0/16"}[i]); },
          {true, false, false, true}, {true, false, true, true}},
@@ -313,6 +347,60 @@ TEST_F(Exec, ListIndexesFallBackToTheEntriesWhenTheirAllocationFails)
         check(c.before);
         c.grow();
         check(c.after);
+        pol_entry_find_and_delete(ctx_, block_, 10, &changed_);
+    }
+}
+
+// A condition on a field the route kind does not carry fails, whatever
+// the route union holds in its place: a TLOC route has no VPN id, TLOC and
+// service routes have no prefix.
+TEST_F(Exec, ConditionsOnFieldsTheRouteKindLacksFail)
+{
+    const t_pfx_list_key any_v6 = {POL_AF_IPV6, "any6"};
+    const t_pfx_list_key any_v4 = {POL_AF_IPV4, "any4"};
+    const t_pfx_entry_param all_v6{PFX_OP_LE, prefix("::/0"), 0, 128};
+    const t_pfx_entry_param all_v4{PFX_OP_LE, prefix("0.0.0.0/0"), 0, 32};
+    ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &any_v6, &all_v6), ERR_OK);
+    ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &any_v4, &all_v4), ERR_OK);
+    ASSERT_EQ(pol_vpn_list_add_entry(ctx_, "every-vpn", 0, UINT32_MAX), ERR_OK);
+    const t_tloc_id t = tloc("0.0.0.0", 3, 2);
+    Route tloc_r = tloc_route(t);
+    uint64_t tloc_as_vpn = 0;  // what a VPN read of the TLOC route would see
+    std::memcpy(&tloc_as_vpn, &tloc_r.p.u, sizeof(tloc_as_vpn));
+    Route service = Route(POL_SAFI_SERVICE);
+    service.p.u.service_info.vpn_id = 5;
+    const struct {
+        const char *what;
+        e_pol_match_type type;
+        std::function<void(t_pol_entry *)> condition;
+        Route route;
+        bool holds;
+    } cases[] = {
+        {"VPN id on a TLOC route", POL_MATCH_TLOC,
+         [&](t_pol_entry *e) { pol_entry_match_vpn_id_add(ctx_, e, tloc_as_vpn, &changed_); }, tloc_r, false},
+        {"VPN list on a TLOC route", POL_MATCH_TLOC,
+         [&](t_pol_entry *e) { pol_entry_match_vpn_list_add(ctx_, e, "every-vpn", &changed_); }, tloc_r, false},
+        {"IPv6 prefix list on a TLOC route", POL_MATCH_TLOC,
+         [&](t_pol_entry *e) { pol_entry_match_pfx_list_add(ctx_, e, &any_v6, &changed_); }, tloc_r, false},
+        {"IPv4 prefix list on a TLOC route", POL_MATCH_TLOC,
+         [&](t_pol_entry *e) { pol_entry_match_pfx_list_add(ctx_, e, &any_v4, &changed_); }, tloc_r, false},
+        {"IPv6 prefix list on a service route", POL_MATCH_SERVICE,
+         [&](t_pol_entry *e) { pol_entry_match_pfx_list_add(ctx_, e, &any_v6, &changed_); }, service, false},
+        {"VPN id on a service route", POL_MATCH_SERVICE,
+         [&](t_pol_entry *e) { pol_entry_match_vpn_id_add(ctx_, e, 5, &changed_); }, service, true},
+        {"VPN list on a service route", POL_MATCH_SERVICE,
+         [&](t_pol_entry *e) { pol_entry_match_vpn_list_add(ctx_, e, "every-vpn", &changed_); }, service, true},
+        {"IPv6 prefix list on a virtual route", POL_MATCH_VROUTE,
+         [&](t_pol_entry *e) { pol_entry_match_pfx_list_add(ctx_, e, &any_v6, &changed_); },
+         vroute(1, "2001:db8::/32"), true},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        c.condition(seq(10, c.type));
+        Route r = c.route;
+        EXPECT_EQ(r.run(out_) == POL_ACTION_ACCEPT, c.holds);
+        t_pol_exec_params direct = r.p;
+        EXPECT_EQ(pol_exec_match(pol_entry_find(ctx_, block_, 10, nullptr), &direct), c.holds);
         pol_entry_find_and_delete(ctx_, block_, 10, &changed_);
     }
 }

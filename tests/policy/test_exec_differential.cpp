@@ -913,3 +913,195 @@ TEST_F(ExecDifferential, ConfiguredBoundsPickTheOperatorTheyMean)
 }
 
 }  // namespace
+
+namespace {
+
+/* ---- expanded community patterns ---- */
+
+// The per-entry answer the library's value sets and pattern automaton must
+// give: regexec of each compiled pattern over the rendered text.
+bool regexec_answer(t_community_list *list, const t_bgp_community &comms)
+{
+    char text[POL_COMMUNITY_LIST_STR_SIZE];
+    community_list_getstr(text, comms.communities, comms.n_communities);
+    for (t_community_entry *e = TAILQ_FIRST(&list->community_entry_head); e; e = TAILQ_NEXT(e, community_entry)) {
+        if (regexec(&e->comppattern, text, 0, nullptr, 0) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+struct community_record {
+    std::vector<unsigned char> bytes;
+    t_bgp_community *get() { return reinterpret_cast<t_bgp_community *>(bytes.data()); }
+    explicit community_record(const std::vector<uint32_t> &values)
+        : bytes(sizeof(t_bgp_community) + values.size() * sizeof(uint32_t))
+    {
+        get()->n_communities = static_cast<uint32_t>(values.size());
+        std::copy(values.begin(), values.end(), get()->communities);
+    }
+};
+
+std::string community_string(uint32_t v)
+{
+    char buf[POL_COMMUNITY_STR_SIZE];
+    return community_getstr(v, buf, sizeof(buf));
+}
+
+// Pieces of patterns: community texts as they render and as they never do,
+// and the constructs of extended expressions, some of which the automaton
+// reads differently (backslash classes, bracket escapes, intervals without
+// a lower bound) and must leave to regexec.
+std::string random_pattern(rng &r, const std::vector<uint32_t> &pool)
+{
+    static const char *const kAtoms[] = {
+        "65000", "65001", ":", "1", "2", "0", "100", "no-export", "local-AS", "internet", ".", "[0-9]",
+        "[0-9]+", "[^ ]*", "[[:digit:]]", "[]:]", "[a-z-]", " ", "\\.", "\\d", "[\\]", "x{,2}", "{", "6{2}",
+        "5{1,3}", "(0|1)", "()", "a|", "\\(", "[[:alpha:]]+", "[[=a=]]", "\\<", "\\1", "(1)\\1", "^*", "(*0)", "1{0,1001}",
+    };
+    static const char *const kLeft[] = {"(^| )", "( |^)", "^", "", ""};
+    static const char *const kRight[] = {"( |$)", "($| )", "$", "", ""};
+    static const char *const kRepeat[] = {"", "", "", "*", "+", "?", "{2}", "{0,1}", "{1,}", "**"};
+    static const char *const kUpperHalf[] = {"65000:", "65001:[0-9]+", "65000:[0-9]*", "065000:", "1:[0-9]+",
+                                             "65535:", "0:[0-9]+"};
+    auto community = [&] {
+        if (r.percent(15)) {
+            return std::string(r.percent(50) ? "065000:1" : (r.percent(50) ? "65535:65281" : "0:0"));
+        }
+        if (r.percent(20)) {
+            return std::string(r.pick(kUpperHalf));
+        }
+        return community_string(pool[r.below(static_cast<uint32_t>(pool.size()))]);
+    };
+    std::string p;
+    const unsigned units = 1 + r.below(3);
+    for (unsigned u = 0; u < units; u++) {
+        p += u > 0 ? "|" : "";
+        if (r.percent(45)) {  // a whole-community shape
+            p += r.pick(kLeft);
+            if (r.percent(30)) {
+                p += "(" + community() + "|" + community() + ")";
+            } else {
+                p += community();
+            }
+            p += r.pick(kRight);
+            continue;
+        }
+        for (unsigned a = 1 + r.below(4); a > 0; a--) {
+            p += r.percent(30) ? community() : r.pick(kAtoms);
+            p += r.pick(kRepeat);
+        }
+    }
+    return p;
+}
+
+}  // namespace
+
+// Hand-worked verdicts for the shapes the library answers without the
+// text, and the rendering that the text-bound patterns see.
+TEST_F(ExecDifferential, ExpandedPatternShapesMeanWhatRegexecMeans)
+{
+    const struct {
+        const char *pattern;
+        std::vector<uint32_t> route;
+        bool matches;
+    } kCases[] = {
+        {"^65000:1$", {65000u << 16 | 1}, true},
+        {"^65000:1$", {65000u << 16 | 1, 65000u << 16 | 2}, false},
+        {"(^| )65000:1( |$)", {7, 65000u << 16 | 1, 9}, true},
+        {"(^| )65000:1( |$)", {65000u << 16 | 10}, false},
+        {"^(65000:1|65000:2)( |$)", {65000u << 16 | 2, 3}, true},
+        {"^(65000:1|65000:2)( |$)", {3, 65000u << 16 | 2}, false},
+        {"(^| )65000:2$", {3, 65000u << 16 | 2}, true},
+        {"(^| )65535:65281( |$)", {0xFFFFFF01u}, false},  // renders as no-export
+        {"(^| )no-export( |$)", {0xFFFFFF01u}, true},
+        {"^0:0$", {0}, false},  // renders as internet
+        {"65000:1", {65000u << 16 | 10}, true},
+        {"^$", {}, true},
+        {"(^| )1:1( |$)", std::vector<uint32_t>(60, 2u << 16 | 2), false},
+        {"^65100:", {65100u << 16 | 7, 1}, true},
+        {"^65100:", {1, 65100u << 16 | 7}, false},
+        {"(^| )65200:[0-9]+$", {1, 65200u << 16 | 9}, true},
+        {"^65100:$", {65100u << 16 | 7}, false},
+        {"(^| )65535:", {0xFFFFFF01u}, false},  // no-export has no upper half in its text
+        {"no-export", {1, 0xFFFFFF01u}, true},
+        {"5100:", {65100u << 16 | 7}, true},  // inside a token: left to the automaton
+    };
+    for (const auto &c : kCases) {
+        SCOPED_TRACE(c.pattern);
+        ASSERT_EQ(pol_community_list_cfg_del(ctx_, "shapes", COMM_LIST_TYPE_EXPANDED), ERR_OK);
+        ASSERT_EQ(pol_community_list_add_entry(ctx_, "shapes", c.pattern, COMM_LIST_TYPE_EXPANDED), ERR_OK);
+        t_community_list *list = pol_community_list_find(ctx_, "shapes", COMM_LIST_TYPE_EXPANDED);
+        community_record rec(c.route);
+        pol::community_text text;
+        EXPECT_EQ(pol::community_list_matches(list, *rec.get(), text), c.matches);
+        EXPECT_EQ(regexec_answer(list, *rec.get()), c.matches);
+    }
+    // The last route does not fit the text: the rendering stops before the
+    // community that would not fit, as community_list_getstr does.
+    std::vector<uint32_t> long_route(60, 65535u << 16 | 65535);
+    long_route[41] = 1u << 16 | 1;
+    community_record rec(long_route);
+    char want[POL_COMMUNITY_LIST_STR_SIZE];
+    char got[POL_COMMUNITY_LIST_STR_SIZE];
+    community_list_getstr(want, rec.get()->communities, rec.get()->n_communities);
+    EXPECT_EQ(pol::render_communities(got, rec.get()->communities, rec.get()->n_communities), std::strlen(want));
+    EXPECT_STREQ(got, want);
+}
+
+// Random expanded lists against random routes: every verdict of the value
+// sets, the automaton and the residual patterns equals the per-entry
+// regexec answer, also when the index cannot be allocated.
+TEST_F(ExecDifferential, RandomExpandedPatternsAgreeWithRegexecPerEntry)
+{
+    rng r(2026);
+    std::vector<uint32_t> pool;
+    for (uint32_t v : {0u, 0xFFFFFF01u, 0xFFFFFF02u, 0xFFFFFF03u, 65000u << 16 | 1, 65000u << 16 | 2,
+                       65001u << 16 | 100, 1u << 16 | 1, 65535u << 16 | 65284, 10u << 16 | 0}) {
+        pool.push_back(v);
+    }
+    unsigned verdicts[2] = {0, 0};
+    for (unsigned batch = 0; batch < 300; batch++) {
+        ASSERT_EQ(pol_community_list_cfg_del(ctx_, "random", COMM_LIST_TYPE_EXPANDED), ERR_OK);
+        std::vector<std::string> patterns;
+        for (unsigned n = 1 + r.below(6); patterns.size() < n;) {
+            std::string p = random_pattern(r, pool);
+            regex_t probe;
+            if (regcomp(&probe, p.c_str(), REG_EXTENDED | REG_NOSUB) == 0) {
+                patterns.push_back(p);
+            }
+            regfree(&probe);
+        }
+        for (const std::string &p : patterns) {
+            ASSERT_EQ(pol_community_list_add_entry(ctx_, "random", p.c_str(), COMM_LIST_TYPE_EXPANDED), ERR_OK);
+        }
+        t_community_list *list = pol_community_list_find(ctx_, "random", COMM_LIST_TYPE_EXPANDED);
+        for (unsigned route = 0; route < 40; route++) {
+            std::vector<uint32_t> values(r.percent(5) ? 40 + r.below(20) : r.below(5));
+            for (uint32_t &v : values) {
+                v = r.percent(70) ? pool[r.below(static_cast<uint32_t>(pool.size()))] : static_cast<uint32_t>(r.bits());
+            }
+            community_record rec(values);
+            pol::community_text text;
+            const bool want = regexec_answer(list, *rec.get());
+            bool got = false;
+            if (batch % 10 == 9) {
+                poltest::AllocFailure fail(POL_MEM_LIST_COMMUNITY);
+                pol::free_exec_index(&list->exec_index);
+                got = pol::community_list_matches(list, *rec.get(), text);
+            } else {
+                got = pol::community_list_matches(list, *rec.get(), text);
+            }
+            verdicts[want]++;
+            std::string all;
+            for (const std::string &p : patterns) {
+                all += " [" + p + "]";
+            }
+            ASSERT_EQ(got, want) << "patterns" << all << " text '" << (text.ready ? text.text : "(not rendered)")
+                                 << "'";
+        }
+    }
+    EXPECT_GT(verdicts[0], 1000u);
+    EXPECT_GT(verdicts[1], 1000u);
+}

@@ -530,6 +530,10 @@ typedef struct _t_pol_block {
     t_pol_user_head users_list;
     pol_xml_t pol_xml;
     struct _t_cflowd_entry *pol_cflowd_entry;
+    /* Bumped by every change of the sequences' match conditions; the
+     * execution's sequence index (owned by the match module) remembers it. */
+    uint64_t generation;
+    struct _t_pol_block_exec_index *exec_index;
 } t_pol_block;
 
 typedef struct _t_pol_reg_params {
