@@ -46,6 +46,11 @@ const char *const kKnownFaults[] = {
     // fresh commit of the same file are attached to it.
     "policy-deleted-with-users",
     "policy-kind-swap",
+    // Found by fuzz/fuzz_commit_series, not minimized: after step 2 the
+    // series' VPN list "b" dumps the blocks that use it as m1, c1, m1 while
+    // a fresh commit of step 2 dumps c1, m1 (the policies and verdicts
+    // agree). The chain of a list's users depends on the history.
+    "list-users-after-changes",
 };
 
 std::vector<std::string> steps_of(const fs::path &dir)
