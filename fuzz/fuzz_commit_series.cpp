@@ -7,9 +7,10 @@
 // a difference aborts. A step the datastore still refuses is skipped.
 //
 // Unless POL_FUZZ_KNOWN_FAULTS is set, the generator keeps away from the
-// two faults the series tests keep as reproducers: entries of a list stay
-// in the order they came in (new ones last), and a policy, once
-// configured, is never deleted.
+// faults the series tests keep as reproducers: entries of a list stay in
+// the order they came in (new ones last), a policy, once configured, is
+// never deleted, and the dumps' lines naming a list's users are not
+// compared.
 #include <algorithm>
 #include <cstdio>
 #include <map>
@@ -430,7 +431,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         g_scratch->steps[i]->write(reinterpret_cast<const uint8_t *>(xml.data()), xml.size());
         files.push_back(g_scratch->steps[i]->path());
     }
-    for (const commit_series::step_report &r : commit_series::check_series(files, generator::users())) {
+    const bool compare_list_users = !fuzzsup::avoid_known_faults();
+    for (const commit_series::step_report &r :
+         commit_series::check_series(files, generator::users(), compare_list_users)) {
         if (r.committed && !r.difference.empty()) {
             std::string texts;
             for (const std::string &file : files) {
