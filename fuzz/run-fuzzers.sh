@@ -14,7 +14,8 @@ seconds=$2
 shift 2
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-  targets=(fuzz_test_parse fuzz_routes fuzz_config fuzz_stateful)
+  # the list fuzz/CMakeLists.txt writes
+  mapfile -t targets <"$build/fuzz/targets.txt"
 fi
 
 export ASAN_OPTIONS=abort_on_error=1:detect_leaks=1
@@ -29,7 +30,7 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 # at exit (failing the run, without a saved input).
 extra_options() {
   case $1 in
-    fuzz_config | fuzz_stateful) echo "-detect_leaks=0" ;;
+    fuzz_config | fuzz_stateful | fuzz_commit_series) echo "-detect_leaks=0" ;;
   esac
 }
 

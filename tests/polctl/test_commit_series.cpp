@@ -1,0 +1,93 @@
+// Commit series: each hand-written series (tests/data/series/NAME/step-N.xml)
+// is committed step after step into one datastore and library, and every
+// step must leave what a fresh datastore and library make of that step
+// alone, with the users whose answers changed notified in the step.
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "commit_series.hpp"
+
+#ifndef COMMIT_SERIES_DIR
+#error "COMMIT_SERIES_DIR names the directory of the series"
+#endif
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// The series and what each one changes from step to step.
+const char *const kSeries[] = {
+    "site-vpn-lists",        // site and VPN entries and ranges added, changed, removed
+    "tloc-color-lists",      // TLOC entries and preferences, colour entries
+    "prefix-lists",          // IPv4 and IPv6 entries, ge/le/eq changed and dropped
+    "community-lists",       // standard and expanded entries
+    "control-conditions",    // every condition of a control match, kinds changed
+    "control-actions",       // every set action, additive, ultimate TLOC action
+    "route-membership",      // route and membership sequences, default actions
+    "choice-switches",       // one leaf of a choice traded for the other in one commit
+    "optional-leaves-gone",  // every optional leaf of a node removed at once
+    "list-with-references",  // a list deleted with the conditions and actions naming it
+    "tloc-list-reordered",   // a TLOC list of more than 64 entries re-committed reordered
+};
+
+// Series that show faults not fixed yet; the test skips them.
+const char *const kKnownFaults[] = {
+    // Site, VPN, colour, prefix and community list entries are dumped in
+    // insertion order: an entry a commit changes goes to the end, while a
+    // fresh commit keeps the file's order (verdicts agree, dumps do not).
+    "list-entry-order",
+    // Deleting a policy detaches its registered users for good: when the
+    // policy comes back (or a route policy takes a control policy's name)
+    // they still reject every route, while users registered before a
+    // fresh commit of the same file are attached to it.
+    "policy-deleted-with-users",
+    "policy-kind-swap",
+    // Found by fuzz/fuzz_commit_series, not minimized: after step 2 the
+    // series' VPN list "b" dumps the blocks that use it as m1, c1, m1 while
+    // a fresh commit of step 2 dumps c1, m1 (the policies and verdicts
+    // agree). The chain of a list's users depends on the history.
+    "list-users-after-changes",
+};
+
+std::vector<std::string> steps_of(const fs::path &dir)
+{
+    std::vector<std::string> files;
+    for (int n = 1; fs::exists(dir / ("step-" + std::to_string(n) + ".xml")); n++) {
+        files.push_back((dir / ("step-" + std::to_string(n) + ".xml")).string());
+    }
+    return files;
+}
+
+TEST(CommitSeries, EveryStepEqualsAFreshCommitOfIt)
+{
+    for (const char *name : kSeries) {
+        SCOPED_TRACE(name);
+        const std::vector<std::string> files = steps_of(fs::path(COMMIT_SERIES_DIR) / name);
+        ASSERT_GE(files.size(), 2u) << "a series has steps step-1.xml, step-2.xml, ...";
+        const std::vector<commit_series::user_spec> users = commit_series::users_of_files(files);
+        ASSERT_FALSE(users.empty());
+        for (const commit_series::step_report &r : commit_series::check_series(files, users)) {
+            SCOPED_TRACE("step " + std::to_string(r.step));
+            EXPECT_TRUE(r.committed) << r.refusal;
+            EXPECT_TRUE(r.difference.empty()) << r.difference;
+        }
+    }
+}
+
+// Every series directory is in the table: a new one cannot be forgotten.
+TEST(CommitSeries, TableNamesEverySeriesDirectory)
+{
+    std::set<std::string> table(std::begin(kSeries), std::end(kSeries));
+    table.insert(std::begin(kKnownFaults), std::end(kKnownFaults));
+    for (const auto &entry : fs::directory_iterator(COMMIT_SERIES_DIR)) {
+        if (entry.is_directory()) {
+            EXPECT_EQ(table.count(entry.path().filename().string()), 1u) << entry.path();
+        }
+    }
+}
+
+}  // namespace
