@@ -64,8 +64,7 @@ POLCTL_VALGRIND_RUNS := \
 
 valgrind: build ## run every test binary and polctl under valgrind memcheck; fails on any error or definite leak
 	@failed=""; \
-	for t in $(BUILD)/tests/test_*; do \
-	  [ -f "$$t" ] && [ -x "$$t" ] || continue; \
+	for t in $$(find $(BUILD)/tests -type f -perm -u+x -name 'test_*' | sort); do \
 	  echo "valgrind: $${t##*/}"; \
 	  $(VALGRIND) "$$t" --gtest_brief=1 --gtest_death_test_style=threadsafe \
 	    || failed="$$failed $${t##*/}"; \

@@ -19,20 +19,7 @@ if [ ${#targets[@]} -eq 0 ]; then
 fi
 
 export ASAN_OPTIONS=abort_on_error=1:detect_leaks=1
-export LSAN_OPTIONS=suppressions=$PWD/tests/lsan.supp
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-
-# Removing an expanded community-list entry deliberately leaks its compiled
-# pattern (tests/lsan.supp), so the two targets that do it would have
-# nearly every input re-run for a per-input leak check, at a fifth of the
-# speed. They check the library's own memory through the accounting table
-# after each input instead, and LeakSanitizer still checks the whole run
-# at exit (failing the run, without a saved input).
-extra_options() {
-  case $1 in
-    fuzz_config | fuzz_stateful | fuzz_commit_series) echo "-detect_leaks=0" ;;
-  esac
-}
 
 failed=()
 for t in "${targets[@]}"; do
@@ -40,8 +27,7 @@ for t in "${targets[@]}"; do
   findings=$build/findings
   mkdir -p "$work" "$findings"
   echo "fuzz: $t for ${seconds}s"
-  # shellcheck disable=SC2046
-  if ! "$build/fuzz/$t" -max_total_time="$seconds" -timeout=10 -print_final_stats=1 $(extra_options "$t") \
+  if ! "$build/fuzz/$t" -max_total_time="$seconds" -timeout=10 -print_final_stats=1 \
       -artifact_prefix="$findings/$t-" "$work" "fuzz/corpus/$t" >"$build/$t.log" 2>&1; then
     failed+=("$t")
     tail -n 60 "$build/$t.log" >&2
