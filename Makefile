@@ -53,7 +53,8 @@ test: test-normal test-asan ## run every test in the normal and the sanitizer bu
 #    run here directly under memcheck instead, on the same kinds of command.
 # Every binary is run even after a failure; the target fails at the end.
 VALGRIND := valgrind --tool=memcheck --quiet --error-exitcode=99 --leak-check=full \
-	--show-leak-kinds=definite --errors-for-leak-kinds=definite
+	--show-leak-kinds=definite --errors-for-leak-kinds=definite \
+	--suppressions=$(CURDIR)/tests/valgrind-re2.supp
 POLCTL_VALGRIND_RUNS := \
 	"run examples/policy.xml examples/routes.txt" \
 	"--json run examples/policy.json examples/routes.txt" \

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <type_traits>
 
+#include "pol_match.hpp"
 #include "pol_util.hpp"
 
 namespace {
@@ -334,6 +335,7 @@ t_pol_entry *pol_entry_find_or_create(t_pol_ctx *ctx, t_pol_block *block, uint32
     entry->pol_block_p = block;
     pol_entry_set_add(ctx, entry);
     avl_insert(&block->pol_entries, entry, where);
+    pol::block_changed(block);
     pol::mark_changed(changed);
     pol_block_users_add_to_chg_list(ctx, block);
     return entry;
@@ -358,6 +360,8 @@ void pol_entry_delete(t_pol_ctx *ctx, t_pol_block *block, t_pol_entry *entry, bo
     if (remove) {
         avl_remove(&block->pol_entries, entry);
     }
+    // The block's sequence index may name this sequence.
+    pol::block_changed(block);
     pol_free(entry, POL_MEM_ENTRY);
 }
 

@@ -104,7 +104,7 @@ bool community_list_expanded(t_pol_match_entry *m, route_eval &ev)
 }
 
 // In evaluation order.
-const condition kConditions[] = {
+constexpr condition kConditions[] = {
     {POL_MATCH_FLAG_TAG, plain<pol_exec_match_tag>, true},
     {POL_MATCH_FLAG_ORIGIN_METRIC, plain<pol_exec_match_origin_metric>, true},
     {POL_MATCH_FLAG_PREFERENCE, plain<pol_exec_match_preference>, true},
