@@ -296,7 +296,7 @@ private:
             lib.u.vroute_info.vpn_id = execmodel::random_id(c_, true);
         }
         if (lib.safi == POL_SAFI_VROUTE) {
-            lib.u.vroute_info.prefix = execmodel::random_prefix(c_, lib.afi == 10);
+            lib.u.vroute_info.prefix = execmodel::random_prefix(c_, lib.afi == 10, true);
         }
         lib.in_label = static_cast<uint32_t>(c_.bits());
         t_pol_te_info lib_te{}, ref_te{};

@@ -64,7 +64,7 @@ t_pfx_entry_param random_pfx_entry(chooser &c, bool ipv6)
     if (c.percent(15)) {  // 0.0.0.0/0 or ::/0: most operators skip containment
         IPADDR_INIT(&e.prefix.addr, c.percent(50) ? IP_ADDR_V6 : IP_ADDR_V4);
     } else {
-        e.prefix = random_prefix(c, ipv6);
+        e.prefix = random_prefix(c, ipv6, false);
     }
     e.pfx_op = static_cast<e_pfx_op>(c.percent(3) ? 9 : c.below(9));
     unsigned width = ipv6 ? 128 : 32, lo = std::min<unsigned>(e.prefix.prefixlen + c.below(9), width);
@@ -75,13 +75,16 @@ t_pfx_entry_param random_pfx_entry(chooser &c, bool ipv6)
     return e;
 }
 
-void change_range_list(t_pol_ctx *ctx, chooser &c, bool site, list_op op, const char *name)
+// Returns one end of the range, the id a route is steered onto.
+uint32_t change_range_list(t_pol_ctx *ctx, chooser &c, bool site, list_op op, const char *name)
 {
     uint32_t lo = static_cast<uint32_t>(random_id(c));
     uint32_t hi = c.percent(15) ? lo - std::min<uint32_t>(lo, c.below(4) + 1)  // reversed
                                 : (lo == 0xFFFFFFFFu ? lo : lo + c.below(5));
+    uint32_t id = c.percent(50) ? lo : hi;
     switch (op) {
     case ADD:
+    case REWRITE:
         (site ? pol_site_list_add_entry : pol_vpn_list_add_entry)(ctx, name, lo, hi);
         break;
     case DELETE_ENTRY:
@@ -91,22 +94,19 @@ void change_range_list(t_pol_ctx *ctx, chooser &c, bool site, list_op op, const 
         (site ? pol_site_list_cfg_del : pol_vpn_list_cfg_del)(ctx, name);
         break;
     }
+    return id;
 }
 
-void change_pfx_list(t_pol_ctx *ctx, chooser &c, list_op op, const char *name)
+// Returns the prefix of the entry concerned.
+t_ipprefix change_pfx_list(t_pol_ctx *ctx, chooser &c, list_op op, const char *name)
 {
     t_pfx_list_key key = {c.percent(40) ? POL_AF_IPV6 : POL_AF_IPV4, name};
+    t_pfx_entry *e = pfx_entry_at(ctx, key, c.below(c.spread.pfx_entries + 2));
     t_pfx_entry_param p = random_pfx_entry(c, key.pfx_key_af == POL_AF_IPV6);
-    if (op == DELETE_ENTRY) {  // a delete reads the prefix only: often one the list holds
-        t_pfx_list *list = pol_pfx_list_find(ctx, &key);
-        t_pfx_entry *e = list != nullptr ? TAILQ_FIRST(&list->pfx_entry_head) : nullptr;
-        for (uint32_t n = c.below(4); e != nullptr && n > 0; n--) {
-            e = TAILQ_NEXT(e, pfx_entry);
-        }
-        p.prefix = e != nullptr ? e->prefix : p.prefix;
-    }
+    p.prefix = e != nullptr && op != ADD ? e->prefix : p.prefix;  // a delete reads the prefix only
     switch (op) {
     case ADD:
+    case REWRITE:
         pol_pfx_list_entry_add(ctx, &key, &p);
         break;
     case DELETE_ENTRY:
@@ -116,15 +116,19 @@ void change_pfx_list(t_pol_ctx *ctx, chooser &c, list_op op, const char *name)
         pol_pfx_list_cfg_del(ctx, &key);
         break;
     }
+    return p.prefix;
 }
 
-void change_community_list(t_pol_ctx *ctx, chooser &c, bool expanded, list_op op, const char *name)
+// Returns the community value an addition or deletion of a standard entry
+// names (an expanded one takes a pattern; the value steers all the same).
+uint32_t change_community_list(t_pol_ctx *ctx, chooser &c, bool expanded, list_op op, const char *name)
 {
     community_list_type type = expanded ? COMM_LIST_TYPE_EXPANDED : COMM_LIST_TYPE_STANDARD;
     uint32_t value = random_community(c);
     std::string text = expanded ? c.pick(kPatterns) : std::to_string(value >> 16) + ":" + std::to_string(value & 0xFFFF);
     switch (op) {
     case ADD:
+    case REWRITE:
         pol_community_list_add_entry(ctx, name, text.c_str(), type);
         break;
     case DELETE_ENTRY:
@@ -134,6 +138,7 @@ void change_community_list(t_pol_ctx *ctx, chooser &c, bool expanded, list_op op
         pol_community_list_cfg_del(ctx, name, type);
         break;
     }
+    return value;
 }
 
 // The community set action: the array is handed over to the sequence;
@@ -227,13 +232,13 @@ uint64_t random_id(chooser &c, bool vpn)
     if (c.percent(3)) {
         return vpn && c.percent(50) ? 0x100000005ull : 0xFFFFFFFFu;  // VPN ids go past 32 bits
     }
-    return c.percent(50) ? c.below(6) : c.below(26 + (vpn ? 2 : 0));
+    return c.percent(50) ? c.below(6) : c.below(c.spread.ids + (vpn ? 2 : 0));
 }
 
 t_tloc_id random_tloc(chooser &c)
 {
-    uint32_t which = c.below(4);
-    t_tloc_id t{which < 3 ? v4(0x0a000001u + which) : v6(0, 0, 1), static_cast<uint8_t>(c.below(4) + 1),
+    uint32_t which = c.below(c.spread.tloc_addrs + 1);
+    t_tloc_id t{which < c.spread.tloc_addrs ? v4(0x0a000001u + which) : v6(0, 0, 1), static_cast<uint8_t>(c.below(4) + 1),
                 static_cast<uint8_t>(c.below(2) + 1)};
     if (t.addr.addr_type == IP_ADDR_V4 && c.percent(10)) {
         t.addr.u.addr32_b[2] = static_cast<uint32_t>(c.bits());  // not part of an IPv4 address
@@ -241,18 +246,19 @@ t_tloc_id random_tloc(chooser &c)
     return t;
 }
 
-t_ipprefix random_prefix(chooser &c, bool ipv6)
+t_ipprefix random_prefix(chooser &c, bool ipv6, bool route)
 {
     static const uint8_t kLast[] = {0, 1, 0x80, 0xff};
     static const uint8_t kLens4[] = {0, 8, 15, 16, 17, 22, 24, 25, 28, 30, 32};
     static const uint8_t kLens6[] = {0, 32, 47, 48, 63, 64, 65, 72, 96, 100, 120, 127, 128};
     t_ipprefix p{};
-    uint32_t host = 0x0a000000u | c.below(2) << 16 | c.below(4) << 8 | c.pick(kLast);
-    p.addr = ipv6 ? v6(c.below(2), c.below(4), c.pick(kLast)) : v4(c.percent(5) ? 0x0b000000u | c.below(4) << 8 : host);
+    uint32_t rows = c.spread.prefix_rows;
+    uint32_t host = 0x0a000000u | c.below(2) << 16 | c.below(rows) << 8 | c.pick(kLast);
+    p.addr = ipv6 ? v6(c.below(2), c.below(rows), c.pick(kLast)) : v4(c.percent(5) ? 0x0b000000u | c.below(4) << 8 : host);
     p.addr.u.addr6_b[8] = ipv6 && c.percent(30) ? c.pick(kLast) : 0;
     p.prefixlen = c.percent(3) ? static_cast<uint8_t>(width_of(p.addr) + 1 + c.below(8))  // a host route
                                : (ipv6 ? c.pick(kLens6) : c.pick(kLens4));
-    for (unsigned i = p.prefixlen, mask = c.percent(60); mask && i < width_of(p.addr); i++) {
+    for (unsigned i = p.prefixlen, mask = c.percent(route ? 50 : 80); mask && i < width_of(p.addr); i++) {
         clear_bit(p.addr, i);
     }
     if (!ipv6 && c.percent(10)) {  // an IPv4 address is its first four bytes; the rest must not count
@@ -262,44 +268,55 @@ t_ipprefix random_prefix(chooser &c, bool ipv6)
     return p;
 }
 
-void change_list(t_pol_ctx *ctx, chooser &c, family fam, list_op op, const char *name)
+t_pfx_entry *pfx_entry_at(t_pol_ctx *ctx, const t_pfx_list_key &key, uint32_t n)
 {
+    t_pfx_list *list = pol_pfx_list_find(ctx, &key);
+    t_pfx_entry *e = list != nullptr ? TAILQ_FIRST(&list->pfx_entry_head) : nullptr;
+    for (; e != nullptr && n > 0; n--) {
+        e = TAILQ_NEXT(e, pfx_entry);
+    }
+    return e;
+}
+
+touched change_list(t_pol_ctx *ctx, chooser &c, family fam, list_op op, const char *name)
+{
+    touched t{};
+    t.fam = fam;
     switch (fam) {
     case SITE:
     case VPN:
-        change_range_list(ctx, c, fam == SITE, op, name);
+        t.id = change_range_list(ctx, c, fam == SITE, op, name);
         break;
-    case TLOC: {
-        t_tloc_id t = random_tloc(c);
-        if (op == ADD) {
-            pol_tloc_list_add_entry(ctx, name, &t, c.below(1000));
+    case TLOC:
+        t.tloc = random_tloc(c);
+        if (op == ADD || op == REWRITE) {
+            pol_tloc_list_add_entry(ctx, name, &t.tloc, c.below(1000));
         } else if (op == DELETE_ENTRY) {
-            pol_tloc_list_del_entry(ctx, name, &t);
+            pol_tloc_list_del_entry(ctx, name, &t.tloc);
         } else {
             pol_tloc_list_cfg_del(ctx, name);
         }
         break;
-    }
-    case COLOR: {
-        uint32_t color = (c.percent(10) ? 65536u : 0) + c.below(6);  // the low 16 bits count
-        if (op == ADD) {
-            pol_color_list_add_entry(ctx, name, color);
+    case COLOR:
+        t.color = (c.percent(10) ? 65536u : 0) + c.below(6);  // the low 16 bits count
+        if (op == ADD || op == REWRITE) {
+            pol_color_list_add_entry(ctx, name, t.color);
         } else if (op == DELETE_ENTRY) {
-            pol_color_list_del_entry(ctx, name, color);
+            pol_color_list_del_entry(ctx, name, t.color);
         } else {
             pol_color_list_cfg_del(ctx, name);
         }
         break;
-    }
     case PFX:
-        change_pfx_list(ctx, c, op, name);
+        t.prefix = change_pfx_list(ctx, c, op, name);
         break;
     case COMMUNITY:
     case EXP_COMMUNITY:
     case FAMILIES:
-        change_community_list(ctx, c, fam != COMMUNITY, op, name);
+        t.community = change_community_list(ctx, c, fam != COMMUNITY, op, name);
         break;
     }
+    return t;
 }
 
 void change_sequence(t_pol_ctx *ctx, chooser &c, t_pol_entry *seq, int kind, bool add)

@@ -16,9 +16,20 @@
 
 namespace execmodel {
 
+// How far values spread. Long lists need wide spans to hold distinct
+// entries; routes drawn from the same spans still fall on them.
+struct spans {
+    uint32_t ids = 26;          // site and VPN ids, most of them below this
+    uint32_t tloc_addrs = 3;    // distinct IPv4 TLOC addresses
+    uint32_t prefix_rows = 4;   // values of the address word below a prefix's /16 (IPv4) or /48 (IPv6)
+    uint32_t pfx_entries = 2;   // how far into a prefix list a delete or rewrite reaches for its entry
+};
+
 // Where every choice comes from.
 class chooser {
 public:
+    spans spread;
+
     virtual ~chooser() = default;
     // 0 to n - 1 (0 when n is 0).
     virtual uint32_t below(uint32_t n) = 0;
@@ -37,11 +48,26 @@ public:
 extern const char *const kListNames[3];
 
 enum family : unsigned { SITE, VPN, TLOC, COLOR, PFX, COMMUNITY, EXP_COMMUNITY, FAMILIES };
-enum list_op : unsigned { ADD, DELETE_ENTRY, DROP_LIST };
+// REWRITE adds an entry with the prefix of one a prefix list holds: a
+// new operator and bounds for it (on other families, an addition).
+enum list_op : unsigned { ADD, DELETE_ENTRY, DROP_LIST, REWRITE };
+
+// The value a list change concerned, to steer a route onto it.
+struct touched {
+    family fam;
+    uint32_t id;         // SITE, VPN: one end of the range
+    t_tloc_id tloc;      // TLOC
+    uint32_t color;      // COLOR
+    t_ipprefix prefix;   // PFX
+    uint32_t community;  // COMMUNITY, EXP_COMMUNITY
+};
 
 // One change to the named list of a family, with a value from a small
 // span (so that additions repeat entries and deletions hit them).
-void change_list(t_pol_ctx *ctx, chooser &c, family fam, list_op op, const char *name);
+touched change_list(t_pol_ctx *ctx, chooser &c, family fam, list_op op, const char *name);
+
+// The n-th entry of a prefix list, or null.
+t_pfx_entry *pfx_entry_at(t_pol_ctx *ctx, const t_pfx_list_key &key, uint32_t n);
 
 // Condition kinds are execref::condition_kind; set kinds follow from
 // kSetsFrom, in execref::set_kind order without the additive community
@@ -61,7 +87,9 @@ void set_default(chooser &c, t_pol_block *block);
 // goes back with std::free.
 t_zen_attr random_attr(chooser &c);
 t_tloc_id random_tloc(chooser &c);
-t_ipprefix random_prefix(chooser &c, bool ipv6);
+// A prefix whose host bits are cleared more often for a list entry than
+// for a route.
+t_ipprefix random_prefix(chooser &c, bool ipv6, bool route);
 uint64_t random_id(chooser &c, bool vpn = false);
 
 // A label callback that answers every TLOC with none, one or two labels
