@@ -240,7 +240,7 @@ void fill_sequences(sequence_index *index, t_pol_block *block, const list_use *u
         if (i == 0 || uses[i].list != uses[i - 1].list) {
             drop_if_stale(uses[i].list);
             named_list &l = index->lists[index->n_lists++];
-            l = {uses[i].list, uses[i].list->generation, i, 0, uses[i].list->pfx_af};
+            l = {uses[i].list, uses[i].list->generation, i, 0, static_cast<uint8_t>(uses[i].list->pfx_af)};
         }
         index->lists[index->n_lists - 1].count++;
         index->postings[i] = uses[i].position;
