@@ -34,7 +34,8 @@ const char *const kSeries[] = {
     "tloc-list-reordered",   // a TLOC list of more than 64 entries re-committed reordered
 };
 
-// Series that show faults not fixed yet; the test skips them.
+// Series whose steps differ from a fresh load in ways docs/deviations.md
+// lists (dump order, users of a deleted policy); the test skips them.
 const char *const kKnownFaults[] = {
     // Site, VPN, colour, prefix and community list entries are dumped in
     // insertion order: an entry a commit changes goes to the end, while a
@@ -46,10 +47,9 @@ const char *const kKnownFaults[] = {
     // fresh commit of the same file are attached to it.
     "policy-deleted-with-users",
     "policy-kind-swap",
-    // Found by fuzz/fuzz_commit_series, not minimized: after step 2 the
-    // series' VPN list "b" dumps the blocks that use it as m1, c1, m1 while
-    // a fresh commit of step 2 dumps c1, m1 (the policies and verdicts
-    // agree). The chain of a list's users depends on the history.
+    // A list names the sequences that use it in the order they linked to
+    // it: m1, c1, m1 after the series, c1, m1, m1 after a fresh commit of
+    // its last step (the same users; verdicts agree).
     "list-users-after-changes",
 };
 
