@@ -166,36 +166,10 @@ std::string communities_text(const Set *set)
 // Everything pol_execute hands back for the route, as one line of text.
 std::string answer(const polctl::route_decl &route, t_pol_user *user)
 {
-    t_zen_attr attr = route.attr;
-    t_bgp_community *communities = nullptr;
-    if (route.has_communities) {
-        const size_t n = route.communities.size();
-        communities = static_cast<t_bgp_community *>(
-            std::calloc(1, sizeof(t_bgp_community) + n * sizeof(uint32_t)));
-        communities->n_communities = static_cast<uint32_t>(n);
-        communities->ref_count = 1;
-        std::copy(route.communities.begin(), route.communities.end(), communities->communities);
-        attr.community_p = communities;
-    }
-    t_pol_te_info te;
-    std::memset(&te, 0, sizeof(te));
-    t_pol_exec_params p;
-    pol_pre_execute(&p, ZEN_DEVICE_QARMON);
-    p.attr_in_p = &attr;
-    p.afi = route.afi;
-    p.safi = route.safi;
-    if (route.safi == POL_SAFI_VROUTE) {
-        p.u.vroute_info.vpn_id = route.vpn;
-        p.u.vroute_info.prefix = route.prefix;
-    } else if (route.safi == POL_SAFI_TLOC) {
-        p.u.tloc_info.tloc = route.route_tloc;
-    } else {
-        p.u.service_info.vpn_id = route.vpn;
-    }
-    p.in_label = route.in_label;
-    p.te_info_p = &te;
-
-    const e_pol_action verdict = pol_execute(user, &p);
+    polctl::route_execution exec(route, ZEN_DEVICE_QARMON);
+    const e_pol_action verdict = exec.run(user);
+    const t_pol_exec_params &p = exec.params();
+    const t_pol_te_info &te = exec.te();
     const t_zen_attr &a = p.attr_out;
     std::ostringstream s;
     s << "verdict " << pol_util_action_str(verdict) << std::hex << " match " << p.entry_match_flags
@@ -217,8 +191,6 @@ std::string answer(const polctl::route_decl &route, t_pol_user *user)
          i++) {
         s << " " << p.vpn_list.vpn_list_p[i].min_vpn_id << "-" << p.vpn_list.vpn_list_p[i].max_vpn_id;
     }
-    pol_post_execute(&p);  // a controller's post-execution releases the export buffer
-    std::free(communities);
     return s.str();
 }
 

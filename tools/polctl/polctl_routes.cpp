@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -650,6 +651,49 @@ bool read_routes_file(const std::string &path, routes_file *out)
         }
     }
     return true;
+}
+
+route_execution::route_execution(const route_decl &route, e_zen_device device)
+    : device_(device), attr_(route.attr)
+{
+    if (route.has_communities) {
+        const size_t n = route.communities.size();
+        communities_ = static_cast<t_bgp_community *>(
+            std::calloc(1, sizeof(t_bgp_community) + n * sizeof(uint32_t)));
+        if (communities_ != nullptr) {
+            communities_->n_communities = static_cast<uint32_t>(n);
+            communities_->ref_count = 1;
+            std::copy(route.communities.begin(), route.communities.end(),
+                      communities_->communities);
+            attr_.community_p = communities_;
+        }
+    }
+    pol_pre_execute(&params_, device);
+    params_.attr_in_p = &attr_;
+    params_.afi = route.afi;
+    params_.safi = route.safi;
+    if (route.safi == POL_SAFI_VROUTE) {
+        params_.u.vroute_info.vpn_id = route.vpn;
+        params_.u.vroute_info.prefix = route.prefix;
+    } else if (route.safi == POL_SAFI_TLOC) {
+        params_.u.tloc_info.tloc = route.route_tloc;
+    } else {
+        params_.u.service_info.vpn_id = route.vpn;
+    }
+    params_.in_label = route.in_label;
+    params_.te_info_p = &te_;
+}
+
+// Only a controller's post-execution releases the export buffer; on other
+// devices the host gives it back.
+route_execution::~route_execution()
+{
+    t_pol_exec_vpn_entry *vpn_buffer = params_.vpn_list.vpn_list_p;
+    pol_post_execute(&params_);
+    if (device_ != ZEN_DEVICE_QARMON && vpn_buffer != nullptr) {
+        pol_free(vpn_buffer, POL_MEM_LIST_VPN_1);
+    }
+    std::free(communities_);
 }
 
 }  // namespace polctl

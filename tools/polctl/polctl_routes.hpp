@@ -67,6 +67,29 @@ bool read_routes_file(const std::string &path, routes_file *out);
 bool parse_tloc(const std::string &text, t_tloc_id *tloc);
 const char *device_name(e_zen_device device);
 
+// One run of a declared route through pol_execute, set up as a host does:
+// the route's attribute record with its communities, an empty label table
+// and the execution parameters. Post-execution and the buffers go with it.
+class route_execution {
+public:
+    route_execution(const route_decl &route, e_zen_device device);
+    ~route_execution();
+    route_execution(const route_execution &) = delete;
+    route_execution &operator=(const route_execution &) = delete;
+
+    e_pol_action run(t_pol_user *user) { return pol_execute(user, &params_); }
+    const t_zen_attr &attr_in() const { return attr_; }
+    const t_pol_exec_params &params() const { return params_; }
+    const t_pol_te_info &te() const { return te_; }
+
+private:
+    e_zen_device device_;
+    t_zen_attr attr_;
+    t_bgp_community *communities_ = nullptr;
+    t_pol_te_info te_{};
+    t_pol_exec_params params_{};
+};
+
 }  // namespace polctl
 
 #endif  // POLCTL_ROUTES_HPP

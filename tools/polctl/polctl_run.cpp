@@ -78,40 +78,14 @@ route_result run_route(const route_decl &route, t_pol_user *handle, e_zen_device
 {
     route_result r;
     r.route = &route;
-    t_zen_attr attr = route.attr;
-    t_bgp_community *communities = nullptr;
-    if (route.has_communities) {
-        const size_t n = route.communities.size();
-        communities = static_cast<t_bgp_community *>(
-            std::calloc(1, sizeof(t_bgp_community) + n * sizeof(uint32_t)));
-        communities->n_communities = static_cast<uint32_t>(n);
-        communities->ref_count = 1;
-        std::copy(route.communities.begin(), route.communities.end(), communities->communities);
-        attr.community_p = communities;
-    }
-    t_pol_te_info te;
-    std::memset(&te, 0, sizeof(te));
-    t_pol_exec_params params;
-    pol_pre_execute(&params, device);
-    params.attr_in_p = &attr;
-    params.afi = route.afi;
-    params.safi = route.safi;
-    if (route.safi == POL_SAFI_VROUTE) {
-        params.u.vroute_info.vpn_id = route.vpn;
-        params.u.vroute_info.prefix = route.prefix;
-    } else if (route.safi == POL_SAFI_TLOC) {
-        params.u.tloc_info.tloc = route.route_tloc;
-    } else {
-        params.u.service_info.vpn_id = route.vpn;
-    }
-    params.in_label = route.in_label;
-    params.te_info_p = &te;
-
-    r.verdict = pol_execute(handle, &params);
+    route_execution exec(route, device);
+    r.verdict = exec.run(handle);
+    const t_pol_exec_params &params = exec.params();
+    const t_pol_te_info &te = exec.te();
     r.matched = match_words(params.entry_match_flags);
     r.sets = set_words(params.entry_set_flags);
     for (const attr_field &field : kAttrFields) {
-        const std::string from = present_text(attr, field);
+        const std::string from = present_text(exec.attr_in(), field);
         const std::string to = present_text(params.attr_out, field);
         if (from != to) {
             r.changes.push_back({field.name, from, to});
@@ -135,14 +109,6 @@ route_result run_route(const route_decl &route, t_pol_user *handle, e_zen_device
             r.communities.push_back(community_text(params.set_community_p->communities[i]));
         }
     }
-    t_pol_exec_vpn_entry *vpn_buffer = params.vpn_list.vpn_list_p;
-    pol_post_execute(&params);
-    // Only a controller's post-execution releases the export buffer; on
-    // other devices the host gives it back.
-    if (device != ZEN_DEVICE_QARMON && vpn_buffer != nullptr) {
-        pol_free(vpn_buffer, POL_MEM_LIST_VPN_1);
-    }
-    std::free(communities);
     return r;
 }
 
