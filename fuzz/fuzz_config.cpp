@@ -91,7 +91,7 @@ void cross_check(t_pol_user *user, uint64_t seed)
         lib.u.vroute_info.vpn_id = execmodel::random_id(c, true);
     }
     if (lib.safi == POL_SAFI_VROUTE) {
-        lib.u.vroute_info.prefix = execmodel::random_prefix(c, lib.afi == 10);
+        lib.u.vroute_info.prefix = execmodel::random_prefix(c, lib.afi == 10, true);
     }
     lib.in_label = static_cast<uint32_t>(c.bits());
     t_pol_te_info lib_te{}, ref_te{};
