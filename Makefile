@@ -107,5 +107,5 @@ fuzz-smoke: build-fuzz ## run each fuzz target for FUZZ_SMOKE_SECONDS (default 1
 install: build ## install the library, headers and pkg-config file under PREFIX
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
-clean: ## remove the three build trees
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_REL)
+clean: ## remove the build trees (normal, sanitizer, release, fuzz)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_REL) $(BUILD_FUZZ)
