@@ -80,7 +80,7 @@ void cross_check(t_pol_user *user, uint64_t seed)
     counter_chooser c(seed);
     static const uint8_t kSafis[] = {POL_SAFI_VROUTE, POL_SAFI_TLOC, POL_SAFI_SERVICE};
     t_zen_attr attr = execmodel::random_attr(c);
-    t_pol_exec_params lib, ref;
+    t_pol_exec_params lib;
     pol_pre_execute(&lib, c.percent(50) ? ZEN_DEVICE_QARMON : ZEN_DEVICE_RIMBA);
     lib.attr_in_p = &attr;
     lib.safi = c.pick(kSafis);
@@ -94,18 +94,7 @@ void cross_check(t_pol_user *user, uint64_t seed)
         lib.u.vroute_info.prefix = execmodel::random_prefix(c, lib.afi == 10, true);
     }
     lib.in_label = static_cast<uint32_t>(c.bits());
-    t_pol_te_info lib_te{}, ref_te{};
-    lib.te_info_p = &lib_te;
-    std::memcpy(static_cast<void *>(&ref), &lib, sizeof(ref));
-    ref.te_info_p = &ref_te;
-    e_pol_action lib_v = pol_execute(user, &lib);
-    e_pol_action ref_v = execref::execute(user, &ref);
-    if (execmodel::outcome(lib_v, lib, lib_te) != execmodel::outcome(ref_v, ref, ref_te)) {
-        fuzzsup::fail(std::string("library and reference disagree on a route of ") + user->user_name +
-                      " (seed " + std::to_string(seed) + ")");
-    }
-    pol_free(lib.vpn_list.vpn_list_p, POL_MEM_LIST_VPN_1);
-    execref::release(&ref);
+    fuzzsup::execute_against_reference(user, lib, "seed " + std::to_string(seed));
     std::free(attr.community_p);
 }
 

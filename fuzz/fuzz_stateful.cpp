@@ -283,7 +283,7 @@ private:
             return;
         }
         t_zen_attr attr = execmodel::random_attr(c_);
-        t_pol_exec_params lib, ref;
+        t_pol_exec_params lib;
         e_zen_device device = c_.percent(50) ? ZEN_DEVICE_QARMON : ZEN_DEVICE_RIMBA;
         pol_pre_execute(&lib, device);
         lib.attr_in_p = &attr;
@@ -299,37 +299,10 @@ private:
             lib.u.vroute_info.prefix = execmodel::random_prefix(c_, lib.afi == 10, true);
         }
         lib.in_label = static_cast<uint32_t>(c_.bits());
-        t_pol_te_info lib_te{}, ref_te{};
-        lib.te_info_p = &lib_te;
-        std::memcpy(static_cast<void *>(&ref), &lib, sizeof(ref));
-        ref.te_info_p = &ref_te;
-
-        const int64_t buffers = fuzzsup::accounting::now().live[POL_MEM_LIST_VPN_1];
-        e_pol_action lib_v = pol_execute(user, &lib);
-        e_pol_action ref_v = execref::execute(user, &ref);
-        compare(execmodel::outcome(lib_v, lib, lib_te), execmodel::outcome(ref_v, ref, ref_te), user);
-        if (device == ZEN_DEVICE_QARMON) {
-            pol_post_execute(&lib);
-        } else {
-            pol_free(lib.vpn_list.vpn_list_p, POL_MEM_LIST_VPN_1);
-        }
-        if (fuzzsup::accounting::now().live[POL_MEM_LIST_VPN_1] != buffers) {
-            fuzzsup::fail("more than one export VPN buffer for one execution");
-        }
-        execref::release(&ref);
+        fuzzsup::execute_against_reference(user, lib, "stateful");
         std::free(attr.community_p);
     }
 
-    static void compare(const std::vector<std::string> &got, const std::vector<std::string> &want,
-                        const t_pol_user *user)
-    {
-        auto diff = std::mismatch(got.begin(), got.end(), want.begin(), want.end());
-        if (diff.first != got.end() || diff.second != want.end()) {
-            fuzzsup::fail(std::string("library and reference disagree on a route of ") + user->user_name +
-                          ": library " + (diff.first != got.end() ? *diff.first : "-") + ", reference " +
-                          (diff.second != want.end() ? *diff.second : "-"));
-        }
-    }
 
     FuzzedDataProvider &in_;
     byte_chooser c_;

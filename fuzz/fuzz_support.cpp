@@ -5,7 +5,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <vector>
+
+#include "exec_model.hpp"
+#include "exec_reference.hpp"
 
 namespace fuzzsup {
 
@@ -84,6 +89,37 @@ void fail(const std::string &message)
     std::fprintf(stderr, "\n==== fuzz check failed: %s\n", message.c_str());
     std::fflush(stderr);
     std::abort();
+}
+
+void execute_against_reference(t_pol_user *user, t_pol_exec_params &lib, const std::string &context)
+{
+    t_pol_exec_params ref;
+    t_pol_te_info lib_te{}, ref_te{};
+    lib.te_info_p = &lib_te;
+    std::memcpy(static_cast<void *>(&ref), &lib, sizeof(ref));
+    ref.te_info_p = &ref_te;
+
+    const int64_t buffers = accounting::now().live[POL_MEM_LIST_VPN_1];
+    const e_pol_action lib_v = pol_execute(user, &lib);
+    const e_pol_action ref_v = execref::execute(user, &ref);
+    const std::vector<std::string> got = execmodel::outcome(lib_v, lib, lib_te);
+    const std::vector<std::string> want = execmodel::outcome(ref_v, ref, ref_te);
+    const auto diff = std::mismatch(got.begin(), got.end(), want.begin(), want.end());
+    if (diff.first != got.end() || diff.second != want.end()) {
+        fail(std::string("library and reference disagree on a route of ") + user->user_name + " (" +
+             context + "): library " + (diff.first != got.end() ? *diff.first : "-") +
+             ", reference " + (diff.second != want.end() ? *diff.second : "-"));
+    }
+    // Only a controller's post-execution releases the export buffer.
+    if (lib.my_device_type == ZEN_DEVICE_QARMON) {
+        pol_post_execute(&lib);
+    } else {
+        pol_free(lib.vpn_list.vpn_list_p, POL_MEM_LIST_VPN_1);
+    }
+    if (accounting::now().live[POL_MEM_LIST_VPN_1] != buffers) {
+        fail("more than one export VPN buffer for one execution");
+    }
+    execref::release(&ref);
 }
 
 }  // namespace fuzzsup

@@ -49,6 +49,13 @@ bool avoid_known_faults();
 // saves the input as a crash.
 [[noreturn]] void fail(const std::string &message);
 
+// Runs the route that lib describes (after pol_pre_execute, with its
+// attributes and route fields set) through the library and through the
+// reference evaluator, and fails, naming the user and context, unless every
+// output agrees and the execution left at most one export VPN buffer, which
+// is released as its device's host releases it.
+void execute_against_reference(t_pol_user *user, t_pol_exec_params &lib, const std::string &context);
+
 }  // namespace fuzzsup
 
 #endif  // FUZZ_SUPPORT_HPP

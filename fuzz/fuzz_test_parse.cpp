@@ -90,7 +90,7 @@ void cross_check(t_pol_user *user)
         attr.site_id = 100;
         attr.preference = 7;
         pol_test_tloc_str_to_tloc("10.0.0.9:1:ipsec", &attr.tloc);
-        t_pol_exec_params lib, ref;
+        t_pol_exec_params lib;
         pol_pre_execute(&lib, ZEN_DEVICE_RIMBA);
         lib.attr_in_p = &attr;
         lib.safi = safi;
@@ -100,17 +100,7 @@ void cross_check(t_pol_user *user)
         } else {
             pol_test_pfx_str_to_pfx("10.1.0.0/16", &lib.u.vroute_info.prefix);
         }
-        t_pol_te_info lib_te{}, ref_te{};
-        lib.te_info_p = &lib_te;
-        std::memcpy(static_cast<void *>(&ref), &lib, sizeof(ref));
-        ref.te_info_p = &ref_te;
-        e_pol_action lib_v = pol_execute(user, &lib);
-        e_pol_action ref_v = execref::execute(user, &ref);
-        if (execmodel::outcome(lib_v, lib, lib_te) != execmodel::outcome(ref_v, ref, ref_te)) {
-            fuzzsup::fail(std::string("library and reference disagree on a route of ") + user->user_name);
-        }
-        pol_free(lib.vpn_list.vpn_list_p, POL_MEM_LIST_VPN_1);
-        execref::release(&ref);
+        fuzzsup::execute_against_reference(user, lib, "text harness");
     }
 }
 
