@@ -149,6 +149,21 @@ struct scenario {
     }
 };
 
+// The execution parameters of one benchmark route (an IPv4 virtual route
+// on an edge router), with te as its label table.
+t_pol_exec_params route_params(const bench_route &r, t_pol_te_info *te)
+{
+    t_pol_exec_params p;
+    pol_pre_execute(&p, ZEN_DEVICE_RIMBA);
+    p.attr_in_p = const_cast<t_zen_attr *>(&r.attr);
+    p.afi = 2;
+    p.safi = POL_SAFI_VROUTE;
+    p.u.vroute_info.vpn_id = r.vpn;
+    p.u.vroute_info.prefix = r.prefix;
+    p.te_info_p = te;
+    return p;
+}
+
 // Runs count routes (cycling) through exec; returns seconds.
 template <typename Exec>
 double run_routes(const scenario &sc, unsigned count, Exec exec, uint64_t &accepted)
@@ -157,15 +172,8 @@ double run_routes(const scenario &sc, unsigned count, Exec exec, uint64_t &accep
     auto start = clock_type::now();
     for (unsigned i = 0; i < count; i++) {
         const bench_route &r = sc.routes[i % sc.routes.size()];
-        t_pol_exec_params p;
-        pol_pre_execute(&p, ZEN_DEVICE_RIMBA);
-        p.attr_in_p = const_cast<t_zen_attr *>(&r.attr);
-        p.afi = 2;
-        p.safi = POL_SAFI_VROUTE;
-        p.u.vroute_info.vpn_id = r.vpn;
-        p.u.vroute_info.prefix = r.prefix;
         te.num_entries = 0;
-        p.te_info_p = &te;
+        t_pol_exec_params p = route_params(r, &te);
         accepted += exec(p) == POL_ACTION_ACCEPT ? 1 : 0;
     }
     return seconds_since(start);
@@ -560,16 +568,8 @@ bool sample_agrees(scenario &sc)
         const bench_route &route = sc.routes[i];
         t_pol_te_info te_a{};
         t_pol_te_info te_b{};
-        t_pol_exec_params a;
-        pol_pre_execute(&a, ZEN_DEVICE_RIMBA);
-        a.attr_in_p = const_cast<t_zen_attr *>(&route.attr);
-        a.afi = 2;
-        a.safi = POL_SAFI_VROUTE;
-        a.u.vroute_info.vpn_id = route.vpn;
-        a.u.vroute_info.prefix = route.prefix;
-        t_pol_exec_params b = a;
-        a.te_info_p = &te_a;
-        b.te_info_p = &te_b;
+        t_pol_exec_params a = route_params(route, &te_a);
+        t_pol_exec_params b = route_params(route, &te_b);
         e_pol_action va = run_library(sc.user, a);
         e_pol_action vb = run_reference(sc.user, b);
         if (va != vb || a.entry_set_flags != b.entry_set_flags || a.entry_match_flags != b.entry_match_flags ||
