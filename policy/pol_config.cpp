@@ -297,6 +297,90 @@ int32_t apply_leaf(std::span<const leaf_pair> table, t_pol_ctx *ctx, t_pol_entry
     return POL_CONFIG_OK;
 }
 
+
+/* ---- policies and sequences ---- */
+
+namespace {
+
+// 0 accepts, 1 rejects, anything else is left alone.
+e_pol_action action_of(uint32_t value)
+{
+    switch (value) {
+    case 0:
+        return POL_ACTION_ACCEPT;
+    case 1:
+        return POL_ACTION_REJECT;
+    default:
+        return POL_ACTION_INVALID;
+    }
+}
+
+void read_default_action(t_pol_ctx *ctx, t_pol_block *block, const mgmtd_tag_value_t *cur_val_p,
+                         uint8_t *changed)
+{
+    const e_pol_action action = action_of(value_enum(cur_val_p));
+    t_pol_entry &dflt = block->default_action_entry;
+    if (action == POL_ACTION_INVALID || action == dflt.entry_action) {
+        return;
+    }
+    dflt.entry_action = action;
+    pol_block_users_add_to_chg_list(ctx, block);
+    *changed = 1;
+}
+
+}  // namespace
+
+// The sequence action leaf; returns the action it applied.
+e_pol_action read_action(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cur_val_p,
+                         uint8_t *changed)
+{
+    const e_pol_action action = action_of(value_enum(cur_val_p));
+    if (action != POL_ACTION_INVALID) {
+        pol_entry_action_add(ctx, entry, action, changed);
+    }
+    return action;
+}
+
+// What every policy reader does: delete, create or find the block, then
+// apply its default action.
+policy_outcome read_policy(t_pol_ctx *ctx, const char *name, e_pol_type type, mgmtd_iter_op oper,
+                           mgmtd_tag_value_t *val_p, uint32_t num_values)
+{
+    uint8_t changed = 0;
+    if (oper == MOP_DELETED) {
+        pol_block_find_and_delete(ctx, name, type, &changed);
+        notify_if_changed(ctx, changed);
+        return policy_outcome::done;
+    }
+    t_pol_block *block = oper == MOP_CREATED ? pol_block_find_or_create(ctx, name, type, &changed)
+                                             : pol_block_find(ctx, name, type, nullptr);
+    if (block == nullptr) {
+        return oper == MOP_CREATED ? policy_outcome::not_created : policy_outcome::not_found;
+    }
+    walk_values(trace_form::policy, val_p, num_values, [&](const mgmtd_tag_value_t *cur_val_p) {
+        if (cur_val_p->tag.tag == TAG_DEFAULT_ACTION) {
+            read_default_action(ctx, block, cur_val_p, &changed);
+        }
+    });
+    notify_if_changed(ctx, changed);
+    return policy_outcome::done;
+}
+
+int32_t delete_sequence(t_pol_ctx *ctx, t_pol_block *block, uint32_t seq)
+{
+    uint8_t changed = 0;
+    pol_entry_find_and_delete(ctx, block, seq, &changed);
+    return notify_if_changed(ctx, changed);
+}
+
+// Created on MOP_CREATED, found otherwise; null when neither works.
+t_pol_entry *sequence_for(t_pol_ctx *ctx, t_pol_block *block, uint32_t seq, mgmtd_iter_op oper,
+                          uint8_t *changed)
+{
+    return oper == MOP_CREATED ? pol_entry_find_or_create(ctx, block, seq, changed)
+                               : pol_entry_find(ctx, block, seq, nullptr);
+}
+
 }  // namespace pol::config
 
 extern "C" {

@@ -203,6 +203,27 @@ int32_t add_leaf(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cu
 int32_t apply_leaf(std::span<const leaf_pair> table, t_pol_ctx *ctx, t_pol_entry *entry,
                 const mgmtd_tag_value_t *cur_val_p, uint8_t *changed);
 
+/* ---- policies and sequences ---- */
+
+// The sequence action leaf (0 accepts, 1 rejects, anything else is left
+// alone); returns the action it applied.
+e_pol_action read_action(t_pol_ctx *ctx, t_pol_entry *entry, const mgmtd_tag_value_t *cur_val_p,
+                         uint8_t *changed);
+
+// not_created: there was no memory for the block.
+enum class policy_outcome { done, not_created, not_found };
+
+// What every policy reader does: delete, create or find the block, then
+// apply its default action.
+policy_outcome read_policy(t_pol_ctx *ctx, const char *name, e_pol_type type, mgmtd_iter_op oper,
+                           mgmtd_tag_value_t *val_p, uint32_t num_values);
+
+int32_t delete_sequence(t_pol_ctx *ctx, t_pol_block *block, uint32_t seq);
+
+// Created on MOP_CREATED, found otherwise; null when neither works.
+t_pol_entry *sequence_for(t_pol_ctx *ctx, t_pol_block *block, uint32_t seq, mgmtd_iter_op oper,
+                          uint8_t *changed);
+
 }  // namespace pol::config
 
 #endif  // POLICY_POL_CONFIG_INTERNAL_HPP
