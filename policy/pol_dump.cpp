@@ -190,7 +190,7 @@ int dump_policies_of(mgmtd_cli_user_info *uinfo, e_pol_type type)
     return 0;
 }
 
-// A list's entries in insertion order, as the dumps show them.
+// A list's entries, in the identity order its queue keeps.
 using site_entries = pol::tailq<t_site_entry, &t_site_entry::site_entry>;
 using vpn_entries = pol::tailq<t_pol_vpn_entry, &t_pol_vpn_entry::vpn_entry>;
 using tloc_entries = pol::tailq<t_tloc_entry, &t_tloc_entry::tloc_entry>;
@@ -198,11 +198,12 @@ using color_entries = pol::tailq<t_color_entry, &t_color_entry::color_entry>;
 using pfx_entries = pol::tailq<t_pfx_entry, &t_pfx_entry::pfx_entry>;
 using community_entries = pol::tailq<t_community_entry, &t_community_entry::community_entry>;
 
-// One "User: POLICY" line per user of a chain, in chain order.
+// One "User: POLICY" line per user of a chain, in rank order (by policy
+// type and name, then sequence), whatever order they linked in.
 template <typename User, auto Link, typename Head>
 void dump_users(mgmtd_cli_user_info *uinfo, const Head &head)
 {
-    pol::tailq<User, Link>::for_each(head, [&](const User *user) {
+    pol::for_each_user_ranked<User, Link>(head, [&](const User *user) {
         pol_cli_printf(uinfo, "\n  User: %s", pol::block_name(user->pol_block_p));
     });
 }

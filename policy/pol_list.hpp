@@ -9,14 +9,19 @@
 // traits record; each family's source file adds only what differs and the
 // thin C functions under the family's own names.
 //
-// Entries of the tail-queue families sit both in the queue (dumps and
-// matching visit its order: insertion order, unless a family links its
-// entries otherwise, as the TLOC list does) and in an identity index (an
+// Entries of the tail-queue families sit both in an identity index (an
 // intrusive tree keyed on what makes an entry unique in its list), so the
-// duplicate check, find and delete cost O(log n).
+// duplicate check, find and delete cost O(log n), and in the queue, which
+// keeps them in the order of that index. The configuration's lists are
+// sets: the order in which their entries arrive depends on the history of
+// commits (a changed entry is deleted and added again, an order changed in
+// the file alone is no change at all), so a queue in identity order lets
+// what a list holds alone decide what its walks see: dumps, documents and
+// the actions that copy a list's entries out in order.
 #ifndef POLICY_POL_LIST_HPP
 #define POLICY_POL_LIST_HPP
 
+#include <algorithm>
 #include <array>
 #include <tuple>
 
@@ -52,6 +57,14 @@ struct tailq {
         (e->*Link).tqe_prev = h.tqh_last;
         *h.tqh_last = e;
         h.tqh_last = &(e->*Link).tqe_next;
+    }
+    // Links e in front of pos, which is in the queue.
+    static void insert_before(T *pos, T *e)
+    {
+        (e->*Link).tqe_prev = (pos->*Link).tqe_prev;
+        (e->*Link).tqe_next = pos;
+        *(pos->*Link).tqe_prev = e;
+        (pos->*Link).tqe_prev = &(e->*Link).tqe_next;
     }
     template <typename Head>
     static void remove(Head &h, T *e)
@@ -331,11 +344,17 @@ struct list_family {
         g_pol_list_changes++;
     }
 
-    // Links a filled entry at the tail of the queue and into the index.
+    // Links a filled entry into the index and into the queue in front of
+    // its successor in identity order, which the index finds in O(log n).
     static void link_entry(list_t *list, entry_t *entry)
     {
-        queue::push_back(list->*Traits::entries, entry);
         avl_add(&list->entry_index, entry);
+        entry_t *next = tree<entry_t>(&list->entry_index).next(entry);
+        if (next != nullptr) {
+            queue::insert_before(next, entry);
+        } else {
+            queue::push_back(list->*Traits::entries, entry);
+        }
         bump_generation(list);
     }
 
@@ -384,6 +403,78 @@ struct list_family {
 inline const char *block_name(const t_pol_block *block)
 {
     return block != nullptr ? block->pol_name : "";
+}
+
+/* ---- users in a canonical order ---- */
+
+// Where a user sits in the configuration: its policy's type and name, the
+// VPN list of a data-policy sequence and the sequence number. A chain links
+// its users in the order they came, which depends on the history of
+// commits; this rank does not.
+struct user_rank {
+    int type;
+    const char *policy;
+    const char *vpn;
+    uint32_t sequence;
+};
+
+inline int compare(const user_rank &a, const user_rank &b)
+{
+    if (int r = cmp3(a.type, b.type)) {
+        return r;
+    }
+    if (int r = fold(std::strcmp(a.policy, b.policy))) {
+        return r;
+    }
+    if (int r = fold(std::strcmp(a.vpn, b.vpn))) {
+        return r;
+    }
+    return cmp3(a.sequence, b.sequence);
+}
+
+inline user_rank block_rank(const t_pol_block *block, const t_pol_fwd_vpn_entry *vpn, uint32_t sequence)
+{
+    return {block != nullptr ? static_cast<int>(block->pol_type) : -1, block_name(block),
+            vpn != nullptr ? vpn->vpn_name : "", sequence};
+}
+
+// A match user is the condition part of a sequence: the store links only
+// the match records of sequences (t_pol_entry) into the chains.
+inline user_rank rank_of(const t_pol_match_entry *m)
+{
+    const auto *seq = reinterpret_cast<const t_pol_entry *>(reinterpret_cast<const char *>(m) -
+                                                            offsetof(t_pol_entry, match_entry));
+    return block_rank(m->pol_block_p, m->pol_vpn_p, seq->entry_num);
+}
+
+// A data policy applied to a VPN list: its block and the list's name.
+inline user_rank rank_of(const t_pol_fwd_vpn_entry *v)
+{
+    return block_rank(v->pol_block_p, v, 0);
+}
+
+// Visits the users of a chain in rank order (rank_of). The order is built
+// in a scratch array for the walk; without memory for it, the chain's own
+// order is visited.
+template <typename User, auto Link, typename Head, typename F>
+void for_each_user_ranked(const Head &head, F &&fn)
+{
+    using links = tailq<User, Link>;
+    std::size_t n = 0;
+    links::for_each(head, [&](User *) { n++; });
+    auto **users = static_cast<User **>(pol_calloc(n == 0 ? 1 : n, sizeof(User *), POL_MEM_BLOCK));
+    if (users == nullptr) {
+        links::for_each(head, fn);
+        return;
+    }
+    std::size_t i = 0;
+    links::for_each(head, [&](User *u) { users[i++] = u; });
+    std::stable_sort(users, users + n,
+                     [](const User *a, const User *b) { return compare(rank_of(a), rank_of(b)) < 0; });
+    for (i = 0; i < n; i++) {
+        fn(users[i]);
+    }
+    pol_free(users, POL_MEM_BLOCK);
 }
 
 }  // namespace pol
