@@ -343,6 +343,78 @@ char *pol_dump_set_community(char *buf, const t_pol_set_community *set);
 void pol_dump_community_list_all(struct mgmtd_cli_user_info *uinfo);
 void pol_dump_expanded_community_list_all(struct mgmtd_cli_user_info *uinfo);
 
+/* ---- application lists (entries applied silently, published by entry_change) ---- */
+
+e_err pol_app_list_main_init(t_pol_ctx *ctx);
+e_err pol_app_list_main_deinit(t_pol_ctx *ctx);
+int pol_app_list_cmp(const void *a, const void *b);
+int pol_app_list_entry_cmp(const void *a, const void *b);
+t_app_list *pol_app_list_find(t_pol_ctx *ctx, const char *name);
+t_app_list *pol_app_list_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created);
+bool pol_app_list_is_empty(const t_app_list *list);
+t_app_list *pol_app_list_first(t_pol_ctx *ctx);
+t_app_list *pol_app_list_next(t_pol_ctx *ctx, t_app_list *list);
+e_err pol_app_list_entry_add_app(t_pol_ctx *ctx, const char *name, const char *app,
+                                 t_app_list_type type);
+e_err pol_app_list_entry_del_app(t_pol_ctx *ctx, const char *name, const char *app);
+e_err pol_app_list_entry_change(t_pol_ctx *ctx, const char *name);
+e_err pol_app_list_cfg_del(t_pol_ctx *ctx, const char *name);
+void pol_app_list_del(t_pol_ctx *ctx, t_app_list **list_pp, uint8_t remove);
+t_app_list *pol_app_list_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_entry *match);
+e_err pol_app_list_user_remove(t_pol_ctx *ctx, t_app_list *list, t_pol_match_entry *match);
+t_app_list *pol_dns_app_list_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_entry *match);
+e_err pol_dns_app_list_user_remove(t_pol_ctx *ctx, t_app_list *list, t_pol_match_entry *match);
+t_app_list *pol_saas_app_list_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_entry *match);
+e_err pol_saas_app_list_user_remove(t_pol_ctx *ctx, t_app_list *list, t_pol_match_entry *match);
+void pol_app_list_users_add_to_chg_list(t_pol_ctx *ctx, t_app_list *list);
+void pol_dump_app_list_all(struct mgmtd_cli_user_info *uinfo);
+
+/* ---- data prefix lists, IPv4 (entries applied silently, published by entry_change) ---- */
+
+e_err pol_fwd_pfx_list_main_init(t_pol_ctx *ctx);
+e_err pol_fwd_pfx_list_main_deinit(t_pol_ctx *ctx);
+int pol_fwd_pfx_list_cmp(const void *a, const void *b);
+/* Entry order of both families: by prefix. */
+int pol_fwd_pfx_list_entry_cmp(const void *a, const void *b);
+t_fwd_pfx_list *pol_fwd_pfx_list_find(t_pol_ctx *ctx, const char *name);
+t_fwd_pfx_list *pol_fwd_pfx_list_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created);
+bool pol_fwd_pfx_list_is_empty(const t_fwd_pfx_list *list);
+t_fwd_pfx_list *pol_fwd_pfx_list_first(t_pol_ctx *ctx);
+t_fwd_pfx_list *pol_fwd_pfx_list_next(t_pol_ctx *ctx, t_fwd_pfx_list *list);
+e_err pol_fwd_pfx_list_add_prefix(t_pol_ctx *ctx, const char *name, const t_ipprefix *prefix);
+e_err pol_fwd_pfx_list_del_prefix(t_pol_ctx *ctx, const char *name, const t_ipprefix *prefix);
+e_err pol_fwd_pfx_list_entry_change(t_pol_ctx *ctx, const char *name);
+e_err pol_fwd_pfx_list_cfg_del(t_pol_ctx *ctx, const char *name);
+void pol_fwd_pfx_list_del(t_pol_ctx *ctx, t_fwd_pfx_list **list_pp, uint8_t remove);
+t_fwd_pfx_list *pol_fwd_pfx_list_user_add(t_pol_ctx *ctx, const char *name,
+                                          e_pol_fwd_pfx_type role, t_pol_match_entry *match);
+e_err pol_fwd_pfx_list_user_remove(t_pol_ctx *ctx, t_fwd_pfx_list *list, e_pol_fwd_pfx_type role,
+                                   t_pol_match_entry *match);
+void pol_fwd_pfx_list_users_add_to_chg_list(t_pol_ctx *ctx, t_fwd_pfx_list *list);
+void pol_dump_fwd_pfx_list_all(struct mgmtd_cli_user_info *uinfo);
+
+/* ---- data prefix lists, IPv6 (the same record and behaviour, their own tree) ---- */
+
+e_err pol_fwd_pfx6_list_main_init(t_pol_ctx *ctx);
+e_err pol_fwd_pfx6_list_main_deinit(t_pol_ctx *ctx);
+int pol_fwd_pfx6_list_cmp(const void *a, const void *b);
+t_fwd_pfx_list *pol_fwd_pfx6_list_find(t_pol_ctx *ctx, const char *name);
+t_fwd_pfx_list *pol_fwd_pfx6_list_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created);
+bool pol_fwd_pfx6_list_is_empty(const t_fwd_pfx_list *list);
+t_fwd_pfx_list *pol_fwd_pfx6_list_first(t_pol_ctx *ctx);
+t_fwd_pfx_list *pol_fwd_pfx6_list_next(t_pol_ctx *ctx, t_fwd_pfx_list *list);
+e_err pol_fwd_pfx6_list_add_prefix(t_pol_ctx *ctx, const char *name, const t_ipprefix *prefix);
+e_err pol_fwd_pfx6_list_del_prefix(t_pol_ctx *ctx, const char *name, const t_ipprefix *prefix);
+e_err pol_fwd_pfx6_list_entry_change(t_pol_ctx *ctx, const char *name);
+e_err pol_fwd_pfx6_list_cfg_del(t_pol_ctx *ctx, const char *name);
+void pol_fwd_pfx6_list_del(t_pol_ctx *ctx, t_fwd_pfx_list **list_pp, uint8_t remove);
+t_fwd_pfx_list *pol_fwd_pfx6_list_user_add(t_pol_ctx *ctx, const char *name,
+                                           e_pol_fwd_pfx_type role, t_pol_match_entry *match);
+e_err pol_fwd_pfx6_list_user_remove(t_pol_ctx *ctx, t_fwd_pfx_list *list, e_pol_fwd_pfx_type role,
+                                    t_pol_match_entry *match);
+void pol_fwd_pfx6_list_users_add_to_chg_list(t_pol_ctx *ctx, t_fwd_pfx_list *list);
+void pol_dump_fwd_pfx6_list_all(struct mgmtd_cli_user_info *uinfo);
+
 /* ---- community set action ---- */
 
 int pol_config_set_bgp_community_upd(t_pol_entry *entry, uint32_t *communities, uint16_t count);
