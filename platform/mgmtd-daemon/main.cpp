@@ -1,11 +1,12 @@
 // zen-mgmtd: the host's management daemon.
 //
 //   zen-mgmtd [--port N] [--db DIR] [--module FILE]... [--modules-dir DIR]
-//             [--no-placeholder]
+//             [--no-placeholder] [--no-fsync]
 //
 // Serves the management and data connections of the client library on
 // 127.0.0.1 (port 4565 by default; 0 picks a free port), with the running
-// configuration persisted in DIR/running.xml. Once it listens it prints
+// configuration persisted in DIR/running.xml (written to a temporary file,
+// synced unless --no-fsync, and renamed over it). Once it listens it prints
 // "zen-mgmtd: listening on 127.0.0.1:<port>" on standard output; SIGTERM
 // or SIGINT stop it. docs/mgmtd-daemon.md describes it.
 #include <libxml/parser.h>
@@ -39,7 +40,7 @@ int usage(const char *why)
     std::fprintf(stderr,
                  "zen-mgmtd: %s\n"
                  "usage: zen-mgmtd [--port N] [--db DIR] [--module FILE]... [--modules-dir DIR] "
-                 "[--no-placeholder]\n",
+                 "[--no-placeholder] [--no-fsync]\n",
                  why);
     return 2;
 }
@@ -89,6 +90,8 @@ int main(int argc, char **argv)
             store_options.modules.push_back(argv[++i]);
         } else if (arg == "--modules-dir" && has_value) {
             store_options.modules_dir = argv[++i];
+        } else if (arg == "--no-fsync") {
+            store_options.fsync = false;
         } else if (arg == "--no-placeholder") {
             store_options.placeholder = false;
         } else {

@@ -140,6 +140,8 @@ void server::serve(client &cl)
         }
     }
     daemon_.detach(conn);
+    // The peer sees the end now; the socket is closed when the thread is joined.
+    ::shutdown(cl.fd, SHUT_RDWR);
     cl.done.store(true);
 }
 

@@ -65,7 +65,7 @@ void remove_nodes(tree &t, const std::vector<lyd_node *> &nodes)
     }
 }
 
-bool write_file(const std::string &path, const char *text, size_t size)
+bool write_file(const std::string &path, const char *text, size_t size, bool sync)
 {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0) {
@@ -83,7 +83,7 @@ bool write_file(const std::string &path, const char *text, size_t size)
         }
         done += static_cast<size_t>(n);
     }
-    const bool synced = ::fsync(fd) == 0;
+    const bool synced = !sync || ::fsync(fd) == 0;
     return ::close(fd) == 0 && synced;
 }
 
@@ -178,12 +178,8 @@ failure store::load_running()
     if (failure f = validate(loaded, MGMTD_RUNNING)) {
         return fail(f.code, running_file_ + ": " + f.message);
     }
-    bool ok = false;
-    candidate_ = loaded.copy(ok);
-    if (!ok) {
-        return fail(MGMTD_ERR_MALLOC, "cannot copy the running configuration");
-    }
     running_ = std::make_shared<const tree>(std::move(loaded));
+    candidate_ = running_;
     return {};
 }
 
@@ -197,6 +193,7 @@ failure store::open(const store_options &options)
     }
     ctx_.reset(ctx);
     running_file_ = options.db_dir + "/running.xml";
+    fsync_ = options.fsync;
     if (failure f = load_modules(options)) {
         return f;
     }
@@ -213,7 +210,7 @@ failure store::persist(const tree &t) const
     std::unique_ptr<char, text_deleter> text(raw);
     const std::string tmp = running_file_ + ".tmp";
     const size_t size = text != nullptr ? std::strlen(text.get()) : 0;
-    if (!write_file(tmp, text != nullptr ? text.get() : "", size) ||
+    if (!write_file(tmp, text != nullptr ? text.get() : "", size, fsync_) ||
         ::rename(tmp.c_str(), running_file_.c_str()) != 0) {
         const std::string why = std::strerror(errno);
         ::unlink(tmp.c_str());
@@ -327,17 +324,11 @@ failure store::locked_by_other(int db, uint64_t owner) const
     return {};
 }
 
-failure store::apply(int db, std::vector<change> &changes, uint64_t owner)
+// A validated copy of source with the changes.
+failure store::changed_copy(const tree &source, int db, std::vector<change> &changes, tree &out)
 {
-    if (db != MGMTD_CANDIDATE && db != MGMTD_OPERATIONAL) {
-        return fail(MGMTD_ERR_NOT_WRITABLE, "only the candidate and operational databases take writes");
-    }
-    if (failure f = locked_by_other(db, owner)) {
-        return f;
-    }
-    tree &target = db == MGMTD_CANDIDATE ? candidate_ : operational_;
     bool ok = false;
-    tree work = target.copy(ok);
+    tree work = source.copy(ok);
     if (!ok) {
         return fail(MGMTD_ERR_MALLOC, "cannot copy the database");
     }
@@ -347,10 +338,30 @@ failure store::apply(int db, std::vector<change> &changes, uint64_t owner)
     if (failure f = validate(work, db)) {
         return f;
     }
-    target = std::move(work);
+    out = std::move(work);
     return {};
 }
 
+failure store::apply(int db, std::vector<change> &changes, uint64_t owner)
+{
+    if (db == MGMTD_OPERATIONAL) {
+        return changed_copy(operational_, db, changes, operational_);
+    }
+    if (db != MGMTD_CANDIDATE) {
+        return fail(MGMTD_ERR_NOT_WRITABLE, "only the candidate and operational databases take writes");
+    }
+    if (failure f = locked_by_other(db, owner)) {
+        return f;
+    }
+    tree work;
+    if (failure f = changed_copy(*candidate_, db, changes, work)) {
+        return f;
+    }
+    candidate_ = std::make_shared<const tree>(std::move(work));
+    return {};
+}
+
+// The candidate was validated when it was made, so it is taken as it is.
 failure store::commit(uint64_t owner)
 {
     if (failure f = locked_by_other(MGMTD_RUNNING, owner)) {
@@ -359,18 +370,12 @@ failure store::commit(uint64_t owner)
     if (failure f = locked_by_other(MGMTD_CANDIDATE, owner)) {
         return f;
     }
-    bool ok = false;
-    tree work = candidate_.copy(ok);
-    if (!ok) {
-        return fail(MGMTD_ERR_MALLOC, "cannot copy the candidate database");
+    if (candidate_ != running_) {
+        if (failure f = persist(*candidate_)) {
+            return f;
+        }
+        running_ = candidate_;
     }
-    if (failure f = validate(work, MGMTD_RUNNING)) {
-        return f;
-    }
-    if (failure f = persist(work)) {
-        return f;
-    }
-    running_ = std::make_shared<const tree>(std::move(work));
     commits_++;
     return {};
 }

@@ -68,6 +68,7 @@ struct store_options {
     std::vector<std::string> modules;   // YANG files to load
     std::string modules_dir;            // every *.yang there, also the import search dir
     bool placeholder = true;            // the built-in edge placeholder module
+    bool fsync = true;                  // running.xml reaches the disk before a commit is answered
 };
 
 class store {
@@ -108,6 +109,7 @@ private:
     failure load_module_text(const char *name, const char *text);
     failure load_running();
     failure persist(const tree &t) const;
+    failure changed_copy(const tree &source, int db, std::vector<change> &changes, tree &out);
     failure validate(tree &t, int db);
     failure replay(tree &work, std::vector<change> &changes);
     failure locked_by_other(int db, uint64_t owner) const;
@@ -115,8 +117,11 @@ private:
 
     ctx_ptr ctx_;
     std::string running_file_;
+    bool fsync_ = true;
+    // Both immutable once made: an apply makes a new candidate, a commit
+    // makes the candidate the running configuration as it is.
     snapshot running_ = std::make_shared<const tree>();
-    tree candidate_;
+    snapshot candidate_ = running_;
     tree operational_;
     std::map<int, uint64_t> locks_;
     long commits_ = 0;
