@@ -533,6 +533,12 @@ private:
     char buf_[16];
 };
 
+// An app-probe class's colour entries in insertion order, and the SLA
+// classes that refer to it.
+using probe_colors =
+    pol::tailq<t_app_probe_class_color_entry, &t_app_probe_class_color_entry::app_probe_class_color_entry>;
+using probe_slas = pol::tailq<t_fwd_sla_class, &t_fwd_sla_class::set_app_probe_class_sla_entry>;
+
 const char *name_or_unset(const char *name)
 {
     return name[0] != '\0' ? name : kNotConfigured;
@@ -605,22 +611,22 @@ void pol_dump_app_probe_class(t_app_probe_class *probe_class, struct mgmtd_cli_u
     pol_cli_printf(uinfo, "\napp_probe_class: %s (0x%p, %u)", probe_class->app_probe_class_name,
                    static_cast<void *>(probe_class), static_cast<unsigned>(probe_class->fetch_xml));
     pol_cli_printf(uinfo, "\n  Forwarding-Class: %s", name_or_unset(probe_class->forwarding_class));
-    using colors = pol::tailq<t_app_probe_class_color_entry, &t_app_probe_class_color_entry::app_probe_class_color_entry>;
-    colors::for_each(probe_class->app_probe_class_color_entry_head, [&](const t_app_probe_class_color_entry *e) {
-        pol_cli_printf(uinfo, "\n  Color: %s", text.code(e->color));
-        pol_cli_printf(uinfo, "\n  DSCP: %s", text.code(e->dscp));
-    });
-    using slas = pol::tailq<t_fwd_sla_class, &t_fwd_sla_class::set_app_probe_class_sla_entry>;
-    slas::for_each(probe_class->sla_class_head, [&](const t_fwd_sla_class *sla_class) {
-        pol_cli_printf(uinfo, "\n App Probe Class %s is referenced in : %s", probe_class->app_probe_class_name,
-                       sla_class->sla_class_name);
+    probe_colors::for_each(probe_class->app_probe_class_color_entry_head,
+                           [&](const t_app_probe_class_color_entry *e) {
+                               pol_cli_printf(uinfo, "\n  Color: %s", text.code(e->color));
+                               pol_cli_printf(uinfo, "\n  DSCP: %s", text.code(e->dscp));
+                           });
+    probe_slas::for_each(probe_class->sla_class_head, [&](const t_fwd_sla_class *sla_class) {
+        pol_cli_printf(uinfo, "\n App Probe Class %s is referenced in : %s",
+                       probe_class->app_probe_class_name, sla_class->sla_class_name);
     });
     pol_cli_printf(uinfo, "\nend \n");
 }
 
 void pol_dump_app_probe_class_all(struct mgmtd_cli_user_info *uinfo)
 {
-    dump_tree(uinfo, "\n APP PROBE CLASS LISTS", &g_pol_ctx_p->app_probe_class_list, pol_dump_app_probe_class);
+    dump_tree(uinfo, "\n APP PROBE CLASS LISTS", &g_pol_ctx_p->app_probe_class_list,
+              pol_dump_app_probe_class);
 }
 
 void pol_dump_fwd_app_id(t_fwd_app_id *app_id, struct mgmtd_cli_user_info *uinfo)

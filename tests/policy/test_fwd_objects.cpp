@@ -60,41 +60,55 @@ mgmtd_tag_value_t leaf(uint32_t tag, mgmtd_vtype type, uint64_t value = 0)
 
 constexpr uint32_t kRate = 0x31c4ad27, kBurst = 0x4b124597, kExceed = 0x3fe4de6;
 
+// One value-object family (policer, SLA class, app-id) on the object "X",
+// through its own C functions.
+struct Family {
+    const char *what;
+    e_pol_mem row;
+    std::function<e_err()> change;
+    std::function<void *()> find;
+    std::function<void *(DataSequence &)> user_add;
+    std::function<e_err(void *, DataSequence &)> user_remove;
+    std::function<e_err()> cfg_del;
+    std::function<void(void *)> del;
+    bool last_user_deletes;
+};
+
+template <typename T, typename User>
+Family family(const char *what, e_pol_mem row, std::function<e_err()> change,
+              T *(*find)(t_pol_ctx *, const char *), T *(*user_add)(t_pol_ctx *, const char *, User *),
+              e_err (*user_remove)(t_pol_ctx *, T *, User *), e_err (*cfg_del)(t_pol_ctx *, const char *),
+              void (*del)(t_pol_ctx *, T **, uint8_t), User DataSequence::*user, bool last_user_deletes)
+{
+    return {what,
+            row,
+            std::move(change),
+            [=] { return find(g_pol_ctx_p, "X"); },
+            [=](DataSequence &s) { return user_add(g_pol_ctx_p, "X", &(s.*user)); },
+            [=](void *o, DataSequence &s) { return user_remove(g_pol_ctx_p, static_cast<T *>(o), &(s.*user)); },
+            [=] { return cfg_del(g_pol_ctx_p, "X"); },
+            [=](void *o) {
+                auto *rec = static_cast<T *>(o);
+                del(g_pol_ctx_p, &rec, 1);
+            },
+            last_user_deletes};
+}
+
 // Policers, SLA classes and app-ids share one life cycle: made by
 // entry_change or a user, kept by users, gone with cfg_del once unused.
 // They differ in whether the last user takes the object along.
 TEST_F(FwdObjectsTest, ValueObjectsLiveWhileConfiguredOrUsed)
 {
-    struct Family {
-        const char *what;
-        e_pol_mem row;
-        std::function<e_err()> change;
-        std::function<void *()> find;
-        std::function<void *(DataSequence &)> user_add;
-        std::function<e_err(void *, DataSequence &)> user_remove;
-        std::function<e_err()> cfg_del;
-        std::function<void(void *)> del;
-        bool last_user_deletes;
-    };
     const Family families[] = {
-        {"policer", POL_MEM_TYPE_POLICER, [&] { return pol_fwd_policer_entry_change(ctx_, "X", 0, nullptr); },
-         [&] { return pol_fwd_policer_find(ctx_, "X"); },
-         [&](DataSequence &s) { return pol_fwd_policer_user_add(ctx_, "X", &s.set); },
-         [&](void *o, DataSequence &s) { return pol_fwd_policer_user_remove(ctx_, static_cast<t_fwd_policer *>(o), &s.set); },
-         [&] { return pol_fwd_policer_cfg_del(ctx_, "X"); },
-         [&](void *o) { auto *p = static_cast<t_fwd_policer *>(o); pol_fwd_policer_del(ctx_, &p, 1); }, false},
-        {"sla class", POL_MEM_TYPE_PFR, [&] { return pol_fwd_sla_class_entry_change(ctx_, "X"); },
-         [&] { return pol_fwd_sla_class_find(ctx_, "X"); },
-         [&](DataSequence &s) { return pol_fwd_sla_class_user_add(ctx_, "X", &s.set); },
-         [&](void *o, DataSequence &s) { return pol_fwd_sla_class_user_remove(ctx_, static_cast<t_fwd_sla_class *>(o), &s.set); },
-         [&] { return pol_fwd_sla_class_cfg_del(ctx_, "X"); },
-         [&](void *o) { auto *p = static_cast<t_fwd_sla_class *>(o); pol_fwd_sla_class_del(ctx_, &p, 1); }, false},
-        {"app-id", POL_MEM_ENTRY_APPID, [&] { return pol_fwd_app_id_entry_change(ctx_, "X"); },
-         [&] { return pol_fwd_app_id_find(ctx_, "X"); },
-         [&](DataSequence &s) { return pol_fwd_app_id_user_add(ctx_, "X", &s.match); },
-         [&](void *o, DataSequence &s) { return pol_fwd_app_id_user_remove(ctx_, static_cast<t_fwd_app_id *>(o), &s.match); },
-         [&] { return pol_fwd_app_id_cfg_del(ctx_, "X"); },
-         [&](void *o) { auto *p = static_cast<t_fwd_app_id *>(o); pol_fwd_app_id_del(ctx_, &p, 1); }, true},
+        family("policer", POL_MEM_TYPE_POLICER, [] { return pol_fwd_policer_entry_change(g_pol_ctx_p, "X", 0, nullptr); },
+               pol_fwd_policer_find, pol_fwd_policer_user_add, pol_fwd_policer_user_remove,
+               pol_fwd_policer_cfg_del, pol_fwd_policer_del, &DataSequence::set, false),
+        family("sla class", POL_MEM_TYPE_PFR, [] { return pol_fwd_sla_class_entry_change(g_pol_ctx_p, "X"); },
+               pol_fwd_sla_class_find, pol_fwd_sla_class_user_add, pol_fwd_sla_class_user_remove,
+               pol_fwd_sla_class_cfg_del, pol_fwd_sla_class_del, &DataSequence::set, false),
+        family("app-id", POL_MEM_ENTRY_APPID, [] { return pol_fwd_app_id_entry_change(g_pol_ctx_p, "X"); },
+               pol_fwd_app_id_find, pol_fwd_app_id_user_add, pol_fwd_app_id_user_remove,
+               pol_fwd_app_id_cfg_del, pol_fwd_app_id_del, &DataSequence::match, true),
     };
     Calls calls;
     register_user("ar", "AR", POL_TYPE_PFR, POL_DIR_OUT, record_cb, &calls);
