@@ -168,6 +168,18 @@ inline uint64_t key_hash(const bits128 &key, uint8_t len)
     return mix64(key.hi ^ ((key.lo << 17) | (key.lo >> 47)) ^ (len * 0x9e3779b97f4a7c15ULL));
 }
 
+// The key's first byte: the groups of one first byte share a range of
+// the table.
+inline uint8_t key_top(uint32_t key)
+{
+    return static_cast<uint8_t>(key >> 24);
+}
+
+inline uint8_t key_top(const bits128 &key)
+{
+    return static_cast<uint8_t>(key.hi >> 56);
+}
+
 constexpr std::size_t kLine = 64;
 
 // The slots of one cache line: a probe reads its home line and goes on to
@@ -181,40 +193,97 @@ struct alignas(kLine) group_bucket {
 static_assert(sizeof(group_bucket<uint32_t>) == kLine && group_bucket<uint32_t>::kSlots == 4);
 static_assert(sizeof(group_bucket<bits128>) == kLine && group_bucket<bits128>::kSlots == 2);
 
+// The buckets of the groups whose keys start with one byte.
+struct bucket_range {
+    uint32_t first;
+    uint32_t count;
+};
+
+// The grouped entries of one family, counted by their keys' first byte.
+struct family_count {
+    // From this many entries on, the table is split by first byte.
+    static constexpr std::size_t kSplitFrom = 4096;
+
+    std::size_t entries = 0;
+    uint32_t by_top[256] = {};
+
+    bool split() const { return entries >= kSplitFrom; }
+};
+
 // The entries of one address family grouped by (length, masked prefix) in
 // a flat open-addressing table of lines: a route probes once per entry
 // length present, and each probe reads one line (and the run of a group
-// of several rules), so the cost stays flat as the list grows.
+// of several rules), so the cost stays flat as the list grows. A large
+// table keeps the groups of each first byte in a range of their own, so
+// that the routes of one part of the address space, and the groups of
+// every length they probe, stay within a part of the table (fewer pages
+// to translate and lines to fetch when the table is not in cache).
 template <typename Key>
 struct prefix_groups {
     using slot = group_slot<Key>;
     using bucket = group_bucket<Key>;
 
-    bucket *buckets;  // none without entries
-    std::size_t n_buckets;
-    length_rule *rules;  // the runs of the groups of several rules
+    bucket *buckets;
+    bucket_range *ranges;  // by the key's first byte, or one for all
+    uint32_t range_mask;   // 0xFF when split, 0 otherwise
+    length_rule *rules;    // the runs of the groups of several rules
     uint8_t lengths[kLengths];  // the entry lengths present, ascending
     uint8_t n_lengths;
 
     // Half the IPv4 slots stay empty, a third of the IPv6 ones (their
     // slots are twice the size): a probe rarely reads a second line.
-    static std::size_t buckets_for(std::size_t entries)
+    static uint32_t buckets_for(std::size_t entries)
     {
         if (entries == 0) {
             return 0;
         }
         const std::size_t slots = bucket::kSlots == 4 ? 2 * entries + 1 : entries + entries / 2 + 1;
-        return (slots + bucket::kSlots - 1) / bucket::kSlots;
+        return static_cast<uint32_t>((slots + bucket::kSlots - 1) / bucket::kSlots);
+    }
+
+    static std::size_t ranges_for(const family_count &n) { return n.split() ? 256 : 1; }
+
+    static std::size_t buckets_for(const family_count &n)
+    {
+        if (!n.split()) {
+            return buckets_for(n.entries);
+        }
+        std::size_t total = 0;
+        for (uint32_t entries : n.by_top) {
+            total += buckets_for(entries);
+        }
+        return total;
+    }
+
+    // Before the build: the arrays, and the range of each first byte.
+    void lay_out(bucket *bucket_array, bucket_range *range_array, length_rule *rule_array, const family_count &n)
+    {
+        *this = {bucket_array, range_array, n.split() ? 0xFFu : 0u, rule_array, {}, 0};
+        uint32_t first = 0;
+        for (std::size_t r = 0; r < ranges_for(n); r++) {
+            ranges[r] = {first, n.split() ? buckets_for(n.by_top[r]) : buckets_for(n.entries)};
+            first += ranges[r].count;
+        }
     }
 
     static Key key_of(const bits128 &masked_bits) { return slot_key(masked_bits, static_cast<Key *>(nullptr)); }
 
-    std::size_t home(const Key &key, uint8_t len) const { return reduce(key_hash(key, len), n_buckets); }
+    const bucket_range &range_of(const Key &key) const { return ranges[key_top(key) & range_mask]; }
 
-    // The group's slot, or the empty slot where it would go.
+    // The key's home bucket; none (SIZE_MAX) when no group starts with the
+    // key's first byte.
+    std::size_t home(const Key &key, uint8_t len) const
+    {
+        const bucket_range &r = range_of(key);
+        return r.count == 0 ? SIZE_MAX : r.first + reduce(key_hash(key, len), r.count);
+    }
+
+    // The group's slot, or the empty slot where it would go, searched from
+    // the home bucket on, within the key's range.
     slot *probe_from(std::size_t b, const Key &key, uint8_t len) const
     {
-        for (;; b = b + 1 == n_buckets ? 0 : b + 1) {
+        const bucket_range &r = range_of(key);
+        for (;; b = b + 1 == r.first + r.count ? r.first : b + 1) {
             for (slot &s : buckets[b].slots) {
                 if (s.count() == 0 || (s.len() == len && s.key == key)) {
                     return &s;
@@ -243,7 +312,8 @@ struct prefix_groups {
     {
         bool present[kLengths] = {};
         uint32_t end = 0;
-        for (std::size_t b = 0; b < n_buckets; b++) {
+        const bucket_range &last = ranges[range_mask];
+        for (std::size_t b = 0; b < last.first + last.count; b++) {
             for (slot &s : buckets[b].slots) {
                 if (s.count() > 1) {
                     end += s.count();
@@ -283,9 +353,14 @@ struct prefix_groups {
         for (; n < n_lengths && lengths[n] <= clamped_len; n++) {
             keys[n] = key_of(masked(bits, lengths[n]));
             homes[n] = home(keys[n], lengths[n]);
-            __builtin_prefetch(&buckets[homes[n]]);
+            if (homes[n] != SIZE_MAX) {
+                __builtin_prefetch(&buckets[homes[n]]);
+            }
         }
         for (uint8_t i = 0; i < n; i++) {
+            if (homes[i] == SIZE_MAX) {
+                continue;
+            }
             const slot *s = probe_from(homes[i], keys[i], lengths[i]);
             if (s->count() == 1) {
                 if (s->head.holds(route_len) && fn(s->head)) {
@@ -328,10 +403,11 @@ struct prefix_table {
     std::size_t n_catch_all;
 
     struct sizes {
-        std::size_t v4 = 0, v6 = 0, any = 0;
+        family_count v4, v6;
+        std::size_t any = 0;
     };
     struct offsets {
-        std::size_t v4_buckets, v6_buckets, rules;
+        std::size_t v4_buckets, v4_ranges, v6_buckets, v6_ranges, rules;
     };
 
     template <typename Source>
@@ -340,9 +416,13 @@ struct prefix_table {
         sizes n;
         source([&](const t_pfx_entry *e, uint32_t) {
             const e_ipaddr_type type = e->prefix.addr.addr_type;
-            n.any += is_catch_all(e) ? 1 : 0;
-            n.v4 += !is_catch_all(e) && type == IP_ADDR_V4 ? 1 : 0;
-            n.v6 += !is_catch_all(e) && type == IP_ADDR_V6 ? 1 : 0;
+            family_count *family = type == IP_ADDR_V4 ? &n.v4 : (type == IP_ADDR_V6 ? &n.v6 : nullptr);
+            if (is_catch_all(e)) {
+                n.any++;
+            } else if (family != nullptr) {
+                family->entries++;
+                family->by_top[key_top(group_key::of(e).bits)]++;
+            }
         });
         return n;
     }
@@ -351,8 +431,10 @@ struct prefix_table {
     {
         offsets at;
         at.v4_buckets = layout.place_aligned<group_bucket<uint32_t>>(decltype(v4)::buckets_for(n.v4));
+        at.v4_ranges = layout.place<bucket_range>(decltype(v4)::ranges_for(n.v4));
         at.v6_buckets = layout.place_aligned<group_bucket<bits128>>(decltype(v6)::buckets_for(n.v6));
-        at.rules = layout.place<length_rule>(n.v4 + n.v6 + n.any);
+        at.v6_ranges = layout.place<bucket_range>(decltype(v6)::ranges_for(n.v6));
+        at.rules = layout.place<length_rule>(n.v4.entries + n.v6.entries + n.any);
         return at;
     }
 
@@ -370,11 +452,11 @@ struct prefix_table {
     void fill(void *block, const offsets &at, const sizes &n, Source &&source)
     {
         length_rule *rule_array = array_at<length_rule>(block, at.rules);
-        v4 = {aligned_array_at<group_bucket<uint32_t>>(block, at.v4_buckets), decltype(v4)::buckets_for(n.v4),
-              rule_array, {}, 0};
-        v6 = {aligned_array_at<group_bucket<bits128>>(block, at.v6_buckets), decltype(v6)::buckets_for(n.v6),
-              rule_array + n.v4, {}, 0};
-        catch_all = rule_array + n.v4 + n.v6;
+        v4.lay_out(aligned_array_at<group_bucket<uint32_t>>(block, at.v4_buckets),
+                   array_at<bucket_range>(block, at.v4_ranges), rule_array, n.v4);
+        v6.lay_out(aligned_array_at<group_bucket<bits128>>(block, at.v6_buckets),
+                   array_at<bucket_range>(block, at.v6_ranges), rule_array + n.v4.entries, n.v6);
+        catch_all = rule_array + n.v4.entries + n.v6.entries;
         n_catch_all = 0;
         // Calls step(part, key) for an entry of a family's part.
         auto grouped = [this](const t_pfx_entry *e, auto &&step) {
