@@ -193,10 +193,13 @@ struct alignas(kLine) group_bucket {
 static_assert(sizeof(group_bucket<uint32_t>) == kLine && group_bucket<uint32_t>::kSlots == 4);
 static_assert(sizeof(group_bucket<bits128>) == kLine && group_bucket<bits128>::kSlots == 2);
 
-// The buckets of the groups whose keys start with one byte.
+// The buckets of the groups whose keys start with one byte, and the
+// lengths of those groups (a bit per length, or per two IPv6 lengths): a
+// route probes a range only at the lengths it holds.
 struct bucket_range {
     uint32_t first;
     uint32_t count;
+    uint64_t lengths;
 };
 
 // The grouped entries of one family, counted by their keys' first byte.
@@ -261,21 +264,27 @@ struct prefix_groups {
         *this = {bucket_array, range_array, n.split() ? 0xFFu : 0u, rule_array, {}, 0};
         uint32_t first = 0;
         for (std::size_t r = 0; r < ranges_for(n); r++) {
-            ranges[r] = {first, n.split() ? buckets_for(n.by_top[r]) : buckets_for(n.entries)};
+            ranges[r] = {first, n.split() ? buckets_for(n.by_top[r]) : buckets_for(n.entries), 0};
             first += ranges[r].count;
         }
     }
 
     static Key key_of(const bits128 &masked_bits) { return slot_key(masked_bits, static_cast<Key *>(nullptr)); }
 
-    const bucket_range &range_of(const Key &key) const { return ranges[key_top(key) & range_mask]; }
+    bucket_range &range_of(const Key &key) const { return ranges[key_top(key) & range_mask]; }
 
-    // The key's home bucket; none (SIZE_MAX) when no group starts with the
-    // key's first byte.
+    static uint64_t length_bit(uint8_t len)
+    {
+        constexpr unsigned kShift = sizeof(Key) > 4 ? 1 : 0;  // 129 IPv6 lengths on 64 bits
+        return 1ULL << std::min(len >> kShift, 63);
+    }
+
+    // The key's home bucket; none (SIZE_MAX) when no group of the key's
+    // first byte may have its length.
     std::size_t home(const Key &key, uint8_t len) const
     {
         const bucket_range &r = range_of(key);
-        return r.count == 0 ? SIZE_MAX : r.first + reduce(key_hash(key, len), r.count);
+        return (r.lengths & length_bit(len)) == 0 ? SIZE_MAX : r.first + reduce(key_hash(key, len), r.count);
     }
 
     // The group's slot, or the empty slot where it would go, searched from
@@ -297,6 +306,7 @@ struct prefix_groups {
     // First pass of a build: one more entry in its group.
     void count(const Key &key, uint8_t len)
     {
+        range_of(key).lengths |= length_bit(len);
         slot *s = probe(key, len);
         if (s->count() == 0) {
             s->key = key;
