@@ -487,7 +487,9 @@ struct prefix_table {
             if (is_catch_all(e)) {
                 catch_all[n_catch_all++] = length_rule::of(e, tag);
             }
-            grouped(e, [&](auto &part, const auto &key, uint8_t len) { part.place(key, len, length_rule::of(e, tag)); });
+            grouped(e, [&](auto &part, const auto &key, uint8_t len) {
+                part.place(key, len, length_rule::of(e, tag));
+            });
         });
     }
 
