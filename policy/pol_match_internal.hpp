@@ -40,12 +40,28 @@ struct block_layout {
         size = at + count * sizeof(T);
         return at;
     }
+
+    // An array whose elements must sit at a multiple of alignof(T) in
+    // memory, more than the allocation promises: room to shift it there
+    // (aligned_array_at finds it).
+    template <typename T>
+    std::size_t place_aligned(std::size_t count)
+    {
+        return place<char>(count == 0 ? 0 : count * sizeof(T) + alignof(T) - 1);
+    }
 };
 
 template <typename T>
 T *array_at(void *block, std::size_t offset)
 {
     return reinterpret_cast<T *>(static_cast<char *>(block) + offset);
+}
+
+template <typename T>
+T *aligned_array_at(void *block, std::size_t offset)
+{
+    const auto at = reinterpret_cast<std::uintptr_t>(array_at<char>(block, offset));
+    return reinterpret_cast<T *>((at + alignof(T) - 1) / alignof(T) * alignof(T));
 }
 
 // A zero-filled block of the given category starting with an Index

@@ -524,6 +524,80 @@ TEST_F(ExecDifferential, HandWorkedPrefixCasesGiveTheSameVerdictEverywhere)
     pol_unregister(&user);
 }
 
+// Ten prefix lists of 1,500 entries, half of them IPv6, behind ten
+// sequences: the policy's tables pass the size from which they are split by
+// first byte, prefixes of the short lengths recur across lists (groups of
+// several rules), and lines overflow. Routes fall inside, beside and away
+// from the entries; verdict, match flags and preference must agree.
+TEST_F(ExecDifferential, LargePrefixTablesAgreeWithReference)
+{
+    t_pol_user *user = poltest::register_user("large-prefix", "large-prefix-policy");
+    std::mt19937 gen(20240917);
+    auto below = [&](uint32_t n) { return static_cast<uint32_t>(gen() % n); };
+    static const uint8_t kFirst[] = {0, 10, 11, 172, 192, 0x20};
+    auto random_prefix = [&](bool v6, uint8_t len) {
+        t_ipprefix p{};
+        p.addr.addr_type = v6 ? IP_ADDR_V6 : IP_ADDR_V4;
+        p.addr.u.addr6_b[0] = kFirst[below(6)];
+        for (unsigned i = 8; i < width_of(p.addr); i++) {
+            set_bit(p.addr, i, i < len && below(2) == 1);
+        }
+        p.prefixlen = len;
+        return p;
+    };
+    std::vector<t_ipprefix> entries;
+    uint8_t ch = 0;
+    for (uint32_t l = 0; l < 10; l++) {
+        const std::string name = "large-" + std::to_string(l);
+        const bool v6 = l % 2 == 1;
+        const t_pfx_list_key key = {v6 ? V6 : V4, name.c_str()};
+        const unsigned width = v6 ? 128 : 32;
+        for (uint32_t i = 0; i < 1500; i++) {
+            const uint8_t len = static_cast<uint8_t>(below(8) == 0 ? 4 + below(9) : 12 + below(width - 11));
+            t_pfx_entry_param e{static_cast<e_pfx_op>(below(PFX_OP_GT + 1)), random_prefix(v6, len),
+                                static_cast<uint8_t>(len + below(width - len + 1)), 0};
+            e.preflen_max = static_cast<uint8_t>(e.preflen_min + below(width - e.preflen_min + 1));
+            if (pol_pfx_list_entry_add(ctx_, &key, &e) == ERR_OK) {
+                entries.push_back(e.prefix);
+            }
+        }
+        t_pol_entry *seq = pol_entry_find_or_create(ctx_, user->pol_block_p, 10 * (l + 1), &ch);
+        pol_entry_match_add(ctx_, user->pol_block_p, seq, POL_MATCH_VROUTE, &ch);
+        pol_entry_action_add(ctx_, seq, l % 3 == 0 ? POL_ACTION_REJECT : POL_ACTION_ACCEPT, &ch);
+        pol_entry_set_preference_add(ctx_, seq, l + 1, &ch);
+        ASSERT_NE(pol_entry_match_pfx_list_add(ctx_, seq, &key, &ch), nullptr);
+    }
+    pol_user_chg_list_notify_all(ctx_);
+    unsigned verdicts[POL_ACTION_REJECT + 1] = {};
+    for (unsigned r = 0; r < 6000; r++) {
+        t_ipprefix route = entries[below(entries.size())];
+        const unsigned width = width_of(route.addr);
+        if (below(5) == 0) {
+            route = random_prefix(width == 128, static_cast<uint8_t>(below(width + 1)));
+        }
+        for (unsigned i = route.prefixlen; i < width; i++) {
+            set_bit(route.addr, i, below(2) == 1);
+        }
+        route.prefixlen = static_cast<uint8_t>(route.prefixlen + below(width - route.prefixlen + 1));
+        t_zen_attr attr{};
+        t_pol_exec_params lib, ref;
+        pol_pre_execute(&lib, ZEN_DEVICE_RIMBA);
+        lib.attr_in_p = &attr;
+        lib.safi = POL_SAFI_VROUTE;
+        lib.u.vroute_info.prefix = route;
+        std::memcpy(static_cast<void *>(&ref), &lib, sizeof(ref));
+        const e_pol_action verdict = pol_execute(user, &lib);
+        ASSERT_EQ(verdict, execref::execute(user, &ref)) << "route " << r;
+        EXPECT_EQ(lib.entry_match_flags, ref.entry_match_flags) << "route " << r;
+        EXPECT_EQ(lib.attr_out.preference, ref.attr_out.preference) << "route " << r;
+        execref::release(&ref);
+        verdicts[verdict]++;
+    }
+    EXPECT_GT(verdicts[POL_ACTION_ACCEPT], 1000u);
+    EXPECT_GT(verdicts[POL_ACTION_REJECT], 1000u);
+    pol_unregister(&user);
+}
+
 // Configured ge and le lengths (0: not given) pick the operator that admits
 // what they say: the entry 10.0.0.0/8 admits the routes inside it of
 // lengths ge to le, ge and longer, up to le, or, with neither, its own.
