@@ -1,0 +1,463 @@
+// Policy documents: golden renderings of every converter and element rule,
+// each also parsed strictly by the edge router's schema (zen-policy-edge),
+// validated and printed back to the same content; the value namers; the
+// failure path (nothing half-written) and the table's checks.
+#include <arpa/inet.h>
+#include <libxml/parser.h>
+#include <libyang/libyang.h>
+
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <memory>
+
+#include "pol_test_support.hpp"
+#include "pol_util.hpp"
+#include "pol_xml.hpp"
+
+namespace {
+
+using namespace poltest;
+
+/* ---- reading documents ---- */
+
+// An element as name, "=text" when it holds text, and "{children}" in
+// order, or sorted by name (stable) where sibling order carries no meaning.
+std::string compact(xmlNodePtr el, bool sorted)
+{
+    std::string text;
+    std::vector<std::pair<std::string, std::string>> kids;
+    for (xmlNodePtr c = el->children; c != nullptr; c = c->next) {
+        if (c->type == XML_ELEMENT_NODE) {
+            kids.emplace_back(reinterpret_cast<const char *>(c->name), compact(c, sorted));
+        } else if (c->type == XML_TEXT_NODE) {
+            text += reinterpret_cast<const char *>(c->content);
+        }
+    }
+    text.erase(text.find_last_not_of(" \n") + 1);
+    if (sorted) {
+        std::stable_sort(kids.begin(), kids.end(),
+                         [](const auto &a, const auto &b) { return a.first < b.first; });
+    }
+    std::string out = reinterpret_cast<const char *>(el->name);
+    out += text.empty() ? "" : "=" + text;
+    for (std::size_t i = 0; i < kids.size(); i++) {
+        out += (i == 0 ? "{" : " ") + kids[i].second + (i + 1 == kids.size() ? "}" : "");
+    }
+    return out;
+}
+
+// The compact form of a document's root element, or of the element depth
+// levels below it.
+std::string compact(const std::string &xml, bool sorted = false, int depth = 0)
+{
+    xmlDocPtr doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr,
+                                  XML_PARSE_NOBLANKS);
+    if (doc == nullptr) {
+        return "unparsable: " + xml;
+    }
+    xmlNodePtr el = xmlDocGetRootElement(doc);
+    for (int i = 0; i < depth && el != nullptr; i++) {
+        el = xmlFirstElementChild(el);
+    }
+    std::string out = el != nullptr ? compact(el, sorted) : "empty";
+    xmlFreeDoc(doc);
+    return out;
+}
+
+/* ---- the edge router's schema ---- */
+
+enum class Place { top, lists, text_only };
+
+// The document's body under /policy-from-qarmon (and lists), parsed
+// strictly, validated and printed back; the printed element in sorted
+// compact form, or the schema's complaint.
+class EdgeSchema {
+public:
+    EdgeSchema()
+    {
+        ly_ctx_new(ZEN_EDGE_YANG_DIR, 0, &ctx_);
+        module_ = ly_ctx_load_module(ctx_, "zen-policy-edge", nullptr, nullptr);
+    }
+    ~EdgeSchema() { ly_ctx_destroy(ctx_); }
+    bool loaded() const { return module_ != nullptr; }
+
+    std::string round_trip(const std::string &doc, Place place) const
+    {
+        const bool lists = place == Place::lists;
+        const std::string body = doc.substr(doc.find("?>") + 2);
+        const std::string wrapped = "<policy-from-qarmon xmlns=\"urn:zen:params:xml:ns:yang:zen-policy-edge\">" +
+                                    std::string(lists ? "<lists>" : "") + body +
+                                    (lists ? "</lists>" : "") + "</policy-from-qarmon>";
+        lyd_node *tree = nullptr;
+        if (lyd_parse_data_mem(ctx_, wrapped.c_str(), LYD_XML, LYD_PARSE_STRICT, LYD_VALIDATE_PRESENT,
+                               &tree) != LY_SUCCESS) {
+            return std::string("schema: ") + ly_errmsg(ctx_);
+        }
+        char *printed = nullptr;
+        lyd_print_mem(&printed, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS);
+        std::string out = compact(printed, true, lists ? 2 : 1);
+        std::free(printed);
+        lyd_free_all(tree);
+        return out;
+    }
+
+private:
+    ly_ctx *ctx_ = nullptr;
+    const lys_module *module_ = nullptr;
+};
+
+/* ---- values and hand-built records ---- */
+
+t_ipaddr addr(const char *text)
+{
+    t_ipaddr a{};
+    const bool v6 = std::strchr(text, ':') != nullptr;
+    a.addr_type = v6 ? IP_ADDR_V6 : IP_ADDR_V4;
+    inet_pton(v6 ? AF_INET6 : AF_INET, text, &a.u);
+    return a;
+}
+
+t_ipprefix prefix(const char *text)
+{
+    const std::string s(text);
+    const auto slash = s.find('/');
+    t_ipprefix p{};
+    p.addr = addr(s.substr(0, slash).c_str());
+    p.prefixlen = static_cast<uint8_t>(std::stoi(s.substr(slash + 1)));
+    return p;
+}
+
+t_tloc_id tloc(const char *ip, uint8_t color, uint8_t encap)
+{
+    t_tloc_id t{};
+    t.addr = addr(ip);
+    t.color = color;
+    t.encap = encap;
+    return t;
+}
+
+int prefix_cmp(const void *a, const void *b)
+{
+    const auto &x = static_cast<const t_fwd_pfx_list_entry *>(a)->ip_prefix;
+    const auto &y = static_cast<const t_fwd_pfx_list_entry *>(b)->ip_prefix;
+    if (int r = IPADDR_CMP(&x.addr, &y.addr)) {
+        return r;
+    }
+    return (x.prefixlen > y.prefixlen) - (x.prefixlen < y.prefixlen);
+}
+
+int app_cmp(const void *a, const void *b)
+{
+    const int r = std::strncmp(static_cast<const t_app_list_entry *>(a)->name,
+                               static_cast<const t_app_list_entry *>(b)->name, 128);
+    return (r > 0) - (r < 0);
+}
+
+// Zero-filled records and arrays that live as long as the test.
+class Arena {
+public:
+    template <typename T>
+    T *make()
+    {
+        auto p = std::make_shared<T>();
+        keep_.push_back(p);
+        return p.get();
+    }
+    template <typename T>
+    T *array(std::initializer_list<T> values)
+    {
+        auto p = std::shared_ptr<T[]>(new T[values.size()]);
+        std::copy(values.begin(), values.end(), p.get());
+        keep_.push_back(p);
+        return p.get();
+    }
+
+    t_fwd_pfx_list *pfx_list(const char *name, std::initializer_list<const char *> prefixes)
+    {
+        auto *l = make<t_fwd_pfx_list>();
+        pol::copy_name(l->fwd_pfx_list_name, name);
+        POL_TREE_CREATE(&l->ip_fwd_pfx_entry_db, prefix_cmp, t_fwd_pfx_list_entry, avl_node);
+        for (const char *p : prefixes) {
+            auto *e = make<t_fwd_pfx_list_entry>();
+            e->ip_prefix = prefix(p);
+            avl_add(&l->ip_fwd_pfx_entry_db, e);
+        }
+        return l;
+    }
+
+    t_app_list *app_list(const char *name, t_app_list_type type, std::initializer_list<const char *> apps)
+    {
+        auto *l = make<t_app_list>();
+        pol::copy_name(l->app_list_name, name);
+        l->app_list_type = type;
+        POL_TREE_CREATE(&l->app_list_entry_db, app_cmp, t_app_list_entry, avl_node);
+        for (const char *a : apps) {
+            auto *e = make<t_app_list_entry>();
+            pol::copy_name(e->name, a);
+            avl_add(&l->app_list_entry_db, e);
+        }
+        return l;
+    }
+
+private:
+    std::vector<std::shared_ptr<void>> keep_;
+};
+
+using Object = std::pair<const void *, e_pol_xml_type>;
+
+struct Golden {
+    const char *what;
+    std::function<Object()> build;
+    const char *expect;  // compact form
+    Place place;
+};
+
+class PolXmlTest : public PolContextTest {
+protected:
+    // Renders, checks the record and the compact form, and unless the case
+    // is text only, the schema's round trip.
+    void check(const Golden &g)
+    {
+        SCOPED_TRACE(g.what);
+        const auto [object, type] = g.build();
+        pol_xml_t out{};
+        const char *text = pol_xml_convert(object, &out, type);
+        ASSERT_TRUE(text != nullptr && text == out.buf);
+        EXPECT_EQ(out.buf_siz, std::strlen(text));
+        EXPECT_GT(out.time_spent, 0);
+        EXPECT_EQ(std::string(text, 22), "<?xml version=\"1.0\"?>\n");
+        EXPECT_EQ(compact(text), g.expect);
+        if (g.place != Place::text_only) {
+            EXPECT_EQ(schema_.round_trip(text, g.place), compact(text, true));
+        }
+        pol_xml_free_buf(&out);
+    }
+
+    void SetUp() override
+    {
+        PolContextTest::SetUp();
+        ASSERT_TRUE(schema_.loaded());
+    }
+
+    EdgeSchema schema_;
+    Arena arena_;
+};
+
+TEST_F(PolXmlTest, ObjectAndListDocuments)
+{
+    const Golden cases[] = {
+        {"vpn list: ranges, single VPNs, insertion order",
+         [&] {
+             pol_vpn_list_add_entry(ctx_, "VL", 7, 7);
+             pol_vpn_list_add_entry(ctx_, "VL", 1, 5);
+             return Object{pol_vpn_list_find(ctx_, "VL"), POL_XML_TYPE_VPNLIST};
+         },
+         "vpn-list{name=VL vpn{id=7} vpn{id=1-5}}", Place::lists},
+        {"tloc list: names of colour and encapsulation, preference",
+         [&] {
+             const t_tloc_id a = tloc("10.0.0.2", 4, 1), b = tloc("10.0.0.1", 22, 2);
+             pol_tloc_list_add_entry(ctx_, "TL", &a, 0);
+             pol_tloc_list_add_entry(ctx_, "TL", &b, 4000000000u);
+             return Object{pol_tloc_list_find(ctx_, "TL"), POL_XML_TYPE_TLOCLIST};
+         },
+         "tloc-list{name=TL tloc{ip=10.0.0.1 color=private6 encap=ipsec preference=4000000000} "
+         "tloc{ip=10.0.0.2 color=business-internet encap=gre preference=0}}",
+         Place::lists},
+        {"IPv4 data prefix list",
+         [&] {
+             return Object{arena_.pfx_list("P4", {"10.1.0.0/16", "192.0.2.0/24"}), POL_XML_TYPE_FWD_PFXLIST};
+         },
+         "data-prefix-list{name=P4 ip-prefix{ip=10.1.0.0/16} ip-prefix{ip=192.0.2.0/24}}", Place::lists},
+        {"IPv6 data prefix list",
+         [&] { return Object{arena_.pfx_list("P6", {"2001:db8::/32"}), POL_XML_TYPE_FWD_PFX6LIST}; },
+         "data-ipv6-prefix-list{name=P6 ipv6-prefix{ipv6=2001:db8::/32}}", Place::lists},
+        {"application list",
+         [&] {
+             return Object{arena_.app_list("A", POL_APP_LIST_TYPE_APP, {"zoom", "webex"}), POL_XML_TYPE_APPLIST};
+         },
+         "app-list{name=A app=webex app=zoom}", Place::lists},
+        {"application-family list",
+         [&] {
+             return Object{arena_.app_list("F", POL_APP_LIST_TYPE_APP_FAMILY, {"voice"}), POL_XML_TYPE_APPLIST};
+         },
+         "app-list{name=F app-family=voice}", Place::lists},
+        {"policer",
+         [&] {
+             auto *p = arena_.make<t_fwd_policer>();
+             pol::copy_name(p->fwd_policer_name, "POL");
+             p->rate = 10000000000ULL;
+             p->burst = 15000;
+             p->exceed_action = 1;
+             return Object{p, POL_XML_TYPE_POLICER};
+         },
+         "policer{name=POL rate=10000000000 burst=15000 exceed=drop}", Place::top},
+        {"policer remarking",
+         [&] {
+             auto *p = arena_.make<t_fwd_policer>();
+             pol::copy_name(p->fwd_policer_name, "R");
+             return Object{p, POL_XML_TYPE_POLICER};
+         },
+         "policer{name=R rate=0 burst=0 exceed=remark}", Place::top},
+        {"SLA class",
+         [&] {
+             auto *s = arena_.make<t_fwd_sla_class>();
+             pol::copy_name(s->sla_class_name, "GOLD");
+             pol::copy_name(s->app_probe_class_name, "PROBE");
+             s->loss = 5;
+             s->latency = 300;
+             s->jitter = 65534;
+             return Object{s, POL_XML_TYPE_SLA_CLASS};
+         },
+         "sla-class{name=GOLD loss=5 latency=300 jitter=65534 app-probe-class=PROBE}", Place::top},
+        {"SLA class with nothing configured",
+         [&] {
+             auto *s = arena_.make<t_fwd_sla_class>();
+             pol::copy_name(s->sla_class_name, "NONE");
+             s->loss = 255;
+             s->latency = s->jitter = 65535;
+             return Object{s, POL_XML_TYPE_SLA_CLASS};
+         },
+         "sla-class{name=NONE loss=255 latency=65535 jitter=65535 app-probe-class}", Place::top},
+        {"app-probe class",
+         [&] {
+             auto *c = arena_.make<t_app_probe_class>();
+             pol::copy_name(c->app_probe_class_name, "PROBE");
+             pol::copy_name(c->forwarding_class, "fc-voice");
+             TAILQ_INIT(&c->app_probe_class_color_entry_head);
+             for (auto [color, dscp] : {std::pair<uint16_t, uint8_t>{10, 46}, {2, 0}}) {
+                 auto *e = arena_.make<t_app_probe_class_color_entry>();
+                 e->color = color;
+                 e->dscp = dscp;
+                 TAILQ_INSERT_TAIL(&c->app_probe_class_color_entry_head, e, app_probe_class_color_entry);
+             }
+             return Object{c, POL_XML_TYPE_APP_PROBE_CLASS};
+         },
+         "app-probe-class{name=PROBE forwarding-class=fc-voice color{color-name=blue dscp=46} "
+         "color{color-name=mpls dscp=0}}",
+         Place::lists},
+        {"app-probe class without forwarding class",
+         [&] {
+             auto *c = arena_.make<t_app_probe_class>();
+             pol::copy_name(c->app_probe_class_name, "BARE");
+             TAILQ_INIT(&c->app_probe_class_color_entry_head);
+             return Object{c, POL_XML_TYPE_APP_PROBE_CLASS};
+         },
+         "app-probe-class{name=BARE forwarding-class}", Place::lists},
+        {"cflowd template: settings, protocol, collectors in identity order",
+         [&] {
+             uint8_t changed = 0;
+             t_pol_block *b = pol_block_find_or_create(ctx_, "CF", POL_TYPE_CFLOWD, &changed);
+             t_cflowd_entry *t = b->pol_cflowd_entry;
+             t->flow_active_timeout = 600;
+             t->flow_inactive_timeout = 15;
+             t->template_refresh = 90;
+             t->flow_sampling_interval = 1;
+             t->protocol = 2;
+             t_cflowd_collector c{};
+             c.vpn_id = 512;
+             c.addr = addr("2001:db8::9");
+             c.port = 65535;
+             c.transport_type = 1;
+             pol::copy_name(c.source_if, "ge0/1");
+             pol_cflowd_add_collector(t, &c);
+             c.vpn_id = 1;
+             c.addr = addr("192.0.2.9");
+             c.port = 2055;
+             c.transport_type = 0;
+             c.source_if[0] = '\0';
+             pol_cflowd_add_collector(t, &c);
+             return Object{b, POL_XML_TYPE_CFLOWD};
+         },
+         "cflowd-template{name=CF flow-active-timeout=600 flow-inactive-timeout=15 template-refresh=90 "
+         "flow-sampling-interval=1 protocol=both "
+         "collector{vpn=1 address=192.0.2.9 port=2055 transport=transport_udp source-interface} "
+         "collector{vpn=512 address=2001:db8::9 port=65535 transport=transport_tcp source-interface=ge0/1}}",
+         Place::top},
+        {"cflowd template of IPv4 only: no protocol",
+         [&] {
+             uint8_t changed = 0;
+             return Object{pol_block_find_or_create(ctx_, "CF4", POL_TYPE_CFLOWD, &changed), POL_XML_TYPE_CFLOWD};
+         },
+         "cflowd-template{name=CF4 flow-active-timeout=0 flow-inactive-timeout=0 template-refresh=0 "
+         "flow-sampling-interval=0}",
+         Place::top},
+    };
+    for (const Golden &g : cases) {
+        check(g);
+    }
+}
+
+// Names are text: XML-special characters are escaped and read back as
+// they were; a long name is rendered whole.
+TEST_F(PolXmlTest, NamesAreTextWhateverTheyHold)
+{
+    const std::string special = "a<b>&c\"d'e &amp;";
+    const std::string longest(63, 'n');
+    for (const std::string &name : {special, longest}) {
+        pol_vpn_list_add_entry(ctx_, name.c_str(), 3, 3);
+        pol_xml_t out{};
+        const char *text = pol_xml_convert(pol_vpn_list_find(ctx_, name.c_str()), &out, POL_XML_TYPE_VPNLIST);
+        ASSERT_NE(text, nullptr);
+        EXPECT_EQ(compact(text), "vpn-list{name=" + name + " vpn{id=3}}");
+        EXPECT_EQ(schema_.round_trip(text, Place::lists), compact(text, true));
+        pol_xml_free_buf(&out);
+    }
+    pol_xml_t out{};
+    const char *text = pol_xml_convert(pol_vpn_list_find(ctx_, special.c_str()), &out, POL_XML_TYPE_VPNLIST);
+    EXPECT_NE(std::string(text).find("<name>a&lt;b&gt;&amp;c\"d'e &amp;amp;</name>"), std::string::npos) << text;
+    pol_xml_free_buf(&out);
+}
+
+// The document as the forwarding side gets it: declaration, then the
+// elements indented by two.
+TEST_F(PolXmlTest, FormattedText)
+{
+    pol_vpn_list_add_entry(ctx_, "V", 1, 5);
+    pol_xml_t out{};
+    ASSERT_NE(pol_xml_convert(pol_vpn_list_find(ctx_, "V"), &out, POL_XML_TYPE_VPNLIST), nullptr);
+    EXPECT_EQ(std::string(out.buf, out.buf_siz),
+              "<?xml version=\"1.0\"?>\n<vpn-list>\n  <name>V</name>\n  <vpn>\n    <id>1-5</id>\n"
+              "  </vpn>\n</vpn-list>\n");
+    pol_xml_free_buf(&out);
+}
+
+TEST(PolXmlNamers, IcmpLossProtectTransport)
+{
+    const std::pair<uint32_t, const char *> icmp[] = {
+        {0, "echo-reply"}, {3 * 256 + 255, "unreachable"}, {3 * 256 + 10, "invalid"},
+        {3 * 256 + 15, "precedence-unreachable"}, {5 * 256 + 2, "invalid"}, {5 * 256 + 255, "redirect"},
+        {11 * 256 + 1, "reassembly-timeout"}, {12 * 256 + 255, "parameter-problem"},
+        {43 * 256 + 255, "extended-echo-reply"}, {43 * 256 + 4, "multiple-interface-match"},
+        {8 * 256 + 255, "invalid"}, {0x10000, "invalid"}, {255, "invalid"}};
+    for (auto [value, name] : icmp) {
+        EXPECT_STREQ(pol_xml_icmp_msg_val_to_str(value), name) << value;
+    }
+    const std::pair<uint32_t, const char *> icmp6[] = {
+        {1 * 256 + 255, "unreachable"}, {1 * 256 + 7, "source-route-header"}, {1 * 256 + 8, "invalid"},
+        {128 * 256, "echo-request"}, {138 * 256 + 15, "router-renumbering"},
+        {138 * 256 + 2, "invalid"}, {138 * 256 + 255, "renum-seq-number"}, {140 * 256 + 255, "ni-response"},
+        {150 * 256, "invalid"}, {155 * 256, "rpl-control"}, {3 * 256 + 255, "time-exceeded"}};
+    for (auto [value, name] : icmp6) {
+        EXPECT_STREQ(pol_xml_icmp6_msg_val_to_str(value), name) << value;
+    }
+    const char *loss[] = {"unknown", "fec-adaptive", "fec-always", "pkt-dup", "unknown"};
+    for (uint32_t v = 0; v < 5; v++) {
+        EXPECT_STREQ(pol_xml_loss_protect_str(v), loss[v]);
+    }
+    EXPECT_STREQ(pol_cflowd_transport_type(0), "transport_udp");
+    EXPECT_STREQ(pol_cflowd_transport_type(1), "transport_tcp");
+}
+
+TEST_F(PolXmlTest, TypeOutsideTheTableStopsTheProcess)
+{
+    pol_vpn_list_add_entry(ctx_, "V", 1, 1);
+    const void *list = pol_vpn_list_find(ctx_, "V");
+    pol_xml_t out{};
+    EXPECT_DEATH({ dup2(2, 1); pol_xml_convert(list, &out, POL_XML_TYPE_INVALID); },
+                 "^pol_xml:[0-9]+: failed assertion `xml_type > POL_XML_TYPE_INVALID'");
+    EXPECT_DEATH({ dup2(2, 1); pol_xml_convert(list, &out, POL_XML_TYPE_MAX); },
+                 "^pol_xml:[0-9]+: failed assertion `xml_type < POL_XML_TYPE_MAX'");
+}
+
+}  // namespace
