@@ -10,6 +10,7 @@
 #include <cstring>
 #include <deque>
 #include <memory>
+#include <tuple>
 
 #include "pol_test_support.hpp"
 #include "pol_util.hpp"
@@ -381,6 +382,290 @@ TEST_F(PolXmlTest, ObjectAndListDocuments)
          },
          "cflowd-template{name=CF4 flow-active-timeout=0 flow-inactive-timeout=0 template-refresh=0 "
          "flow-sampling-interval=0}",
+         Place::top},
+    };
+    for (const Golden &g : cases) {
+        check(g);
+    }
+}
+
+/* ---- policy documents ---- */
+
+// A data or app-route policy built record by record: VPN records (with a
+// default sequence that drops, unless told otherwise) and sequences.
+class PolicyRecords {
+public:
+    PolicyRecords(t_pol_ctx *ctx, Arena &arena, const char *name, e_pol_type type) : arena_(arena)
+    {
+        block_ = arena.make<t_pol_block>();
+        pol::copy_name(block_->pol_name, name);
+        block_->pol_type = type;
+        pol_fwd_block_init(ctx, block_);
+    }
+
+    Object object() const
+    {
+        return {block_, block_->pol_type == POL_TYPE_DATA ? POL_XML_TYPE_DATA_POLICY : POL_XML_TYPE_PFR_POLICY};
+    }
+
+    t_pol_entry *default_entry(const char *vpn_name) { return vpn(vpn_name)->default_pol_entry; }
+
+    t_pol_fwd_vpn_entry *vpn(const char *name, bool with_default = true)
+    {
+        t_pol_fwd_vpn_entry key{};
+        pol::copy_name(key.vpn_name, name);
+        if (auto *found = static_cast<t_pol_fwd_vpn_entry *>(avl_find(&block_->pol_fwd_vpn_list_entries, &key, nullptr))) {
+            return found;
+        }
+        auto *v = arena_.make<t_pol_fwd_vpn_entry>();
+        pol::copy_name(v->vpn_name, name);
+        POL_TREE_CREATE(&v->pol_entries, pol_entry_cmp, t_pol_entry, entry_node);
+        if (with_default) {
+            v->default_pol_entry = new_entry(0);
+            v->default_pol_entry->set_entry.action = 1;
+        }
+        avl_add(&block_->pol_fwd_vpn_list_entries, v);
+        return v;
+    }
+
+    t_pol_entry *seq(const char *vpn_name, uint32_t num)
+    {
+        t_pol_entry *e = new_entry(num);
+        avl_add(&vpn(vpn_name)->pol_entries, e);
+        return e;
+    }
+
+private:
+    t_pol_entry *new_entry(uint32_t num)
+    {
+        auto *e = arena_.make<t_pol_entry>();
+        e->entry_num = num;
+        TAILQ_INIT(&e->set_entry.fwd_tloc_entry_head);
+        return e;
+    }
+
+    Arena &arena_;
+    t_pol_block *block_;
+};
+
+void link_saas(Arena &arena, t_pol_match_entry &m, t_app_list *list)
+{
+    auto *node = arena.make<t_app_list_dll_node>();
+    node->match_app_list_p = list;
+    node->app_list_node.p_prev = m.match_saas_app_list.p_tail;
+    (m.match_saas_app_list.p_tail ? m.match_saas_app_list.p_tail->p_next : m.match_saas_app_list.p_head) =
+        &node->app_list_node;
+    m.match_saas_app_list.p_tail = &node->app_list_node;
+    m.match_saas_app_list.count++;
+}
+
+class PolXmlPolicyTest : public PolXmlTest {
+protected:
+    Object matches()
+    {
+        PolicyRecords p(ctx_, arena_, "DP", POL_TYPE_DATA);
+        p.default_entry("V1")->set_entry.action = 0;
+        t_pol_entry *e = p.seq("V1", 10);
+        t_pol_match_entry &m = e->match_entry;
+        m.match_src_ip_list = arena_.array<t_ipprefix>({prefix("10.1.0.0/16"), prefix("10.2.0.0/16")});
+        m.match_num_src_ip = 2;
+        m.match_src_ipv6_list = arena_.array<t_ipprefix>({prefix("2001:db8::/32")});
+        m.match_num_src_ipv6 = 1;
+        m.match_dst_ip_list = arena_.array<t_ipprefix>({prefix("192.0.2.0/24")});
+        m.match_num_dst_ip = 1;
+        m.match_dst_ipv6_list = arena_.array<t_ipprefix>({prefix("2001:db8:1::/48")});
+        m.match_num_dst_ipv6 = 1;
+        m.match_src_list_p = arena_.pfx_list("SRC", {});
+        m.match_src6_list_p = arena_.pfx_list("SRC6", {});
+        m.match_dst_list_p = arena_.pfx_list("DST", {});
+        m.match_dst6_list_p = arena_.pfx_list("DST6", {});
+        m.match_app_list_p = arena_.app_list("APPS", POL_APP_LIST_TYPE_APP, {});
+        m.match_dns_app_list_p = arena_.app_list("DNS", POL_APP_LIST_TYPE_APP, {});
+        link_saas(arena_, m, arena_.app_list("S2", POL_APP_LIST_TYPE_APP, {}));
+        link_saas(arena_, m, arena_.app_list("S1", POL_APP_LIST_TYPE_APP, {}));
+        m.match_src_port_list = arena_.array<t_pol_range>({{80, 80}, {1000, 2000}});
+        m.match_num_src_port = 2;
+        m.match_dst_port_list = arena_.array<t_pol_range>({{443, 443}});
+        m.match_num_dst_port = 1;
+        m.match_proto_list = arena_.array<uint8_t>({6, 17});
+        m.match_num_proto = 2;
+        m.match_dscp_list = arena_.array<uint8_t>({46});
+        m.match_num_dscp = 1;
+        m.match_packet_len = arena_.array<t_pol_range>({{64, 1500}});
+        m.match_num_packet_len = 1;
+        m.match_icmp_list = arena_.array<uint32_t>({3 * 256 + 255, 0});
+        m.match_num_icmp = 2;
+        m.match_icmp6_list = arena_.array<uint32_t>({128 * 256});
+        m.match_num_icmp6 = 1;
+        m.match_tcp_flags = 0x12;
+        m.match_plp = 1;
+        m.match_dns = 2;
+        m.match_traf_category = 1;
+        e->entry_match_flags = 0x1000 | 0x2000 | 0x80000 | 0x400000 | 0x800000 | 0x1000000 | 0x2000000 |
+                               0x4000000 | 0x8000000 | 0x10000000 | 0x20000000;
+        t_pol_entry *other = p.seq("V1", 5);
+        other->entry_match_flags = 0x4000000 | 0x8000000 | 0x10000000 | 0x20000000;
+        other->match_entry.match_dns = 1;
+        other->match_entry.match_traf_category = 2;
+        return p.object();
+    }
+
+    Object actions()
+    {
+        PolicyRecords p(ctx_, arena_, "ACT", POL_TYPE_DATA);
+        t_pol_entry *e = p.seq("V", 7);
+        t_pol_set_entry &s = e->set_entry;
+        s.action = 1;
+        pol::copy_name(s.set_counter_name, "CNT");
+        s.set_nat_pool_id = 3;
+        s.set_nat_fallback = true;
+        s.loss_protect = 2;
+        s.loss_protection_fec = 10;
+        s.redirect_dns_ip_addr = addr("198.51.100.53");
+        s.redirect_dns_type = POL_ACTION_REDIRECT_DNS_UMBRELLA;
+        s.set_backup_sla_preferred_color = (1u << 1) | (1u << 3);
+        s.set_local_tloc = {5, 2};
+        s.set_local_tloc_list = {(1u << 4) | (1u << 9), 1u << 1, 1};
+        s.next_hop = addr("192.0.2.1");
+        s.next_hop_ipv6 = addr("2001:db8::1");
+        auto *policer = arena_.make<t_fwd_policer>();
+        pol::copy_name(policer->fwd_policer_name, "POL");
+        s.set_fwd_policer_p = policer;
+        s.set_fwd_dscp = 46;
+        pol::copy_name(s.set_fwd_class, "fc1");
+        s.set_fwd_vpn_id = 100;
+        s.set_fwd_tloc = tloc("10.0.0.1", 9, 2);
+        s.set_fwd_tloc_list_p = pol_tloc_list_find_or_create(ctx_, "TL", nullptr);
+        s.set_fwd_label = 1000;
+        for (auto [t, label, pref] : {std::tuple{tloc("10.0.0.1", 10, 2), 5000u, 100u},
+                                      std::tuple{tloc("10.0.0.2", 11, 1), 0u, 0u}}) {
+            auto *node = arena_.make<t_tloc_entry>();
+            node->tloc = t;
+            node->set_fwd_label = label;
+            node->route_preference = pref;
+            TAILQ_INSERT_TAIL(&s.fwd_tloc_entry_head, node, tloc_entry);
+        }
+        e->entry_set_flags = 0x2000 | 0x10000000 | 0x20000 | 0x20000000 | 0x40000 | 0x4000 | 0x80000 |
+                             0x100000 | 0x200000 | 0x800000 | 0x40000000 | 0x100000000 | 0x8000 | 0x10000 |
+                             0x1000000 | 0x2000000 | 0x800 | 0x4000000 | 0x8000000 | 0x100 | 0x80 | 0x1000;
+        return p.object();
+    }
+
+    Object app_route()
+    {
+        PolicyRecords p(ctx_, arena_, "AR", POL_TYPE_PFR);
+        auto sla = [&](const char *name) {
+            auto *c = arena_.make<t_fwd_sla_class>();
+            pol::copy_name(c->sla_class_name, name);
+            return c;
+        };
+        t_pol_entry *e = p.seq("V", 1);
+        e->entry_set_flags = 0x200 | 0x8000;
+        e->set_entry.set_sla_class_p = sla("GOLD");
+        e->set_entry.set_sla_preferred_color = (1u << 2) | (1u << 4);
+        e->set_entry.set_sla_strict = 1;
+        e->set_entry.set_backup_sla_preferred_color = 1u << 5;
+        p.default_entry("V")->entry_set_flags = 0x200;
+        p.default_entry("V")->set_entry.set_sla_class_p = sla("SILVER");
+        p.seq("W", 2);
+        return p.object();
+    }
+};
+
+TEST_F(PolXmlPolicyTest, PolicyDocuments)
+{
+    const Golden cases[] = {
+        {"data: every match condition in order, sequences in number order, default accept",
+         [&] { return matches(); },
+         "data-policy{name=DP vpn-list{name=V1 "
+         "sequence{seq-value=5 match{tcp=syn plp=low dns=request traffic-category=optimize-allow} "
+         "action{action-value=accept}} "
+         "sequence{seq-value=10 match{source-ip=10.1.0.0/16 source-ip=10.2.0.0/16 source-data-prefix-list=SRC "
+         "source-ipv6=2001:db8::/32 source-data-ipv6-prefix-list=SRC6 destination-ip=192.0.2.0/24 "
+         "destination-data-prefix-list=DST destination-ipv6=2001:db8:1::/48 "
+         "destination-data-ipv6-prefix-list=DST6 app-list=APPS dns-app-list=DNS cloud-saas-app-list=S2 "
+         "cloud-saas-app-list=S1 source-port=80 source-port=1000-2000 destination-port=443 protocol=6 "
+         "protocol=17 dscp=46 tcp=syn plp=high packet-length=64-1500 dns=response traffic-category=optimize "
+         "icmp-msg=unreachable icmp-msg=echo-reply icmp6-msg=echo-request} action{action-value=accept}} "
+         "default-action=accept}}",
+         Place::top},
+        {"data: every action and set element in order",
+         [&] { return actions(); },
+         "data-policy{name=ACT vpn-list{name=V sequence{seq-value=7 action{count=CNT "
+         "nat{pool=3 use-vpn=0 fallback=true} cflowd log tcp-optimization ssl-optimization "
+         "loss-protect=fec-always loss-protection{forward-error-correction=adaptive} "
+         "redirect-dns=198.51.100.53 redirect-dns=umbrella sig backup-sla-preferred-color=default "
+         "backup-sla-preferred-color=metro-ethernet cloud-saas{allow-local} "
+         "set{local-tloc{color=public-internet encap=ipsec} "
+         "local-tloc-list{color=business-internet color=green encap=gre restrict} next-hop=192.0.2.1 "
+         "next-hop-ipv6=2001:db8::1 policer=POL dscp=46 forwarding-class=fc1 vpn=100 "
+         "tloc{ip=10.0.0.1 color=green encap=ipsec} tloc-list=TL vpn-label=1000 "
+         "zen-tloc-pref-list{list-num=0 tloc-label=5000 tloc-ip=10.0.0.1 tloc-color=blue tloc-encap=ipsec "
+         "tloc-preference=100} zen-tloc-pref-list{list-num=1 tloc-ip=10.0.0.2 tloc-color=gold tloc-encap=gre}}}}}}",
+         Place::top},
+        {"data: the service's TLOC list beside the service",
+         [&] {
+             PolicyRecords p(ctx_, arena_, "SVC", POL_TYPE_DATA);
+             t_pol_entry *e = p.seq("V", 3);
+             e->entry_set_flags = 0x400 | 0x1000 | 0x80000000;
+             e->set_entry.set_fwd_service = 1;
+             e->set_entry.set_fwd_vpn_id = 10;
+             e->set_entry.set_fwd_tloc = tloc("10.0.0.9", 1, 1);
+             e->set_entry.set_fwd_service_local = e->set_entry.set_fwd_service_local_restrict = true;
+             e->set_entry.set_fwd_tloc_list_p = pol_tloc_list_find_or_create(ctx_, "TL2", nullptr);
+             return p.object();
+         },
+         "data-policy{name=SVC vpn-list{name=V sequence{seq-value=3 action{action-value=accept "
+         "set{service{svc-type=firewall vpn=10 tloc{ip=10.0.0.9 color=default encap=gre} local restrict} "
+         "tloc-list=TL2}}}}}",
+         Place::top},
+        {"data: empty match and action removed, drop renders no default, no default sequence no body",
+         [&] {
+             PolicyRecords p(ctx_, arena_, "E", POL_TYPE_DATA);
+             p.vpn("A", false);
+             p.seq("B", 1)->set_entry.action = 1;
+             t_pol_entry *label_only = p.seq("B", 2);  // a label alone makes no set
+             label_only->set_entry.action = 1;
+             label_only->set_entry.set_fwd_label = 77;
+             t_pol_entry *color_only = p.seq("B", 3);  // a TLOC with only a colour
+             color_only->set_entry.action = 1;
+             color_only->entry_set_flags = 0x100;
+             color_only->set_entry.set_fwd_vpn_id = 5;
+             color_only->set_entry.set_fwd_tloc.color = 3;
+             return p.object();
+         },
+         "data-policy{name=E vpn-list{name=A} vpn-list{name=B sequence{seq-value=1} sequence{seq-value=2} "
+         "sequence{seq-value=3 action{set{vpn=5 tloc{color=metro-ethernet}}}}}}",
+         Place::top},
+        {"data: packet duplication alone",
+         [&] {
+             PolicyRecords p(ctx_, arena_, "DUP", POL_TYPE_DATA);
+             t_pol_entry *e = p.seq("V", 1);
+             e->set_entry.action = 1;
+             e->entry_set_flags = 0x400000;
+             return p.object();
+         },
+         "data-policy{name=DUP vpn-list{name=V sequence{seq-value=1 action{loss-protection{packet-duplication}}}}}",
+         Place::top},
+        // Duplication under the FEC element makes mixed content, which no
+        // schema leaf holds: text only.
+        {"data: packet duplication under forward error correction",
+         [&] {
+             PolicyRecords p(ctx_, arena_, "FEC", POL_TYPE_DATA);
+             t_pol_entry *e = p.seq("V", 1);
+             e->set_entry.action = 1;
+             e->entry_set_flags = 0x200000 | 0x400000;
+             return p.object();
+         },
+         "data-policy{name=FEC vpn-list{name=V sequence{seq-value=1 "
+         "action{loss-protection{forward-error-correction=always{packet-duplication}}}}}}",
+         Place::text_only},
+        {"app-route: SLA class parts, no action value, default with and without SLA class",
+         [&] { return app_route(); },
+         "app-route-policy{name=AR vpn-list{name=V sequence{seq-value=1 action{"
+         "backup-sla-preferred-color=public-internet sla-class{sla-class-name=GOLD preferred-color=mpls "
+         "preferred-color=business-internet strict=true}}} default-action{sla-class{sla-class-name=SILVER}}} "
+         "vpn-list{name=W sequence{seq-value=2}}}",
          Place::top},
     };
     for (const Golden &g : cases) {
