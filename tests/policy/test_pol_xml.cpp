@@ -673,6 +673,70 @@ TEST_F(PolXmlPolicyTest, PolicyDocuments)
     }
 }
 
+// Makes the nth allocation of the XML library (and every later one) fail
+// while alive, without the library's complaints on standard error.
+class XmlAllocFailure {
+public:
+    explicit XmlAllocFailure(int nth)
+    {
+        xmlMemGet(&free_, &malloc_, &realloc_, &strdup_);
+        countdown_ = nth;
+        xmlMemSetup(std::free, fail_malloc, fail_realloc, fail_strdup);
+        xmlSetGenericErrorFunc(nullptr, [](void *, const char *, ...) {});
+    }
+    ~XmlAllocFailure()
+    {
+        xmlSetGenericErrorFunc(nullptr, nullptr);
+        xmlMemSetup(free_, malloc_, realloc_, strdup_);
+    }
+    bool fired() const { return countdown_ <= 0; }
+
+private:
+    static bool fail() { return --countdown_ <= 0; }
+    static void *fail_malloc(size_t n) { return fail() ? nullptr : std::malloc(n); }
+    static void *fail_realloc(void *p, size_t n) { return fail() ? nullptr : std::realloc(p, n); }
+    static char *fail_strdup(const char *text) { return fail() ? nullptr : strdup(text); }
+
+    static inline int countdown_ = 0;
+    xmlFreeFunc free_ = nullptr;
+    xmlMallocFunc malloc_ = nullptr;
+    xmlReallocFunc realloc_ = nullptr;
+    xmlStrdupFunc strdup_ = nullptr;
+};
+
+// Whichever element cannot be made, the result is none and the object's
+// previous document stays as it was; each part names itself in the log.
+TEST_F(PolXmlPolicyTest, FailedElementLeavesThePreviousDocument)
+{
+    std::set<std::string> messages;
+    for (const Object &object : {actions(), app_route(), matches()}) {
+        pol_xml_t out{};
+        ASSERT_NE(pol_xml_convert(object.first, &out, object.second), nullptr);
+        const pol_xml_t before = out;
+        for (int nth = 1;; nth++) {
+            LogCapture log;
+            XmlAllocFailure failure(nth);
+            char *text = pol_xml_convert(object.first, &out, object.second);
+            if (!failure.fired()) {
+                ASSERT_NE(text, nullptr);
+                pol_xml_free_buf(&out);
+                break;
+            }
+            ASSERT_EQ(text, nullptr) << "allocation " << nth;
+            ASSERT_TRUE(out.buf == before.buf && out.buf_siz == before.buf_siz &&
+                        out.time_spent == before.time_spent);
+            for (const std::string &line : log.lines) {
+                messages.insert(line.substr(line.find("[POL] ") + 6));
+            }
+        }
+        out = before;
+        pol_xml_free_buf(&out);
+    }
+    EXPECT_EQ(messages, (std::set<std::string>{"vpn-list XML generation failed", "Match XML generation failed",
+                                               "Action XML generation failed", "Set XML generation failed",
+                                               "tloc XML generation failed", "sla-class XML generation failed"}));
+}
+
 // Names are text: XML-special characters are escaped and read back as
 // they were; a long name is rendered whole.
 TEST_F(PolXmlTest, NamesAreTextWhateverTheyHold)
