@@ -682,7 +682,7 @@ public:
         xmlMemGet(&free_, &malloc_, &realloc_, &strdup_);
         countdown_ = nth;
         xmlMemSetup(std::free, fail_malloc, fail_realloc, fail_strdup);
-        xmlSetGenericErrorFunc(nullptr, [](void *, const char *, ...) {});
+        xmlSetGenericErrorFunc(nullptr, quiet);
     }
     ~XmlAllocFailure()
     {
@@ -692,6 +692,7 @@ public:
     bool fired() const { return countdown_ <= 0; }
 
 private:
+    static void quiet(void *, const char *, ...) {}
     static bool fail() { return --countdown_ <= 0; }
     static void *fail_malloc(size_t n) { return fail() ? nullptr : std::malloc(n); }
     static void *fail_realloc(void *p, size_t n) { return fail() ? nullptr : std::realloc(p, n); }
