@@ -201,6 +201,44 @@ public:
         return l;
     }
 
+    template <typename T, std::size_t N>
+    T *named(char (T::*field)[N], const char *name)
+    {
+        T *rec = make<T>();
+        pol::copy_name(rec->*field, name);
+        return rec;
+    }
+
+    t_fwd_policer *policer(const char *name, uint64_t rate, uint32_t burst, uint8_t exceed)
+    {
+        auto *p = named(&t_fwd_policer::fwd_policer_name, name);
+        std::tie(p->rate, p->burst, p->exceed_action) = std::tuple(rate, burst, exceed);
+        return p;
+    }
+
+    t_fwd_sla_class *sla(const char *name, const char *probe = "", uint8_t loss = 0, uint16_t latency = 0,
+                         uint16_t jitter = 0)
+    {
+        auto *c = named(&t_fwd_sla_class::sla_class_name, name);
+        pol::copy_name(c->app_probe_class_name, probe);
+        std::tie(c->loss, c->latency, c->jitter) = std::tuple(loss, latency, jitter);
+        return c;
+    }
+
+    t_app_probe_class *probe_class(const char *name, const char *fwd_class,
+                                   std::initializer_list<std::pair<uint16_t, uint8_t>> colors)
+    {
+        auto *c = named(&t_app_probe_class::app_probe_class_name, name);
+        pol::copy_name(c->forwarding_class, fwd_class);
+        TAILQ_INIT(&c->app_probe_class_color_entry_head);
+        for (auto [color, dscp] : colors) {
+            auto *e = make<t_app_probe_class_color_entry>();
+            std::tie(e->color, e->dscp) = std::tuple(color, dscp);
+            TAILQ_INSERT_TAIL(&c->app_probe_class_color_entry_head, e, app_probe_class_color_entry);
+        }
+        return c;
+    }
+
 private:
     std::vector<std::shared_ptr<void>> keep_;
 };
@@ -283,67 +321,22 @@ TEST_F(PolXmlTest, ObjectAndListDocuments)
              return Object{arena_.app_list("F", POL_APP_LIST_TYPE_APP_FAMILY, {"voice"}), POL_XML_TYPE_APPLIST};
          },
          "app-list{name=F app-family=voice}", Place::lists},
-        {"policer",
-         [&] {
-             auto *p = arena_.make<t_fwd_policer>();
-             pol::copy_name(p->fwd_policer_name, "POL");
-             p->rate = 10000000000ULL;
-             p->burst = 15000;
-             p->exceed_action = 1;
-             return Object{p, POL_XML_TYPE_POLICER};
-         },
+        {"policer", [&] { return Object{arena_.policer("POL", 10000000000ULL, 15000, 1), POL_XML_TYPE_POLICER}; },
          "policer{name=POL rate=10000000000 burst=15000 exceed=drop}", Place::top},
-        {"policer remarking",
-         [&] {
-             auto *p = arena_.make<t_fwd_policer>();
-             pol::copy_name(p->fwd_policer_name, "R");
-             return Object{p, POL_XML_TYPE_POLICER};
-         },
+        {"policer remarking", [&] { return Object{arena_.policer("R", 0, 0, 0), POL_XML_TYPE_POLICER}; },
          "policer{name=R rate=0 burst=0 exceed=remark}", Place::top},
-        {"SLA class",
-         [&] {
-             auto *s = arena_.make<t_fwd_sla_class>();
-             pol::copy_name(s->sla_class_name, "GOLD");
-             pol::copy_name(s->app_probe_class_name, "PROBE");
-             s->loss = 5;
-             s->latency = 300;
-             s->jitter = 65534;
-             return Object{s, POL_XML_TYPE_SLA_CLASS};
-         },
+        {"SLA class", [&] { return Object{arena_.sla("GOLD", "PROBE", 5, 300, 65534), POL_XML_TYPE_SLA_CLASS}; },
          "sla-class{name=GOLD loss=5 latency=300 jitter=65534 app-probe-class=PROBE}", Place::top},
         {"SLA class with nothing configured",
-         [&] {
-             auto *s = arena_.make<t_fwd_sla_class>();
-             pol::copy_name(s->sla_class_name, "NONE");
-             s->loss = 255;
-             s->latency = s->jitter = 65535;
-             return Object{s, POL_XML_TYPE_SLA_CLASS};
-         },
+         [&] { return Object{arena_.sla("NONE", "", 255, 65535, 65535), POL_XML_TYPE_SLA_CLASS}; },
          "sla-class{name=NONE loss=255 latency=65535 jitter=65535 app-probe-class}", Place::top},
         {"app-probe class",
-         [&] {
-             auto *c = arena_.make<t_app_probe_class>();
-             pol::copy_name(c->app_probe_class_name, "PROBE");
-             pol::copy_name(c->forwarding_class, "fc-voice");
-             TAILQ_INIT(&c->app_probe_class_color_entry_head);
-             for (auto [color, dscp] : {std::pair<uint16_t, uint8_t>{10, 46}, {2, 0}}) {
-                 auto *e = arena_.make<t_app_probe_class_color_entry>();
-                 e->color = color;
-                 e->dscp = dscp;
-                 TAILQ_INSERT_TAIL(&c->app_probe_class_color_entry_head, e, app_probe_class_color_entry);
-             }
-             return Object{c, POL_XML_TYPE_APP_PROBE_CLASS};
-         },
+         [&] { return Object{arena_.probe_class("PROBE", "fc-voice", {{10, 46}, {2, 0}}), POL_XML_TYPE_APP_PROBE_CLASS}; },
          "app-probe-class{name=PROBE forwarding-class=fc-voice color{color-name=blue dscp=46} "
          "color{color-name=mpls dscp=0}}",
          Place::lists},
         {"app-probe class without forwarding class",
-         [&] {
-             auto *c = arena_.make<t_app_probe_class>();
-             pol::copy_name(c->app_probe_class_name, "BARE");
-             TAILQ_INIT(&c->app_probe_class_color_entry_head);
-             return Object{c, POL_XML_TYPE_APP_PROBE_CLASS};
-         },
+         [&] { return Object{arena_.probe_class("BARE", "", {}), POL_XML_TYPE_APP_PROBE_CLASS}; },
          "app-probe-class{name=BARE forwarding-class}", Place::lists},
         {"cflowd template: settings, protocol, collectors in identity order",
          [&] {
@@ -528,9 +521,7 @@ protected:
         s.set_local_tloc_list = {(1u << 4) | (1u << 9), 1u << 1, 1};
         s.next_hop = addr("192.0.2.1");
         s.next_hop_ipv6 = addr("2001:db8::1");
-        auto *policer = arena_.make<t_fwd_policer>();
-        pol::copy_name(policer->fwd_policer_name, "POL");
-        s.set_fwd_policer_p = policer;
+        s.set_fwd_policer_p = arena_.policer("POL", 0, 0, 0);
         s.set_fwd_dscp = 46;
         pol::copy_name(s.set_fwd_class, "fc1");
         s.set_fwd_vpn_id = 100;
@@ -554,19 +545,14 @@ protected:
     Object app_route()
     {
         PolicyRecords p(ctx_, arena_, "AR", POL_TYPE_PFR);
-        auto sla = [&](const char *name) {
-            auto *c = arena_.make<t_fwd_sla_class>();
-            pol::copy_name(c->sla_class_name, name);
-            return c;
-        };
         t_pol_entry *e = p.seq("V", 1);
         e->entry_set_flags = 0x200 | 0x8000;
-        e->set_entry.set_sla_class_p = sla("GOLD");
+        e->set_entry.set_sla_class_p = arena_.sla("GOLD");
         e->set_entry.set_sla_preferred_color = (1u << 2) | (1u << 4);
         e->set_entry.set_sla_strict = 1;
         e->set_entry.set_backup_sla_preferred_color = 1u << 5;
         p.default_entry("V")->entry_set_flags = 0x200;
-        p.default_entry("V")->set_entry.set_sla_class_p = sla("SILVER");
+        p.default_entry("V")->set_entry.set_sla_class_p = arena_.sla("SILVER");
         p.seq("W", 2);
         return p.object();
     }
