@@ -12,6 +12,9 @@ constexpr family_init_f kFamilyInit[] = {
     pol_user_init,
     pol_block_init,
     pol_pfx_list_main_init,
+    pol_fwd_pfx_list_main_init,
+    pol_fwd_pfx6_list_main_init,
+    pol_app_list_main_init,
     pol_tloc_list_main_init,
     pol_site_list_main_init,
     pol_vpn_list_main_init,
@@ -23,6 +26,9 @@ constexpr family_init_f kFamilyInit[] = {
 // users go last.
 constexpr family_init_f kFamilyDeinit[] = {
     pol_pfx_list_main_deinit,
+    pol_app_list_main_deinit,
+    pol_fwd_pfx_list_main_deinit,
+    pol_fwd_pfx6_list_main_deinit,
     pol_tloc_list_main_deinit,
     pol_site_list_main_deinit,
     pol_vpn_list_main_deinit,

@@ -190,7 +190,7 @@ int dump_policies_of(mgmtd_cli_user_info *uinfo, e_pol_type type)
     return 0;
 }
 
-// A list's entries in insertion order, as the dumps show them.
+// A list's entries, in the identity order its queue keeps.
 using site_entries = pol::tailq<t_site_entry, &t_site_entry::site_entry>;
 using vpn_entries = pol::tailq<t_pol_vpn_entry, &t_pol_vpn_entry::vpn_entry>;
 using tloc_entries = pol::tailq<t_tloc_entry, &t_tloc_entry::tloc_entry>;
@@ -198,11 +198,12 @@ using color_entries = pol::tailq<t_color_entry, &t_color_entry::color_entry>;
 using pfx_entries = pol::tailq<t_pfx_entry, &t_pfx_entry::pfx_entry>;
 using community_entries = pol::tailq<t_community_entry, &t_community_entry::community_entry>;
 
-// One "User: POLICY" line per user of a chain, in chain order.
+// One "User: POLICY" line per user of a chain, in rank order (by policy
+// type and name, then sequence), whatever order they linked in.
 template <typename User, auto Link, typename Head>
 void dump_users(mgmtd_cli_user_info *uinfo, const Head &head)
 {
-    pol::tailq<User, Link>::for_each(head, [&](const User *user) {
+    pol::for_each_user_ranked<User, Link>(head, [&](const User *user) {
         pol_cli_printf(uinfo, "\n  User: %s", pol::block_name(user->pol_block_p));
     });
 }
@@ -339,6 +340,7 @@ int pol_dump_all(struct mgmtd_cli_user_info *uinfo, int, char **)
         pol_dump_pfx_list_all,       pol_dump_site_list_all,      pol_dump_vpn_list_all,
         pol_dump_tloc_list_all,      pol_dump_color_list_all,     pol_dump_community_list_all,
         pol_dump_expanded_community_list_all,
+        pol_dump_app_list_all,       pol_dump_fwd_pfx_list_all,   pol_dump_fwd_pfx6_list_all,
     };
     for (auto dump : kListDumps) {
         dump(uinfo);
@@ -494,6 +496,85 @@ char *pol_dump_set_community(char *buf, const t_pol_set_community *set)
         return nullptr;
     }
     return community_list_getstr(buf, set->communities, set->n_communities);
+}
+
+}  // extern "C"
+
+/* ---- data-policy lists: application lists, data prefix lists ---- */
+
+namespace {
+
+// One "<label> User: POLICY" line per user of a chain of data-policy
+// conditions, in chain order.
+template <auto Link, typename Head>
+void dump_fwd_users(mgmtd_cli_user_info *uinfo, const char *label, const Head &head)
+{
+    pol::tailq<t_pol_match_entry, Link>::for_each(head, [&](const t_pol_match_entry *match) {
+        pol_cli_printf(uinfo, "\n  %s User: %s", label, pol::block_name(pol::block_of_fwd_match(match)));
+    });
+}
+
+void dump_app_list(t_app_list *list, mgmtd_cli_user_info *uinfo)
+{
+    pol_cli_printf(uinfo, "\napp-list: %s (%p, %u)", list->app_list_name, static_cast<void *>(list),
+                   static_cast<unsigned>(list->fetch_xml));
+    pol_cli_printf(uinfo, "\n  APP LIST Type: %s",
+                   list->app_list_type == POL_APP_LIST_TYPE_APP ? "app" : "app-family");
+    pol_cli_printf(uinfo, "\n  APP LIST Entries:");
+    pol::tree<t_app_list_entry>(&list->app_list_entry_db).for_each([&](const t_app_list_entry *e) {
+        pol_cli_printf(uinfo, "\n    %s", e->name);
+    });
+    dump_fwd_users<&t_pol_match_entry::app_list_entry>(uinfo, "APP LIST", list->match_list_head);
+    dump_fwd_users<&t_pol_match_entry::dns_app_list_entry>(uinfo, "DNS APP LIST",
+                                                           list->match_dns_list_head);
+    dump_fwd_users<&t_pol_match_entry::saas_app_list_entry>(uinfo, "SAAS APP LIST",
+                                                            list->match_saas_list_head);
+    pol_cli_printf(uinfo, "\nend \n");
+}
+
+// The two data prefix families differ in their tree, titles and user links.
+template <auto SrcLink, auto DstLink>
+void dump_fwd_pfx_lists(mgmtd_cli_user_info *uinfo, avl_tree_t *lists, const char *title,
+                        const char *kind)
+{
+    pol_cli_dump_heading(uinfo, title);
+    pol::tree<t_fwd_pfx_list>(lists).for_each([&](t_fwd_pfx_list *list) {
+        pol_cli_printf(uinfo, "\n%s: %s (%p, %u)", kind, list->fwd_pfx_list_name,
+                       static_cast<void *>(list), static_cast<unsigned>(list->fetch_xml));
+        pol_cli_printf(uinfo, "\n  Fwd prefix List entries:");
+        pol::tree<t_fwd_pfx_list_entry>(&list->ip_fwd_pfx_entry_db)
+            .for_each([&](const t_fwd_pfx_list_entry *e) {
+                char buf[64];
+                pol_cli_printf(uinfo, "\n    %s", ipprefix_print(&e->ip_prefix, buf, sizeof(buf)));
+            });
+        dump_fwd_users<SrcLink>(uinfo, "SRC LIST", list->match_src_list_head);
+        dump_fwd_users<DstLink>(uinfo, "DST LIST", list->match_dst_list_head);
+        pol_cli_printf(uinfo, "\nend \n");
+    });
+}
+
+}  // namespace
+
+extern "C" {
+
+void pol_dump_app_list_all(struct mgmtd_cli_user_info *uinfo)
+{
+    pol_cli_dump_heading(uinfo, "\n  APP LISTS");
+    pol::tree<t_app_list>(&g_pol_ctx_p->app_lists).for_each([&](t_app_list *list) {
+        dump_app_list(list, uinfo);
+    });
+}
+
+void pol_dump_fwd_pfx_list_all(struct mgmtd_cli_user_info *uinfo)
+{
+    dump_fwd_pfx_lists<&t_pol_match_entry::fwd_src_pfx_entry, &t_pol_match_entry::fwd_dst_pfx_entry>(
+        uinfo, &g_pol_ctx_p->fwd_pfx_lists, "\n  FORWARDING PREFIX LISTS    ", "fwd-prefix-list");
+}
+
+void pol_dump_fwd_pfx6_list_all(struct mgmtd_cli_user_info *uinfo)
+{
+    dump_fwd_pfx_lists<&t_pol_match_entry::fwd_src_pfx6_entry, &t_pol_match_entry::fwd_dst_pfx6_entry>(
+        uinfo, &g_pol_ctx_p->fwd_pfx6_lists, "\n  FORWARDING PREFIX6 LISTS    ", "fwd-prefix6-list");
 }
 
 }  // extern "C"

@@ -3,10 +3,11 @@
  * its own name-keyed tree of the context; a list owns its entries and
  * chains the policy records that use it.
  *
- * Families whose entries sit in an insertion-ordered tail queue (dumps and
- * matching visit them in that order) also keep every entry in an identity
- * index (entry_index, keyed on what makes the entry unique in its list),
- * so that the duplicate check, find and delete never walk the queue.
+ * Families whose entries sit in a tail queue also keep every entry in an
+ * identity index (entry_index, keyed on what makes the entry unique in its
+ * list), so that the duplicate check, find and delete never walk the
+ * queue; the queue keeps the index's order (identity order), so that its
+ * walks see what the list holds, whatever order the entries came in.
  * exec_index is owned by the match module of route execution: a match-time
  * structure rebuilt lazily after the list changed, under the list's memory
  * category (null until first needed, or while it cannot be allocated).
