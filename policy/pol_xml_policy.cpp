@@ -11,43 +11,6 @@ namespace {
 
 using pol::xml::builder;
 
-// Match bits of a data sequence.
-constexpr uint64_t kMatchSrcList = 0x1000;
-constexpr uint64_t kMatchDstList = 0x2000;
-constexpr uint64_t kMatchAppList = 0x80000;
-constexpr uint64_t kMatchDnsAppList = 0x400000;
-constexpr uint64_t kMatchSrc6List = 0x800000;
-constexpr uint64_t kMatchDst6List = 0x1000000;
-constexpr uint64_t kMatchPlp = 0x4000000;
-constexpr uint64_t kMatchDns = 0x8000000;
-constexpr uint64_t kMatchTcp = 0x10000000;
-constexpr uint64_t kMatchTrafficCategory = 0x20000000;
-
-// Set bits of a data sequence.
-constexpr uint64_t kSetVpn = 0x100;
-constexpr uint64_t kSetSlaClass = 0x200;
-constexpr uint64_t kSetService = 0x400;
-constexpr uint64_t kSetPolicer = 0x800;
-constexpr uint64_t kSetCounter = 0x2000;
-constexpr uint64_t kSetLog = 0x4000;
-constexpr uint64_t kSetBackupSlaColor = 0x8000;
-constexpr uint64_t kSetCloudSaas = 0x10000;
-constexpr uint64_t kSetNatVpn = 0x20000;
-constexpr uint64_t kSetCflowd = 0x40000;
-constexpr uint64_t kSetTcpOpt = 0x80000;
-constexpr uint64_t kSetSslOpt = 0x100000;
-constexpr uint64_t kSetFec = 0x200000;
-constexpr uint64_t kSetPktDup = 0x400000;
-constexpr uint64_t kSetRedirectDnsIp = 0x800000;
-constexpr uint64_t kSetLocalTloc = 0x1000000;
-constexpr uint64_t kSetLocalTlocList = 0x2000000;
-constexpr uint64_t kSetDscp = 0x4000000;
-constexpr uint64_t kSetFwdClass = 0x8000000;
-constexpr uint64_t kSetNatPool = 0x10000000;
-constexpr uint64_t kSetNatFallback = 0x20000000;
-constexpr uint64_t kSetRedirectDnsType = 0x40000000;
-constexpr uint64_t kSetSig = 0x100000000;
-
 // The sequence's action that accepts, and the FEC mode rendered "adaptive".
 constexpr uint8_t kActionAccept = 0;
 constexpr uint8_t kFecAdaptive = 10;
@@ -121,37 +84,37 @@ void add_match_children(const builder &match, const t_pol_entry &entry)
     const t_pol_match_entry &m = entry.match_entry;
     const uint64_t f = entry.entry_match_flags;
     add_prefixes(match, "source-ip", m.match_src_ip_list, m.match_num_src_ip);
-    add_list_name(match, "source-data-prefix-list", f, kMatchSrcList, m.match_src_list_p,
+    add_list_name(match, "source-data-prefix-list", f, POL_FWD_MATCH_FLAG_SRC_LIST, m.match_src_list_p,
                   &t_fwd_pfx_list::fwd_pfx_list_name);
     add_prefixes(match, "source-ipv6", m.match_src_ipv6_list, m.match_num_src_ipv6);
-    add_list_name(match, "source-data-ipv6-prefix-list", f, kMatchSrc6List, m.match_src6_list_p,
+    add_list_name(match, "source-data-ipv6-prefix-list", f, POL_FWD_MATCH_FLAG_SRC6_LIST, m.match_src6_list_p,
                   &t_fwd_pfx_list::fwd_pfx_list_name);
     add_prefixes(match, "destination-ip", m.match_dst_ip_list, m.match_num_dst_ip);
-    add_list_name(match, "destination-data-prefix-list", f, kMatchDstList, m.match_dst_list_p,
+    add_list_name(match, "destination-data-prefix-list", f, POL_FWD_MATCH_FLAG_DST_LIST, m.match_dst_list_p,
                   &t_fwd_pfx_list::fwd_pfx_list_name);
     add_prefixes(match, "destination-ipv6", m.match_dst_ipv6_list, m.match_num_dst_ipv6);
-    add_list_name(match, "destination-data-ipv6-prefix-list", f, kMatchDst6List,
+    add_list_name(match, "destination-data-ipv6-prefix-list", f, POL_FWD_MATCH_FLAG_DST6_LIST,
                   m.match_dst6_list_p, &t_fwd_pfx_list::fwd_pfx_list_name);
-    add_list_name(match, "app-list", f, kMatchAppList, m.match_app_list_p,
+    add_list_name(match, "app-list", f, POL_FWD_MATCH_FLAG_APP_LIST, m.match_app_list_p,
                   &t_app_list::app_list_name);
-    add_list_name(match, "dns-app-list", f, kMatchDnsAppList, m.match_dns_app_list_p,
+    add_list_name(match, "dns-app-list", f, POL_FWD_MATCH_FLAG_DNS_APP_LIST, m.match_dns_app_list_p,
                   &t_app_list::app_list_name);
     add_saas_lists(match, m.match_saas_app_list);
     add_ranges(match, "source-port", m.match_src_port_list, m.match_num_src_port);
     add_ranges(match, "destination-port", m.match_dst_port_list, m.match_num_dst_port);
     add_numbers(match, "protocol", m.match_proto_list, m.match_num_proto);
     add_numbers(match, "dscp", m.match_dscp_list, m.match_num_dscp);
-    if (has(f, kMatchTcp)) {
+    if (has(f, POL_FWD_MATCH_FLAG_TCP)) {
         match.text("tcp", "syn");  // the one TCP flag a condition can name
     }
-    if (has(f, kMatchPlp)) {
+    if (has(f, POL_FWD_MATCH_FLAG_PLP)) {
         match.text("plp", m.match_plp == 1 ? "high" : "low");
     }
     add_ranges(match, "packet-length", m.match_packet_len, m.match_num_packet_len);
-    if (has(f, kMatchDns)) {
+    if (has(f, POL_FWD_MATCH_FLAG_DNS)) {
         match.text("dns", m.match_dns == 1 ? "request" : "response");
     }
-    if (has(f, kMatchTrafficCategory)) {
+    if (has(f, POL_FWD_MATCH_FLAG_TRAFFIC_CATEGORY)) {
         match.text("traffic-category", m.match_traf_category == 1 ? "optimize" : "optimize-allow");
     }
     add_icmp(match, "icmp-msg", m.match_icmp_list, m.match_num_icmp, pol_xml_icmp_msg_val_to_str);
@@ -163,17 +126,17 @@ void add_match_children(const builder &match, const t_pol_entry &entry)
 
 void add_nat(const builder &action, uint64_t f, const t_pol_set_entry &s)
 {
-    if (!has(f, kSetNatPool) && !has(f, kSetNatVpn)) {
+    if (!has(f, POL_FWD_SET_FLAG_NAT_POOL) && !has(f, POL_FWD_SET_FLAG_NAT_VPN)) {
         return;
     }
     builder nat = action.empty("nat");
-    if (has(f, kSetNatPool)) {
+    if (has(f, POL_FWD_SET_FLAG_NAT_POOL)) {
         nat.fmt("pool", "%d", static_cast<int>(s.set_nat_pool_id));
     }
-    if (has(f, kSetNatVpn)) {
+    if (has(f, POL_FWD_SET_FLAG_NAT_VPN)) {
         nat.fmt("use-vpn", "%d", static_cast<int>(s.set_nat_vpn_id));
     }
-    if (has(f, kSetNatFallback) && s.set_nat_fallback) {
+    if (has(f, POL_FWD_SET_FLAG_NAT_FALLBACK) && s.set_nat_fallback) {
         nat.text("fallback", "true");
     }
 }
@@ -182,26 +145,26 @@ void add_nat(const builder &action, uint64_t f, const t_pol_set_entry &s)
 // router reads it there.
 void add_loss_protection(const builder &action, uint64_t f, const t_pol_set_entry &s)
 {
-    if (!has(f, kSetFec) && !has(f, kSetPktDup)) {
+    if (!has(f, POL_FWD_SET_FLAG_FEC) && !has(f, POL_FWD_SET_FLAG_PKT_DUP)) {
         return;
     }
     builder lp = action.empty("loss-protection");
     builder dup_parent = lp;
-    if (has(f, kSetFec)) {
+    if (has(f, POL_FWD_SET_FLAG_FEC)) {
         dup_parent = lp.text("forward-error-correction",
                              s.loss_protection_fec == kFecAdaptive ? "adaptive" : "always");
     }
-    if (has(f, kSetPktDup)) {
+    if (has(f, POL_FWD_SET_FLAG_PKT_DUP)) {
         dup_parent.empty("packet-duplication");
     }
 }
 
 void add_redirect_dns(const builder &action, uint64_t f, const t_pol_set_entry &s)
 {
-    if (has(f, kSetRedirectDnsIp)) {
+    if (has(f, POL_FWD_SET_FLAG_REDIRECT_DNS_IP)) {
         action.addr("redirect-dns", s.redirect_dns_ip_addr);
     }
-    if (has(f, kSetRedirectDnsType)) {
+    if (has(f, POL_FWD_SET_FLAG_REDIRECT_DNS_TYPE)) {
         action.text("redirect-dns",
                     s.redirect_dns_type == POL_ACTION_REDIRECT_DNS_UMBRELLA ? "umbrella" : "host");
     }
@@ -211,8 +174,8 @@ bool sets_anything(const t_pol_entry &entry)
 {
     const uint64_t f = entry.entry_set_flags;
     const t_pol_set_entry &s = entry.set_entry;
-    return has(f, kSetLocalTloc | kSetLocalTlocList | kSetPolicer | kSetDscp | kSetFwdClass |
-                      kSetService | kSetVpn) ||
+    return has(f, POL_FWD_SET_FLAG_LOCAL_TLOC | POL_FWD_SET_FLAG_LOCAL_TLOC_LIST | POL_FWD_SET_FLAG_POLICER | POL_FWD_SET_FLAG_DSCP | POL_FWD_SET_FLAG_FWD_CLASS |
+                      POL_FWD_SET_FLAG_SERVICE | POL_FWD_SET_FLAG_VPN) ||
            !IPADDR_IS_ZERO(&s.next_hop) || !IPADDR_IS_ZERO(&s.next_hop_ipv6) ||
            s.set_fwd_tloc_list_p != nullptr || !IPADDR_IS_ZERO(&s.set_fwd_tloc.addr);
 }
@@ -221,12 +184,12 @@ bool sets_anything(const t_pol_entry &entry)
 
 void add_local_tlocs(const builder &set, uint64_t f, const t_pol_set_entry &s)
 {
-    if (has(f, kSetLocalTloc)) {
+    if (has(f, POL_FWD_SET_FLAG_LOCAL_TLOC)) {
         builder local = set.empty("local-tloc");
         local.color("color", s.set_local_tloc.color);
         local.encap("encap", s.set_local_tloc.encap);
     }
-    if (has(f, kSetLocalTlocList)) {
+    if (has(f, POL_FWD_SET_FLAG_LOCAL_TLOC_LIST)) {
         builder list = set.empty("local-tloc-list");
         list.per_bit("color", s.set_local_tloc_list.color_mask, zen_util_tloc_color_name);
         list.per_bit("encap", s.set_local_tloc_list.encap_mask, zen_util_tloc_encap_name);
@@ -240,8 +203,8 @@ void add_local_tlocs(const builder &set, uint64_t f, const t_pol_set_entry &s)
 bool add_target(const builder &set, uint64_t f, const t_pol_set_entry &s)
 {
     bool ok = true;
-    if (!has(f, kSetService)) {
-        if (has(f, kSetVpn)) {
+    if (!has(f, POL_FWD_SET_FLAG_SERVICE)) {
+        if (has(f, POL_FWD_SET_FLAG_VPN)) {
             set.fmt("vpn", "%lu", s.set_fwd_vpn_id);
         }
         ok = pol_xml_convert_tloc(set.node(), &s.set_fwd_tloc);
@@ -292,7 +255,7 @@ bool add_default_action(const builder &vpn_list, const t_pol_entry &dflt, e_pol_
         }
         return true;
     }
-    if (!has(dflt.entry_set_flags, kSetSlaClass)) {
+    if (!has(dflt.entry_set_flags, POL_FWD_SET_FLAG_SLA_CLASS)) {
         return true;
     }
     return pol_xml_convert_sla_class_node(vpn_list.empty("default-action").node(), &dflt.set_entry);
@@ -380,12 +343,12 @@ bool pol_xml_convert_fwd_action(xmlNodePtr sequence, const t_pol_entry *entry, e
     if (type == POL_XML_TYPE_DATA_POLICY && s.action == kActionAccept) {
         action.text("action-value", "accept");
     }
-    if (has(f, kSetCounter)) {
+    if (has(f, POL_FWD_SET_FLAG_COUNTER)) {
         action.text("count", s.set_counter_name);
     }
     add_nat(action, f, s);
-    for (auto [bit, name] : {std::pair{kSetCflowd, "cflowd"}, {kSetLog, "log"},
-                             {kSetTcpOpt, "tcp-optimization"}, {kSetSslOpt, "ssl-optimization"}}) {
+    for (auto [bit, name] : {std::pair{POL_FWD_SET_FLAG_CFLOWD, "cflowd"}, {POL_FWD_SET_FLAG_LOG, "log"},
+                             {POL_FWD_SET_FLAG_TCP_OPT, "tcp-optimization"}, {POL_FWD_SET_FLAG_SSL_OPT, "ssl-optimization"}}) {
         if (has(f, bit)) {
             action.empty(name);
         }
@@ -395,17 +358,17 @@ bool pol_xml_convert_fwd_action(xmlNodePtr sequence, const t_pol_entry *entry, e
     }
     add_loss_protection(action, f, s);
     add_redirect_dns(action, f, s);
-    if (has(f, kSetSig)) {
+    if (has(f, POL_FWD_SET_FLAG_SIG)) {
         action.empty("sig");
     }
-    if (has(f, kSetBackupSlaColor)) {
+    if (has(f, POL_FWD_SET_FLAG_BACKUP_SLA_COLOR)) {
         action.per_bit("backup-sla-preferred-color", s.set_backup_sla_preferred_color,
                        zen_util_tloc_color_name);
     }
-    if (has(f, kSetCloudSaas)) {
+    if (has(f, POL_FWD_SET_FLAG_CLOUD_SAAS)) {
         action.empty("cloud-saas").empty("allow-local");
     }
-    ok = ok && (!has(f, kSetSlaClass) || pol_xml_convert_sla_class_node(action.node(), &s));
+    ok = ok && (!has(f, POL_FWD_SET_FLAG_SLA_CLASS) || pol_xml_convert_sla_class_node(action.node(), &s));
     ok = ok && (!sets_anything(*entry) || pol_xml_convert_fwd_action_set(action.node(), entry));
     if (!ok) {
         POL_LOG("Action XML generation failed");
@@ -428,13 +391,13 @@ bool pol_xml_convert_fwd_action_set(xmlNodePtr action, const t_pol_entry *entry)
     if (!IPADDR_IS_ZERO(&s.next_hop_ipv6)) {
         set.addr("next-hop-ipv6", s.next_hop_ipv6);
     }
-    if (has(f, kSetPolicer) && s.set_fwd_policer_p != nullptr) {
+    if (has(f, POL_FWD_SET_FLAG_POLICER) && s.set_fwd_policer_p != nullptr) {
         set.text("policer", s.set_fwd_policer_p->fwd_policer_name);
     }
-    if (has(f, kSetDscp)) {
+    if (has(f, POL_FWD_SET_FLAG_DSCP)) {
         set.fmt("dscp", "%d", s.set_fwd_dscp);
     }
-    if (has(f, kSetFwdClass)) {
+    if (has(f, POL_FWD_SET_FLAG_FWD_CLASS)) {
         set.text("forwarding-class", s.set_fwd_class);
     }
     ok = ok && add_target(set, f, s);

@@ -286,13 +286,13 @@ protected:
 TEST_F(PolXmlTest, ObjectAndListDocuments)
 {
     const Golden cases[] = {
-        {"vpn list: ranges, single VPNs, insertion order",
+        {"vpn list: ranges and single VPNs in the list's order",
          [&] {
              pol_vpn_list_add_entry(ctx_, "VL", 7, 7);
              pol_vpn_list_add_entry(ctx_, "VL", 1, 5);
              return Object{pol_vpn_list_find(ctx_, "VL"), POL_XML_TYPE_VPNLIST};
          },
-         "vpn-list{name=VL vpn{id=7} vpn{id=1-5}}", Place::lists},
+         "vpn-list{name=VL vpn{id=1-5} vpn{id=7}}", Place::lists},
         {"tloc list: names of colour and encapsulation, preference",
          [&] {
              const t_tloc_id a = tloc("10.0.0.2", 4, 1), b = tloc("10.0.0.1", 22, 2);
