@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <deque>
 #include <memory>
 #include <tuple>
 
@@ -138,23 +137,6 @@ t_tloc_id tloc(const char *ip, uint8_t color, uint8_t encap)
     return t;
 }
 
-int prefix_cmp(const void *a, const void *b)
-{
-    const auto &x = static_cast<const t_fwd_pfx_list_entry *>(a)->ip_prefix;
-    const auto &y = static_cast<const t_fwd_pfx_list_entry *>(b)->ip_prefix;
-    if (int r = IPADDR_CMP(&x.addr, &y.addr)) {
-        return r;
-    }
-    return (x.prefixlen > y.prefixlen) - (x.prefixlen < y.prefixlen);
-}
-
-int app_cmp(const void *a, const void *b)
-{
-    const int r = std::strncmp(static_cast<const t_app_list_entry *>(a)->name,
-                               static_cast<const t_app_list_entry *>(b)->name, 128);
-    return (r > 0) - (r < 0);
-}
-
 // Zero-filled records and arrays that live as long as the test.
 class Arena {
 public:
@@ -172,33 +154,6 @@ public:
         std::copy(values.begin(), values.end(), p.get());
         keep_.push_back(p);
         return p.get();
-    }
-
-    t_fwd_pfx_list *pfx_list(const char *name, std::initializer_list<const char *> prefixes)
-    {
-        auto *l = make<t_fwd_pfx_list>();
-        pol::copy_name(l->fwd_pfx_list_name, name);
-        POL_TREE_CREATE(&l->ip_fwd_pfx_entry_db, prefix_cmp, t_fwd_pfx_list_entry, avl_node);
-        for (const char *p : prefixes) {
-            auto *e = make<t_fwd_pfx_list_entry>();
-            e->ip_prefix = prefix(p);
-            avl_add(&l->ip_fwd_pfx_entry_db, e);
-        }
-        return l;
-    }
-
-    t_app_list *app_list(const char *name, t_app_list_type type, std::initializer_list<const char *> apps)
-    {
-        auto *l = make<t_app_list>();
-        pol::copy_name(l->app_list_name, name);
-        l->app_list_type = type;
-        POL_TREE_CREATE(&l->app_list_entry_db, app_cmp, t_app_list_entry, avl_node);
-        for (const char *a : apps) {
-            auto *e = make<t_app_list_entry>();
-            pol::copy_name(e->name, a);
-            avl_add(&l->app_list_entry_db, e);
-        }
-        return l;
     }
 
     template <typename T, std::size_t N>
@@ -305,20 +260,31 @@ TEST_F(PolXmlTest, ObjectAndListDocuments)
          Place::lists},
         {"IPv4 data prefix list",
          [&] {
-             return Object{arena_.pfx_list("P4", {"10.1.0.0/16", "192.0.2.0/24"}), POL_XML_TYPE_FWD_PFXLIST};
+             for (const char *p : {"192.0.2.0/24", "10.1.0.0/16"}) {
+                 const t_ipprefix pfx = prefix(p);
+                 pol_fwd_pfx_list_add_prefix(ctx_, "P4", &pfx);
+             }
+             return Object{pol_fwd_pfx_list_find(ctx_, "P4"), POL_XML_TYPE_FWD_PFXLIST};
          },
          "data-prefix-list{name=P4 ip-prefix{ip=10.1.0.0/16} ip-prefix{ip=192.0.2.0/24}}", Place::lists},
         {"IPv6 data prefix list",
-         [&] { return Object{arena_.pfx_list("P6", {"2001:db8::/32"}), POL_XML_TYPE_FWD_PFX6LIST}; },
+         [&] {
+             const t_ipprefix pfx = prefix("2001:db8::/32");
+             pol_fwd_pfx6_list_add_prefix(ctx_, "P6", &pfx);
+             return Object{pol_fwd_pfx6_list_find(ctx_, "P6"), POL_XML_TYPE_FWD_PFX6LIST};
+         },
          "data-ipv6-prefix-list{name=P6 ipv6-prefix{ipv6=2001:db8::/32}}", Place::lists},
         {"application list",
          [&] {
-             return Object{arena_.app_list("A", POL_APP_LIST_TYPE_APP, {"zoom", "webex"}), POL_XML_TYPE_APPLIST};
+             pol_app_list_entry_add_app(ctx_, "A", "zoom", POL_APP_LIST_TYPE_APP);
+             pol_app_list_entry_add_app(ctx_, "A", "webex", POL_APP_LIST_TYPE_APP);
+             return Object{pol_app_list_find(ctx_, "A"), POL_XML_TYPE_APPLIST};
          },
          "app-list{name=A app=webex app=zoom}", Place::lists},
         {"application-family list",
          [&] {
-             return Object{arena_.app_list("F", POL_APP_LIST_TYPE_APP_FAMILY, {"voice"}), POL_XML_TYPE_APPLIST};
+             pol_app_list_entry_add_app(ctx_, "F", "voice", POL_APP_LIST_TYPE_APP_FAMILY);
+             return Object{pol_app_list_find(ctx_, "F"), POL_XML_TYPE_APPLIST};
          },
          "app-list{name=F app-family=voice}", Place::lists},
         {"policer", [&] { return Object{arena_.policer("POL", 10000000000ULL, 15000, 1), POL_XML_TYPE_POLICER}; },
@@ -384,178 +350,182 @@ TEST_F(PolXmlTest, ObjectAndListDocuments)
 
 /* ---- policy documents ---- */
 
-// A data or app-route policy built record by record: VPN records (with a
-// default sequence that drops, unless told otherwise) and sequences.
-class PolicyRecords {
-public:
-    PolicyRecords(t_pol_ctx *ctx, Arena &arena, const char *name, e_pol_type type) : arena_(arena)
+// One sequence of a data or app-route policy of the live context (policy
+// and VPN record made if need be), filled through the model's setters.
+struct Seq {
+    t_pol_ctx *ctx;
+    const char *pol;
+    e_pol_type type;
+    const char *vpn;
+    uint32_t num;
+
+    template <typename F, typename... A>
+    void operator()(F upd, A... args) const
     {
-        block_ = arena.make<t_pol_block>();
-        pol::copy_name(block_->pol_name, name);
-        block_->pol_type = type;
-        pol_fwd_block_init(ctx, block_);
+        ASSERT_EQ(upd(ctx, pol, type, vpn, num, args...), ERR_OK);
     }
-
-    Object object() const
+    // A match array handed over under the accounting row of its leaf.
+    template <typename T, typename F>
+    void array(F upd, uint32_t tag, std::initializer_list<T> values) const
     {
-        return {block_, block_->pol_type == POL_TYPE_DATA ? POL_XML_TYPE_DATA_POLICY : POL_XML_TYPE_PFR_POLICY};
+        auto *a = static_cast<T *>(pol_malloc(values.size() * sizeof(T), pol_fwd_get_mem_type(tag)));
+        std::copy(values.begin(), values.end(), a);
+        ASSERT_EQ(upd(ctx, pol, type, vpn, num, a, static_cast<uint32_t>(values.size()), tag), ERR_OK);
     }
-
-    t_pol_entry *default_entry(const char *vpn_name) { return vpn(vpn_name)->default_pol_entry; }
-
-    t_pol_fwd_vpn_entry *vpn(const char *name, bool with_default = true)
+    void drop() const { (*this)(pol_fwd_entry_action_upd, uint8_t{1}); }
+    t_pol_entry *entry() const
     {
-        t_pol_fwd_vpn_entry key{};
-        pol::copy_name(key.vpn_name, name);
-        if (auto *found = static_cast<t_pol_fwd_vpn_entry *>(avl_find(&block_->pol_fwd_vpn_list_entries, &key, nullptr))) {
-            return found;
-        }
-        auto *v = arena_.make<t_pol_fwd_vpn_entry>();
-        pol::copy_name(v->vpn_name, name);
-        POL_TREE_CREATE(&v->pol_entries, pol_entry_cmp, t_pol_entry, entry_node);
-        if (with_default) {
-            v->default_pol_entry = new_entry(0);
-            v->default_pol_entry->set_entry.action = 1;
-        }
-        avl_add(&block_->pol_fwd_vpn_list_entries, v);
-        return v;
+        t_pol_block *block = nullptr;
+        return pol_fwd_pol_entry_get(ctx, pol, type, vpn, num, &block);
     }
-
-    t_pol_entry *seq(const char *vpn_name, uint32_t num)
-    {
-        t_pol_entry *e = new_entry(num);
-        avl_add(&vpn(vpn_name)->pol_entries, e);
-        return e;
-    }
-
-private:
-    t_pol_entry *new_entry(uint32_t num)
-    {
-        auto *e = arena_.make<t_pol_entry>();
-        e->entry_num = num;
-        TAILQ_INIT(&e->set_entry.fwd_tloc_entry_head);
-        return e;
-    }
-
-    Arena &arena_;
-    t_pol_block *block_;
 };
-
-void link_saas(Arena &arena, t_pol_match_entry &m, t_app_list *list)
-{
-    auto *node = arena.make<t_app_list_dll_node>();
-    node->match_app_list_p = list;
-    node->app_list_node.p_prev = m.match_saas_app_list.p_tail;
-    (m.match_saas_app_list.p_tail ? m.match_saas_app_list.p_tail->p_next : m.match_saas_app_list.p_head) =
-        &node->app_list_node;
-    m.match_saas_app_list.p_tail = &node->app_list_node;
-    m.match_saas_app_list.count++;
-}
 
 class PolXmlPolicyTest : public PolXmlTest {
 protected:
+    void TearDown() override
+    {
+        for (auto it = undo_.rbegin(); it != undo_.rend(); ++it) {
+            (*it)();
+        }
+        PolXmlTest::TearDown();
+    }
+
+    Seq seq(const char *pol, e_pol_type type, const char *vpn, uint32_t num)
+    {
+        uint8_t changed = 0;
+        EXPECT_NE(pol_block_find_or_create(ctx_, pol, type, &changed), nullptr);
+        EXPECT_NE(pol_fwd_vpn_find_or_create(ctx_, pol, type, vpn), nullptr);
+        EXPECT_NE(pol_fwd_entry_find_or_create(ctx_, pol, type, vpn, static_cast<uint16_t>(num)), nullptr);
+        return {ctx_, pol, type, vpn, num};
+    }
+
+    static Object object(const char *pol, e_pol_type type)
+    {
+        return {pol_block_find(g_pol_ctx_p, pol, type, nullptr),
+                type == POL_TYPE_DATA ? POL_XML_TYPE_DATA_POLICY : POL_XML_TYPE_PFR_POLICY};
+    }
+
+    // A reference the model has no setter for yet: stored with its bit,
+    // and taken back before the sequence goes.
+    template <typename L>
+    void refer(t_pol_entry *e, bool match, uint64_t bit, L *&held, L *list)
+    {
+        uint64_t &flags = match ? e->entry_match_flags : e->entry_set_flags;
+        flags |= bit;
+        held = list;
+        undo_.push_back([&flags, &held, bit] {
+            flags &= ~bit;
+            held = nullptr;
+        });
+    }
+
+    void refer_saas(t_pol_entry *e, t_app_list *list)
+    {
+        auto *node = arena_.make<t_app_list_dll_node>();
+        node->match_app_list_p = list;
+        t_dll &saas = e->match_entry.match_saas_app_list;
+        DLL_ADD(&saas, &node->app_list_node);
+        e->entry_match_flags |= POL_FWD_MATCH_FLAG_SAAS_APP_LIST;
+        undo_.push_back([e, &saas] {
+            saas = t_dll{};
+            e->entry_match_flags &= ~POL_FWD_MATCH_FLAG_SAAS_APP_LIST;
+        });
+    }
+
     Object matches()
     {
-        PolicyRecords p(ctx_, arena_, "DP", POL_TYPE_DATA);
-        p.default_entry("V1")->set_entry.action = 0;
-        t_pol_entry *e = p.seq("V1", 10);
+        const Seq s = seq("DP", POL_TYPE_DATA, "V1", 10);
+        pol_fwd_default_entry_action_upd(ctx_, "DP", POL_TYPE_DATA, "V1", 0);
+        s.array(pol_fwd_entry_pfx_upd, 0x553788af, {prefix("10.1.0.0/16"), prefix("10.2.0.0/16")});
+        s.array(pol_fwd_entry_pfx_upd, 0x3ade449f, {prefix("2001:db8::/32")});
+        s.array(pol_fwd_entry_pfx_upd, 0x22688857, {prefix("192.0.2.0/24")});
+        s.array(pol_fwd_entry_pfx_upd, 0x7277a1c1, {prefix("2001:db8:1::/48")});
+        s.array(pol_fwd_entry_range_config_upd, 0x0f472580, {t_pol_range{80, 80}, t_pol_range{1000, 2000}});
+        s.array(pol_fwd_entry_range_config_upd, 0x6475b955, {t_pol_range{443, 443}});
+        s.array(pol_fwd_entry_range_config_upd, 0x5b2c4c8c, {t_pol_range{64, 1500}});
+        s.array(pol_fwd_entry_list_config_upd, 0x3838f6e1, {uint8_t{6}, uint8_t{17}});
+        s.array(pol_fwd_entry_list_config_upd, 0x42a50984, {uint8_t{46}});
+        s.array(pol_fwd_entry_icmp_list_config_upd, 0x2ab85e1b, {uint32_t{3 * 256 + 255}, uint32_t{0}});
+        s.array(pol_fwd_entry_icmp_list_config_upd, 0x0e190ee1, {uint32_t{128 * 256}});
+        s(pol_fwd_entry_tcp_upd, 0x12u, true);  // whatever flags: "syn"
+        s(pol_fwd_entry_plp_upd, 1u, true);
+        s(pol_fwd_entry_dns_upd, 2u, true);
+        s(pol_fwd_entry_traffic_category_upd, 1u, true);
+        t_pol_entry *e = s.entry();
         t_pol_match_entry &m = e->match_entry;
-        m.match_src_ip_list = arena_.array<t_ipprefix>({prefix("10.1.0.0/16"), prefix("10.2.0.0/16")});
-        m.match_num_src_ip = 2;
-        m.match_src_ipv6_list = arena_.array<t_ipprefix>({prefix("2001:db8::/32")});
-        m.match_num_src_ipv6 = 1;
-        m.match_dst_ip_list = arena_.array<t_ipprefix>({prefix("192.0.2.0/24")});
-        m.match_num_dst_ip = 1;
-        m.match_dst_ipv6_list = arena_.array<t_ipprefix>({prefix("2001:db8:1::/48")});
-        m.match_num_dst_ipv6 = 1;
-        m.match_src_list_p = arena_.pfx_list("SRC", {});
-        m.match_src6_list_p = arena_.pfx_list("SRC6", {});
-        m.match_dst_list_p = arena_.pfx_list("DST", {});
-        m.match_dst6_list_p = arena_.pfx_list("DST6", {});
-        m.match_app_list_p = arena_.app_list("APPS", POL_APP_LIST_TYPE_APP, {});
-        m.match_dns_app_list_p = arena_.app_list("DNS", POL_APP_LIST_TYPE_APP, {});
-        link_saas(arena_, m, arena_.app_list("S2", POL_APP_LIST_TYPE_APP, {}));
-        link_saas(arena_, m, arena_.app_list("S1", POL_APP_LIST_TYPE_APP, {}));
-        m.match_src_port_list = arena_.array<t_pol_range>({{80, 80}, {1000, 2000}});
-        m.match_num_src_port = 2;
-        m.match_dst_port_list = arena_.array<t_pol_range>({{443, 443}});
-        m.match_num_dst_port = 1;
-        m.match_proto_list = arena_.array<uint8_t>({6, 17});
-        m.match_num_proto = 2;
-        m.match_dscp_list = arena_.array<uint8_t>({46});
-        m.match_num_dscp = 1;
-        m.match_packet_len = arena_.array<t_pol_range>({{64, 1500}});
-        m.match_num_packet_len = 1;
-        m.match_icmp_list = arena_.array<uint32_t>({3 * 256 + 255, 0});
-        m.match_num_icmp = 2;
-        m.match_icmp6_list = arena_.array<uint32_t>({128 * 256});
-        m.match_num_icmp6 = 1;
-        m.match_tcp_flags = 0x12;
-        m.match_plp = 1;
-        m.match_dns = 2;
-        m.match_traf_category = 1;
-        e->entry_match_flags = 0x1000 | 0x2000 | 0x80000 | 0x400000 | 0x800000 | 0x1000000 | 0x2000000 |
-                               0x4000000 | 0x8000000 | 0x10000000 | 0x20000000;
-        t_pol_entry *other = p.seq("V1", 5);
-        other->entry_match_flags = 0x4000000 | 0x8000000 | 0x10000000 | 0x20000000;
-        other->match_entry.match_dns = 1;
-        other->match_entry.match_traf_category = 2;
-        return p.object();
+        refer(e, true, POL_FWD_MATCH_FLAG_SRC_LIST, m.match_src_list_p, arena_.named(&t_fwd_pfx_list::fwd_pfx_list_name, "SRC"));
+        refer(e, true, POL_FWD_MATCH_FLAG_SRC6_LIST, m.match_src6_list_p, arena_.named(&t_fwd_pfx_list::fwd_pfx_list_name, "SRC6"));
+        refer(e, true, POL_FWD_MATCH_FLAG_DST_LIST, m.match_dst_list_p, arena_.named(&t_fwd_pfx_list::fwd_pfx_list_name, "DST"));
+        refer(e, true, POL_FWD_MATCH_FLAG_DST6_LIST, m.match_dst6_list_p, arena_.named(&t_fwd_pfx_list::fwd_pfx_list_name, "DST6"));
+        refer(e, true, POL_FWD_MATCH_FLAG_APP_LIST, m.match_app_list_p, arena_.named(&t_app_list::app_list_name, "APPS"));
+        refer(e, true, POL_FWD_MATCH_FLAG_DNS_APP_LIST, m.match_dns_app_list_p,
+              arena_.named(&t_app_list::app_list_name, "DNS"));
+        refer_saas(e, arena_.named(&t_app_list::app_list_name, "S2"));  // held order, not name order
+        refer_saas(e, arena_.named(&t_app_list::app_list_name, "S1"));
+        const Seq other = seq("DP", POL_TYPE_DATA, "V1", 5);
+        other(pol_fwd_entry_tcp_upd, 0u, true);
+        other(pol_fwd_entry_plp_upd, 0u, true);
+        other(pol_fwd_entry_dns_upd, 1u, true);
+        other(pol_fwd_entry_traffic_category_upd, 2u, true);
+        return object("DP", POL_TYPE_DATA);
     }
 
     Object actions()
     {
-        PolicyRecords p(ctx_, arena_, "ACT", POL_TYPE_DATA);
-        t_pol_entry *e = p.seq("V", 7);
-        t_pol_set_entry &s = e->set_entry;
-        s.action = 1;
-        pol::copy_name(s.set_counter_name, "CNT");
-        s.set_nat_pool_id = 3;
-        s.set_nat_fallback = true;
-        s.loss_protect = 2;
-        s.loss_protection_fec = 10;
-        s.redirect_dns_ip_addr = addr("198.51.100.53");
-        s.redirect_dns_type = POL_ACTION_REDIRECT_DNS_UMBRELLA;
-        s.set_backup_sla_preferred_color = (1u << 1) | (1u << 3);
-        s.set_local_tloc = {5, 2};
-        s.set_local_tloc_list = {(1u << 4) | (1u << 9), 1u << 1, 1};
-        s.next_hop = addr("192.0.2.1");
-        s.next_hop_ipv6 = addr("2001:db8::1");
-        s.set_fwd_policer_p = arena_.policer("POL", 0, 0, 0);
-        s.set_fwd_dscp = 46;
-        pol::copy_name(s.set_fwd_class, "fc1");
-        s.set_fwd_vpn_id = 100;
-        s.set_fwd_tloc = tloc("10.0.0.1", 9, 2);
-        s.set_fwd_tloc_list_p = pol_tloc_list_find_or_create(ctx_, "TL", nullptr);
-        s.set_fwd_label = 1000;
-        for (auto [t, label, pref] : {std::tuple{tloc("10.0.0.1", 10, 2), 5000u, 100u},
-                                      std::tuple{tloc("10.0.0.2", 11, 1), 0u, 0u}}) {
-            auto *node = arena_.make<t_tloc_entry>();
-            node->tloc = t;
-            node->set_fwd_label = label;
-            node->route_preference = pref;
-            TAILQ_INSERT_TAIL(&s.fwd_tloc_entry_head, node, tloc_entry);
+        const t_tloc_id targets[] = {tloc("10.0.0.1", 10, 2), tloc("10.0.0.2", 11, 1)};
+        pol_tloc_list_add_entry(ctx_, "TL", &targets[0], 100);
+        pol_tloc_list_add_entry(ctx_, "TL", &targets[1], 0);
+        pol_tloc_list_find_entry(ctx_, "TL", &targets[0])->set_fwd_label = 5000;  // as the host labelled it
+        const Seq s = seq("ACT", POL_TYPE_DATA, "V", 7);
+        s.drop();
+        s(pol_fwd_entry_count_upd, "CNT", true);
+        s(pol_fwd_entry_nat_pool_upd, 3u, true);
+        s(pol_fwd_entry_nat_use_vpn_upd, 0u, true);
+        s(pol_fwd_entry_nat_fallback_upd, true, true);
+        for (auto flag : {pol_fwd_entry_cflowd_upd, pol_fwd_entry_log_upd, pol_fwd_entry_tcp_opt_upd,
+                          pol_fwd_entry_ssl_opt_upd, pol_fwd_entry_sig_upd, pol_fwd_entry_cloud_saas_upd}) {
+            s(flag, true);
         }
-        e->entry_set_flags = 0x2000 | 0x10000000 | 0x20000 | 0x20000000 | 0x40000 | 0x4000 | 0x80000 |
-                             0x100000 | 0x200000 | 0x800000 | 0x40000000 | 0x100000000 | 0x8000 | 0x10000 |
-                             0x1000000 | 0x2000000 | 0x800 | 0x4000000 | 0x8000000 | 0x100 | 0x80 | 0x1000;
-        return p.object();
+        s(pol_fwd_entry_loss_protect_upd, 2u, true);
+        s(pol_fwd_entry_fec_upd, 10u, true);
+        const t_ipaddr dns = addr("198.51.100.53"), nh = addr("192.0.2.1"), nh6 = addr("2001:db8::1");
+        s(pol_fwd_entry_redirect_dns_ip_upd, &dns, true);
+        s(pol_fwd_entry_redirect_dns_type_upd, uint8_t{POL_ACTION_REDIRECT_DNS_UMBRELLA}, true);
+        s(pol_fwd_entry_backup_sla_prefer_color_upd, (1u << 1) | (1u << 3), true);
+        const t_local_tloc_id_args local{5, 2, true, true};
+        s(pol_fwd_local_tloc_upd, &local, true);
+        const t_pol_set_local_tloc_list_args local_list{(1u << 4) | (1u << 9), 1u << 1, 1, true, true, true};
+        s(pol_fwd_local_tloc_list_upd, &local_list, true);
+        s(pol_fwd_entry_next_hop_upd, &nh, true);
+        s(pol_fwd_entry_next_hop_v6_upd, &nh6, true);
+        s(pol_fwd_entry_dscp_upd, uint8_t{46}, true);
+        s(pol_fwd_entry_fwd_class_upd, "fc1", true);
+        pol_fwd_entry_vpn_upd(ctx_, "ACT", POL_TYPE_DATA, "V", 7, 100, true);
+        const t_tloc_id target = tloc("10.0.0.1", 9, 2);
+        EXPECT_EQ(pol_fwd_entry_tloc_upd(nullptr, ctx_, "ACT", POL_TYPE_DATA, "V", 7, true, &target), ERR_OK);
+        pol_fwd_entry_tloc_list_upd(ctx_, "ACT", POL_TYPE_DATA, "V", 7, "TL");
+        t_pol_entry *e = s.entry();
+        e->set_entry.set_fwd_label = 1000;  // as label evaluation left it
+        refer(e, false, POL_FWD_SET_FLAG_POLICER, e->set_entry.set_fwd_policer_p, arena_.policer("POL", 0, 0, 0));
+        return object("ACT", POL_TYPE_DATA);
     }
 
     Object app_route()
     {
-        PolicyRecords p(ctx_, arena_, "AR", POL_TYPE_PFR);
-        t_pol_entry *e = p.seq("V", 1);
-        e->entry_set_flags = 0x200 | 0x8000;
-        e->set_entry.set_sla_class_p = arena_.sla("GOLD");
+        const Seq s = seq("AR", POL_TYPE_PFR, "V", 1);
+        s(pol_fwd_entry_backup_sla_prefer_color_upd, 1u << 5, true);
+        t_pol_entry *e = s.entry();
+        refer(e, false, POL_FWD_SET_FLAG_SLA_CLASS, e->set_entry.set_sla_class_p, arena_.sla("GOLD"));
         e->set_entry.set_sla_preferred_color = (1u << 2) | (1u << 4);
         e->set_entry.set_sla_strict = 1;
-        e->set_entry.set_backup_sla_preferred_color = 1u << 5;
-        p.default_entry("V")->entry_set_flags = 0x200;
-        p.default_entry("V")->set_entry.set_sla_class_p = arena_.sla("SILVER");
-        p.seq("W", 2);
-        return p.object();
+        t_pol_entry *dflt = pol_fwd_vpn_find(ctx_, pol_block_find(ctx_, "AR", POL_TYPE_PFR, nullptr), "V", nullptr)
+                                ->default_pol_entry;
+        refer(dflt, false, POL_FWD_SET_FLAG_SLA_CLASS, dflt->set_entry.set_sla_class_p, arena_.sla("SILVER"));
+        seq("AR", POL_TYPE_PFR, "W", 2);
+        return object("AR", POL_TYPE_PFR);
     }
+
+    std::vector<std::function<void()>> undo_;
 };
 
 TEST_F(PolXmlPolicyTest, PolicyDocuments)
@@ -591,45 +561,45 @@ TEST_F(PolXmlPolicyTest, PolicyDocuments)
          Place::top},
         {"data: the service's TLOC list beside the service",
          [&] {
-             PolicyRecords p(ctx_, arena_, "SVC", POL_TYPE_DATA);
-             t_pol_entry *e = p.seq("V", 3);
-             e->entry_set_flags = 0x400 | 0x1000 | 0x80000000;
-             e->set_entry.set_fwd_service = 1;
-             e->set_entry.set_fwd_vpn_id = 10;
-             e->set_entry.set_fwd_tloc = tloc("10.0.0.9", 1, 1);
-             e->set_entry.set_fwd_service_local = e->set_entry.set_fwd_service_local_restrict = true;
-             e->set_entry.set_fwd_tloc_list_p = pol_tloc_list_find_or_create(ctx_, "TL2", nullptr);
-             return p.object();
+             const Seq s = seq("SVC", POL_TYPE_DATA, "V", 3);
+             const t_tloc_id t = tloc("10.0.0.9", 1, 1);
+             pol_tloc_list_add_entry(ctx_, "TL2", &t, 0);
+             pol_fwd_entry_vpn_upd(ctx_, "SVC", POL_TYPE_DATA, "V", 3, 10, true);
+             EXPECT_EQ(pol_fwd_entry_tloc_upd(nullptr, ctx_, "SVC", POL_TYPE_DATA, "V", 3, true, &t), ERR_OK);
+             pol_fwd_entry_tloc_list_upd(ctx_, "SVC", POL_TYPE_DATA, "V", 3, "TL2");
+             EXPECT_EQ(pol_fwd_entry_svc_upd(nullptr, ctx_, "SVC", POL_TYPE_DATA, "V", 3, 1, false), ERR_OK);
+             s(pol_fwd_entry_svc_local_upd, true, true, true);
+             return object("SVC", POL_TYPE_DATA);
          },
          "data-policy{name=SVC vpn-list{name=V sequence{seq-value=3 action{action-value=accept "
          "set{service{svc-type=firewall vpn=10 tloc{ip=10.0.0.9 color=default encap=gre} local restrict} "
-         "tloc-list=TL2}}}}}",
+         "tloc-list=TL2 zen-tloc-pref-list{list-num=0 tloc-ip=10.0.0.9 tloc-color=default tloc-encap=gre}}}}}}",
          Place::top},
         {"data: empty match and action removed, drop renders no default, no default sequence no body",
          [&] {
-             PolicyRecords p(ctx_, arena_, "E", POL_TYPE_DATA);
-             p.vpn("A", false);
-             p.seq("B", 1)->set_entry.action = 1;
-             t_pol_entry *label_only = p.seq("B", 2);  // a label alone makes no set
-             label_only->set_entry.action = 1;
-             label_only->set_entry.set_fwd_label = 77;
-             t_pol_entry *color_only = p.seq("B", 3);  // a TLOC with only a colour
-             color_only->set_entry.action = 1;
-             color_only->entry_set_flags = 0x100;
-             color_only->set_entry.set_fwd_vpn_id = 5;
-             color_only->set_entry.set_fwd_tloc.color = 3;
-             return p.object();
+             seq("E", POL_TYPE_DATA, "B", 1).drop();
+             const Seq label_only = seq("E", POL_TYPE_DATA, "B", 2);  // a label alone makes no set
+             label_only.drop();
+             label_only.entry()->set_entry.set_fwd_label = 77;
+             const Seq color_only = seq("E", POL_TYPE_DATA, "B", 3);  // a TLOC of a colour alone
+             color_only.drop();
+             pol_fwd_entry_vpn_upd(ctx_, "E", POL_TYPE_DATA, "B", 3, 5, true);
+             const t_tloc_id color = tloc("0.0.0.0", 3, 0);
+             pol_fwd_entry_tloc_upd(nullptr, ctx_, "E", POL_TYPE_DATA, "B", 3, false, &color);
+             t_pol_fwd_vpn_entry *a = pol_fwd_vpn_find_or_create(ctx_, "E", POL_TYPE_DATA, "A");
+             undo_.push_back([a, dflt = a->default_pol_entry] { a->default_pol_entry = dflt; });
+             a->default_pol_entry = nullptr;
+             return object("E", POL_TYPE_DATA);
          },
          "data-policy{name=E vpn-list{name=A} vpn-list{name=B sequence{seq-value=1} sequence{seq-value=2} "
          "sequence{seq-value=3 action{set{vpn=5 tloc{color=metro-ethernet}}}}}}",
          Place::top},
         {"data: packet duplication alone",
          [&] {
-             PolicyRecords p(ctx_, arena_, "DUP", POL_TYPE_DATA);
-             t_pol_entry *e = p.seq("V", 1);
-             e->set_entry.action = 1;
-             e->entry_set_flags = 0x400000;
-             return p.object();
+             const Seq s = seq("DUP", POL_TYPE_DATA, "V", 1);
+             s.drop();
+             s(pol_fwd_entry_pkt_dup_upd, true);
+             return object("DUP", POL_TYPE_DATA);
          },
          "data-policy{name=DUP vpn-list{name=V sequence{seq-value=1 action{loss-protection{packet-duplication}}}}}",
          Place::top},
@@ -637,11 +607,11 @@ TEST_F(PolXmlPolicyTest, PolicyDocuments)
         // schema leaf holds: text only.
         {"data: packet duplication under forward error correction",
          [&] {
-             PolicyRecords p(ctx_, arena_, "FEC", POL_TYPE_DATA);
-             t_pol_entry *e = p.seq("V", 1);
-             e->set_entry.action = 1;
-             e->entry_set_flags = 0x200000 | 0x400000;
-             return p.object();
+             const Seq s = seq("FEC", POL_TYPE_DATA, "V", 1);
+             s.drop();
+             s(pol_fwd_entry_pkt_dup_upd, true);
+             s(pol_fwd_entry_fec_upd, 1u, true);
+             return object("FEC", POL_TYPE_DATA);
          },
          "data-policy{name=FEC vpn-list{name=V sequence{seq-value=1 "
          "action{loss-protection{forward-error-correction=always{packet-duplication}}}}}}",
