@@ -130,14 +130,10 @@ t_ipprefix prefix(const char *text)
 
 t_tloc_id tloc(const char *ip, uint8_t color, uint8_t encap)
 {
-    t_tloc_id t{};
-    t.addr = addr(ip);
-    t.color = color;
-    t.encap = encap;
-    return t;
+    return {addr(ip), color, encap};
 }
 
-// Zero-filled records and arrays that live as long as the test.
+// Zero-filled records that live as long as the test.
 class Arena {
 public:
     template <typename T>
@@ -147,15 +143,6 @@ public:
         keep_.push_back(p);
         return p.get();
     }
-    template <typename T>
-    T *array(std::initializer_list<T> values)
-    {
-        auto p = std::shared_ptr<T[]>(new T[values.size()]);
-        std::copy(values.begin(), values.end(), p.get());
-        keep_.push_back(p);
-        return p.get();
-    }
-
     template <typename T, std::size_t N>
     T *named(char (T::*field)[N], const char *name)
     {
