@@ -262,11 +262,11 @@ static_assert(std::string_view(icmp_lookup(kIcmpNames, 3 * 256 + 10)) == "invali
 
 /* ---- documents of objects and lists ---- */
 
-// The values of the configuration schema's enumerations.
-constexpr uint32_t kCflowdTransportTcp = 1;
+// The codes of the configuration schema's enumerations (zen-policy).
+constexpr uint32_t kCflowdTransportUdp = 1;
 constexpr uint8_t kCflowdProtocolIpv6 = 1;
 constexpr uint8_t kCflowdProtocolBoth = 2;
-constexpr uint8_t kPolicerExceedRemark = 0;
+constexpr uint8_t kPolicerExceedRemark = 1;
 
 const char *cflowd_protocol_str(uint8_t protocol)
 {
@@ -366,7 +366,7 @@ const char *pol_xml_loss_protect_str(uint32_t value)
 
 const char *pol_cflowd_transport_type(uint32_t type)
 {
-    return type == pol::xml::kCflowdTransportTcp ? "transport_tcp" : "transport_udp";
+    return type == pol::xml::kCflowdTransportUdp ? "transport_udp" : "transport_tcp";
 }
 
 char *pol_xml_convert_cflowd(const void *object, pol_xml_t *out, e_pol_xml_type)

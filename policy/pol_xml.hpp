@@ -74,8 +74,8 @@ const char *pol_xml_icmp_msg_val_to_str(uint32_t value);
 const char *pol_xml_icmp6_msg_val_to_str(uint32_t value);
 /* 1 "fec-adaptive", 2 "fec-always", 3 "pkt-dup", other "unknown". */
 const char *pol_xml_loss_protect_str(uint32_t value);
-/* The schema's enumeration: 0 "transport_udp", 1 "transport_tcp" (any
- * other code names udp). */
+/* The configuration's transport codes: 1 "transport_udp", 0 (and any
+ * other code) "transport_tcp". */
 const char *pol_cflowd_transport_type(uint32_t type);
 
 }  // extern "C"

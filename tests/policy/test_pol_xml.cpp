@@ -274,9 +274,9 @@ TEST_F(PolXmlTest, ObjectAndListDocuments)
              return Object{pol_app_list_find(ctx_, "F"), POL_XML_TYPE_APPLIST};
          },
          "app-list{name=F app-family=voice}", Place::lists},
-        {"policer", [&] { return Object{arena_.policer("POL", 10000000000ULL, 15000, 1), POL_XML_TYPE_POLICER}; },
+        {"policer", [&] { return Object{arena_.policer("POL", 10000000000ULL, 15000, 0), POL_XML_TYPE_POLICER}; },
          "policer{name=POL rate=10000000000 burst=15000 exceed=drop}", Place::top},
-        {"policer remarking", [&] { return Object{arena_.policer("R", 0, 0, 0), POL_XML_TYPE_POLICER}; },
+        {"policer remarking", [&] { return Object{arena_.policer("R", 0, 0, 1), POL_XML_TYPE_POLICER}; },
          "policer{name=R rate=0 burst=0 exceed=remark}", Place::top},
         {"SLA class", [&] { return Object{arena_.sla("GOLD", "PROBE", 5, 300, 65534), POL_XML_TYPE_SLA_CLASS}; },
          "sla-class{name=GOLD loss=5 latency=300 jitter=65534 app-probe-class=PROBE}", Place::top},
@@ -318,8 +318,8 @@ TEST_F(PolXmlTest, ObjectAndListDocuments)
          },
          "cflowd-template{name=CF flow-active-timeout=600 flow-inactive-timeout=15 template-refresh=90 "
          "flow-sampling-interval=1 protocol=both "
-         "collector{vpn=1 address=192.0.2.9 port=2055 transport=transport_udp source-interface} "
-         "collector{vpn=512 address=2001:db8::9 port=65535 transport=transport_tcp source-interface=ge0/1}}",
+         "collector{vpn=1 address=192.0.2.9 port=2055 transport=transport_tcp source-interface} "
+         "collector{vpn=512 address=2001:db8::9 port=65535 transport=transport_udp source-interface=ge0/1}}",
          Place::top},
         {"cflowd template of IPv4 only: no protocol",
          [&] {
@@ -738,8 +738,8 @@ TEST(PolXmlNamers, IcmpLossProtectTransport)
     for (uint32_t v = 0; v < 5; v++) {
         EXPECT_STREQ(pol_xml_loss_protect_str(v), loss[v]);
     }
-    EXPECT_STREQ(pol_cflowd_transport_type(0), "transport_udp");
-    EXPECT_STREQ(pol_cflowd_transport_type(1), "transport_tcp");
+    EXPECT_STREQ(pol_cflowd_transport_type(0), "transport_tcp");
+    EXPECT_STREQ(pol_cflowd_transport_type(1), "transport_udp");
 }
 
 TEST_F(PolXmlTest, TypeOutsideTheTableStopsTheProcess)
