@@ -8,13 +8,13 @@
 namespace {
 
 using app_chain = pol::user_chain<t_app_list, t_pol_match_entry, &t_app_list::match_list_head,
-                                  &t_pol_match_entry::app_list_entry, pol::block_of_fwd_match>;
+                                  &t_pol_match_entry::app_list_entry, pol::block_of_data_user<t_pol_match_entry>>;
 using dns_app_chain =
     pol::user_chain<t_app_list, t_pol_match_entry, &t_app_list::match_dns_list_head,
-                    &t_pol_match_entry::dns_app_list_entry, pol::block_of_fwd_match>;
+                    &t_pol_match_entry::dns_app_list_entry, pol::block_of_data_user<t_pol_match_entry>>;
 using saas_app_chain =
     pol::user_chain<t_app_list, t_pol_match_entry, &t_app_list::match_saas_list_head,
-                    &t_pol_match_entry::saas_app_list_entry, pol::block_of_fwd_match>;
+                    &t_pol_match_entry::saas_app_list_entry, pol::block_of_data_user<t_pol_match_entry>>;
 
 struct app_traits : pol::list_hooks<t_app_list> {
     using list_t = t_app_list;

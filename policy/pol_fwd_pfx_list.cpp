@@ -13,10 +13,10 @@ template <avl_tree_t t_pol_ctx::*Tree, e_pol_mem EntryMem, auto SrcLink, auto Ds
 struct fwd_pfx_traits : pol::list_hooks<t_fwd_pfx_list> {
     using src_chain = pol::user_chain<t_fwd_pfx_list, t_pol_match_entry,
                                       &t_fwd_pfx_list::match_src_list_head, SrcLink,
-                                      pol::block_of_fwd_match>;
+                                      pol::block_of_data_user<t_pol_match_entry>>;
     using dst_chain = pol::user_chain<t_fwd_pfx_list, t_pol_match_entry,
                                       &t_fwd_pfx_list::match_dst_list_head, DstLink,
-                                      pol::block_of_fwd_match>;
+                                      pol::block_of_data_user<t_pol_match_entry>>;
 
     using list_t = t_fwd_pfx_list;
     using entry_t = t_fwd_pfx_list_entry;

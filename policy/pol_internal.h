@@ -414,6 +414,113 @@ e_err pol_fwd_pfx6_list_user_remove(t_pol_ctx *ctx, t_fwd_pfx_list *list, e_pol_
                                     t_pol_match_entry *match);
 void pol_fwd_pfx6_list_users_add_to_chg_list(t_pol_ctx *ctx, t_fwd_pfx_list *list);
 void pol_dump_fwd_pfx6_list_all(struct mgmtd_cli_user_info *uinfo);
+/* ---- policers ---- */
+
+struct mgmtd_tag_value;
+
+e_err pol_fwd_policer_main_init(t_pol_ctx *ctx);
+e_err pol_fwd_policer_main_deinit(t_pol_ctx *ctx);
+int pol_fwd_policer_cmp(const void *a, const void *b);
+t_fwd_policer *pol_fwd_policer_find(t_pol_ctx *ctx, const char *name);
+t_fwd_policer *pol_fwd_policer_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created);
+bool pol_fwd_policer_is_empty(const t_fwd_policer *policer);
+t_fwd_policer *pol_fwd_policer_first(t_pol_ctx *ctx);
+t_fwd_policer *pol_fwd_policer_next(t_pol_ctx *ctx, t_fwd_policer *policer);
+/* Stores the rate, burst and exceed leaves among the values (a removed leaf
+ * keeps its value; a leaf of a wrong value kind stops the process), asks
+ * for a new document and notifies. ERR_ALLOC when the policer cannot be had. */
+e_err pol_fwd_policer_entry_change(t_pol_ctx *ctx, const char *name, uint16_t num_values,
+                                   const struct mgmtd_tag_value *val_p);
+e_err pol_fwd_policer_cfg_del(t_pol_ctx *ctx, const char *name);
+void pol_fwd_policer_del(t_pol_ctx *ctx, t_fwd_policer **policer_pp, uint8_t remove);
+t_fwd_policer *pol_fwd_policer_user_add(t_pol_ctx *ctx, const char *name, t_pol_set_entry *set);
+e_err pol_fwd_policer_user_remove(t_pol_ctx *ctx, t_fwd_policer *policer, t_pol_set_entry *set);
+void pol_fwd_policer_users_add_to_chg_list(t_pol_ctx *ctx, t_fwd_policer *policer);
+void pol_dump_fwd_policer(t_fwd_policer *policer, struct mgmtd_cli_user_info *uinfo);
+void pol_dump_fwd_policer_all(struct mgmtd_cli_user_info *uinfo);
+
+/* ---- SLA classes ---- */
+
+/* A limit of a new SLA class, until the configuration sets it. */
+#define POL_SLA_LOSS_UNSET 255
+#define POL_SLA_LATENCY_UNSET 65535
+#define POL_SLA_JITTER_UNSET 65535
+
+e_err pol_fwd_sla_class_main_init(t_pol_ctx *ctx);
+e_err pol_fwd_sla_class_main_deinit(t_pol_ctx *ctx);
+int pol_fwd_sla_class_cmp(const void *a, const void *b);
+t_fwd_sla_class *pol_fwd_sla_class_find(t_pol_ctx *ctx, const char *name);
+t_fwd_sla_class *pol_fwd_sla_class_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created);
+bool pol_fwd_sla_class_is_empty(const t_fwd_sla_class *sla_class);
+t_fwd_sla_class *pol_fwd_sla_class_first(t_pol_ctx *ctx);
+t_fwd_sla_class *pol_fwd_sla_class_next(t_pol_ctx *ctx, t_fwd_sla_class *sla_class);
+e_err pol_fwd_sla_class_entry_change(t_pol_ctx *ctx, const char *name);
+e_err pol_fwd_sla_class_cfg_del(t_pol_ctx *ctx, const char *name);
+void pol_fwd_sla_class_del(t_pol_ctx *ctx, t_fwd_sla_class **sla_class_pp, uint8_t remove);
+t_fwd_sla_class *pol_fwd_sla_class_user_add(t_pol_ctx *ctx, const char *name, t_pol_set_entry *set);
+e_err pol_fwd_sla_class_user_remove(t_pol_ctx *ctx, t_fwd_sla_class *sla_class, t_pol_set_entry *set);
+void pol_fwd_sla_class_users_add_to_chg_list(t_pol_ctx *ctx, t_fwd_sla_class *sla_class);
+void pol_dump_fwd_sla_class(t_fwd_sla_class *sla_class, struct mgmtd_cli_user_info *uinfo);
+void pol_dump_fwd_sla_class_all(struct mgmtd_cli_user_info *uinfo);
+
+/* ---- app-probe classes ---- */
+
+e_err pol_app_probe_class_main_init(t_pol_ctx *ctx);
+e_err pol_app_probe_class_main_deinit(t_pol_ctx *ctx);
+int pol_app_probe_class_cmp(const void *a, const void *b);
+t_app_probe_class *pol_app_probe_class_find(t_pol_ctx *ctx, const char *name);
+t_app_probe_class *pol_app_probe_class_find_or_create(t_pol_ctx *ctx, const char *name,
+                                                      uint8_t *created);
+bool pol_app_probe_class_is_empty(const t_app_probe_class *probe_class);
+t_app_probe_class *pol_app_probe_class_first(t_pol_ctx *ctx);
+t_app_probe_class *pol_app_probe_class_next(t_pol_ctx *ctx, t_app_probe_class *probe_class);
+/* fwd_class (when not null) becomes the forwarding class. */
+e_err pol_app_probe_class_entry_change(t_pol_ctx *ctx, const char *name, const char *fwd_class);
+/* Colours count on their low 16 bits. add_entry: ERR_ALLOC (and nothing
+ * created) for an unknown class; notifies nobody. */
+e_err pol_app_probe_class_add_entry(t_pol_ctx *ctx, const char *name, uint32_t color, uint8_t dscp);
+e_err pol_app_probe_class_del_entry(t_pol_ctx *ctx, const char *name, uint32_t color);
+t_app_probe_class_color_entry *pol_app_probe_class_find_entry(t_pol_ctx *ctx,
+                                                              t_app_probe_class *probe_class,
+                                                              uint32_t color);
+void pol_app_probe_class_color_entry_remove(t_pol_ctx *ctx, t_app_probe_class *probe_class,
+                                            t_app_probe_class_color_entry *entry);
+void pol_app_probe_class_del_all_entries(t_pol_ctx *ctx, t_app_probe_class *probe_class);
+e_err pol_app_probe_class_cfg_del(t_pol_ctx *ctx, const char *name);
+void pol_app_probe_class_del(t_pol_ctx *ctx, t_app_probe_class **probe_class_pp, uint8_t remove);
+/* The chain of SLA classes that refer to a class. user_add links an SLA
+ * class (and names the class in it) to an existing class only; the class
+ * or null. */
+t_app_probe_class *pol_fwd_app_probe_class_user_add(t_pol_ctx *ctx, const char *name,
+                                                   t_fwd_sla_class *sla_class);
+t_fwd_sla_class *pol_app_probe_class_find_sla_entry(t_pol_ctx *ctx, t_app_probe_class *probe_class,
+                                                    t_fwd_sla_class *sla_class);
+void pol_app_probe_class_sla_entry_remove(t_pol_ctx *ctx, t_app_probe_class *probe_class,
+                                          t_fwd_sla_class *sla_class);
+/* Takes an SLA class out of the class it names and clears the name: 0, or
+ * 1 when that class or its link is missing (0 at once for no name). */
+int pol_fwd_app_probe_class_entry_find_and_delete(t_pol_ctx *ctx, t_fwd_sla_class *sla_class);
+/* Every SLA class that refers to the class is changed in turn. */
+void pol_app_probe_class_users_add_to_chg_list(t_pol_ctx *ctx, t_app_probe_class *probe_class);
+void pol_dump_app_probe_class(t_app_probe_class *probe_class, struct mgmtd_cli_user_info *uinfo);
+void pol_dump_app_probe_class_all(struct mgmtd_cli_user_info *uinfo);
+
+/* ---- app-ids ---- */
+
+e_err pol_fwd_app_id_main_init(t_pol_ctx *ctx);
+e_err pol_fwd_app_id_main_deinit(t_pol_ctx *ctx);
+int pol_fwd_app_id_cmp(const void *a, const void *b);
+t_fwd_app_id *pol_fwd_app_id_find(t_pol_ctx *ctx, const char *name);
+t_fwd_app_id *pol_fwd_app_id_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created);
+bool pol_fwd_app_id_is_empty(const t_fwd_app_id *app_id);
+e_err pol_fwd_app_id_entry_change(t_pol_ctx *ctx, const char *name);
+e_err pol_fwd_app_id_cfg_del(t_pol_ctx *ctx, const char *name);
+void pol_fwd_app_id_del(t_pol_ctx *ctx, t_fwd_app_id **app_id_pp, uint8_t remove);
+t_fwd_app_id *pol_fwd_app_id_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_entry *match);
+e_err pol_fwd_app_id_user_remove(t_pol_ctx *ctx, t_fwd_app_id *app_id, t_pol_match_entry *match);
+void pol_fwd_app_id_users_add_to_chg_list(t_pol_ctx *ctx, t_fwd_app_id *app_id);
+void pol_dump_fwd_app_id(t_fwd_app_id *app_id, struct mgmtd_cli_user_info *uinfo);
+void pol_dump_fwd_app_id_all(struct mgmtd_cli_user_info *uinfo);
 
 /* ---- community set action ---- */
 

@@ -102,11 +102,12 @@ inline t_pol_block *block_of_fwd_vpn(const t_pol_fwd_vpn_entry *v)
     return v->pol_block_p;
 }
 
-// A data-policy condition reaches its policy through the VPN-list level
-// it sits under.
-inline t_pol_block *block_of_fwd_match(const t_pol_match_entry *m)
+// A data-policy sequence's match or set entry reaches its policy through
+// the VPN-list level it sits under; without one it has no block.
+template <typename User>
+t_pol_block *block_of_data_user(const User *u)
 {
-    return m->pol_vpn_p != nullptr ? m->pol_vpn_p->pol_block_p : nullptr;
+    return u->pol_vpn_p != nullptr ? u->pol_vpn_p->pol_block_p : nullptr;
 }
 
 // One chain of users on a list: the head member on the list, the link
@@ -168,6 +169,29 @@ struct list_hooks {
     }
     // At library shutdown, before the record is freed.
     static void on_deinit(t_pol_ctx *, List *) {}
+    // Before a record is deleted: lets go of what it refers to.
+    static void on_detach(t_pol_ctx *, List *) {}
+};
+
+// Families whose values sit in the record itself (policers, SLA classes,
+// app-ids) have no entries: their traits name no entries member, and the
+// entry verbs are not there for them. Only families that route execution
+// matches on keep a match-time index and a generation.
+template <typename Traits>
+concept has_entries = requires { Traits::entries; };
+
+template <typename List>
+concept has_exec_index = requires(List *l) { l->exec_index; };
+
+template <typename Traits>
+struct entry_types {
+    using entry_t = void;
+    using queue = void;
+};
+template <has_entries Traits>
+struct entry_types<Traits> {
+    using entry_t = typename Traits::entry_t;
+    using queue = tailq<entry_t, Traits::entry_link>;
 };
 
 // The name-keyed tree of a family, whatever it keeps its entries in:
@@ -263,14 +287,15 @@ struct list_tree {
 //   list_cmp, set_key(list, key), list_node_offset,
 //   entries (head member), entry_link (member),
 //   entry_cmp (identity order of entries), chains (chain_list<...>),
-//   and the list_hooks.
+//   and the list_hooks. A family without entries leaves out entry_t,
+//   entry_mem, entries, entry_link and entry_cmp.
 template <typename Traits>
 struct list_family : list_tree<Traits, list_family<Traits>> {
     using base = list_tree<Traits, list_family<Traits>>;
     using list_t = typename Traits::list_t;
-    using entry_t = typename Traits::entry_t;
+    using entry_t = typename entry_types<Traits>::entry_t;
     using key_t = typename Traits::key_t;
-    using queue = tailq<entry_t, Traits::entry_link>;
+    using queue = typename entry_types<Traits>::queue;
     using chains = typename Traits::chains;
     using base::find;
     using base::find_or_create;
@@ -282,8 +307,10 @@ struct list_family : list_tree<Traits, list_family<Traits>> {
 
     static void init_entries(list_t *list)
     {
-        queue::init(list->*Traits::entries);
-        POL_TREE_CREATE(&list->entry_index, Traits::entry_cmp, entry_t, index_node);
+        if constexpr (has_entries<Traits>) {
+            queue::init(list->*Traits::entries);
+            POL_TREE_CREATE(&list->entry_index, Traits::entry_cmp, entry_t, index_node);
+        }
     }
 
     // Every list is emptied and freed; users are not told.
@@ -291,7 +318,7 @@ struct list_family : list_tree<Traits, list_family<Traits>> {
     {
         for (avl_tree_t *t : Traits::trees(ctx)) {
             tree<list_t>(t).drain([&](list_t *list) {
-                del_all_entries(ctx, list);
+                clear_entries(ctx, list);
                 Traits::on_deinit(ctx, list);
                 del(ctx, &list, false);
             });
@@ -299,10 +326,18 @@ struct list_family : list_tree<Traits, list_family<Traits>> {
         return ERR_OK;
     }
 
+    static bool has_no_entries(const list_t *list)
+    {
+        if constexpr (has_entries<Traits>) {
+            return queue::empty(list->*Traits::entries);
+        } else {
+            return true;
+        }
+    }
+
     static bool is_empty(const list_t *list)
     {
-        return queue::empty(list->*Traits::entries) && chains::empty(list) &&
-               Traits::extra_empty(list);
+        return has_no_entries(list) && chains::empty(list) && Traits::extra_empty(list);
     }
 
     // Only for lists without entries and users: anything else is an
@@ -310,13 +345,22 @@ struct list_family : list_tree<Traits, list_family<Traits>> {
     static void del(t_pol_ctx *ctx, list_t **list_pp, bool remove_from_tree)
     {
         list_t *list = *list_pp;
-        POL_ASSERT(queue::empty(list->*Traits::entries) && chains::empty(list));
+        if constexpr (has_entries<Traits>) {
+            POL_ASSERT(queue::empty(list->*Traits::entries) && chains::empty(list));
+        } else {
+            POL_ASSERT(chains::empty(list));
+        }
+        Traits::on_detach(ctx, list);
         if (remove_from_tree) {
             avl_remove(Traits::tree_of_list(ctx, list), list);
         }
         Traits::on_free(list);
-        free_exec_index(&list->exec_index);
-        avl_destroy(&list->entry_index);
+        if constexpr (has_exec_index<list_t>) {
+            free_exec_index(&list->exec_index);
+        }
+        if constexpr (has_entries<Traits>) {
+            avl_destroy(&list->entry_index);
+        }
         pol_free(list, Traits::list_mem);
         *list_pp = nullptr;
     }
@@ -333,10 +377,17 @@ struct list_family : list_tree<Traits, list_family<Traits>> {
     static e_err cfg_del(t_pol_ctx *ctx, key_t key)
     {
         if (list_t *list = find(ctx, key)) {
-            del_all_entries(ctx, list);
+            clear_entries(ctx, list);
             del_if_empty(ctx, list);
         }
         return ERR_OK;
+    }
+
+    static void clear_entries(t_pol_ctx *ctx, list_t *list)
+    {
+        if constexpr (has_entries<Traits>) {
+            del_all_entries(ctx, list);
+        }
     }
 
     /* ---- user chains ---- */
@@ -369,8 +420,10 @@ struct list_family : list_tree<Traits, list_family<Traits>> {
     // over lists, which a process-wide count of list changes tells at once.
     static void bump_generation(list_t *list)
     {
-        list->generation++;
-        g_pol_list_changes++;
+        if constexpr (has_exec_index<list_t>) {
+            list->generation++;
+            g_pol_list_changes++;
+        }
     }
 
     // Links a filled entry into the index and into the queue in front of

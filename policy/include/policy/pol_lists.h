@@ -306,6 +306,7 @@ typedef struct _t_app_probe_class_color_entry {
     TAILQ_ENTRY(_t_app_probe_class_color_entry) app_probe_class_color_entry;
     uint16_t color;
     uint8_t dscp;
+    avl_node_t index_node;
 } t_app_probe_class_color_entry;
 
 typedef struct _t_app_probe_class {
@@ -316,6 +317,7 @@ typedef struct _t_app_probe_class {
     TAILQ_HEAD(, _t_app_probe_class_color_entry) app_probe_class_color_entry_head;
     TAILQ_HEAD(, _t_fwd_sla_class) sla_class_head;
     pol_xml_t app_probe_class_xml;
+    avl_tree_t entry_index; /* colour entries by colour */
 } t_app_probe_class;
 
 typedef struct _t_fwd_app_id {
