@@ -151,36 +151,6 @@ public:
         return rec;
     }
 
-    t_fwd_policer *policer(const char *name, uint64_t rate, uint32_t burst, uint8_t exceed)
-    {
-        auto *p = named(&t_fwd_policer::fwd_policer_name, name);
-        std::tie(p->rate, p->burst, p->exceed_action) = std::tuple(rate, burst, exceed);
-        return p;
-    }
-
-    t_fwd_sla_class *sla(const char *name, const char *probe = "", uint8_t loss = 0, uint16_t latency = 0,
-                         uint16_t jitter = 0)
-    {
-        auto *c = named(&t_fwd_sla_class::sla_class_name, name);
-        pol::copy_name(c->app_probe_class_name, probe);
-        std::tie(c->loss, c->latency, c->jitter) = std::tuple(loss, latency, jitter);
-        return c;
-    }
-
-    t_app_probe_class *probe_class(const char *name, const char *fwd_class,
-                                   std::initializer_list<std::pair<uint16_t, uint8_t>> colors)
-    {
-        auto *c = named(&t_app_probe_class::app_probe_class_name, name);
-        pol::copy_name(c->forwarding_class, fwd_class);
-        TAILQ_INIT(&c->app_probe_class_color_entry_head);
-        for (auto [color, dscp] : colors) {
-            auto *e = make<t_app_probe_class_color_entry>();
-            std::tie(e->color, e->dscp) = std::tuple(color, dscp);
-            TAILQ_INSERT_TAIL(&c->app_probe_class_color_entry_head, e, app_probe_class_color_entry);
-        }
-        return c;
-    }
-
 private:
     std::vector<std::shared_ptr<void>> keep_;
 };
@@ -219,6 +189,25 @@ protected:
     {
         PolContextTest::SetUp();
         ASSERT_TRUE(schema_.loaded());
+    }
+
+    // Data-plane objects of the live context, their values written as the
+    // configuration reader writes them.
+    t_fwd_policer *policer(const char *name, uint64_t rate, uint32_t burst, uint8_t exceed)
+    {
+        t_fwd_policer *p = pol_fwd_policer_find_or_create(ctx_, name, nullptr);
+        std::tie(p->rate, p->burst, p->exceed_action) = std::tuple(rate, burst, exceed);
+        return p;
+    }
+
+    t_app_probe_class *probe_class(const char *name, const char *fwd_class,
+                                   std::initializer_list<std::pair<uint16_t, uint8_t>> colors)
+    {
+        pol_app_probe_class_entry_change(ctx_, name, fwd_class);
+        for (auto [color, dscp] : colors) {
+            pol_app_probe_class_add_entry(ctx_, name, color, dscp);
+        }
+        return pol_app_probe_class_find(ctx_, name);
     }
 
     EdgeSchema schema_;
@@ -274,22 +263,28 @@ TEST_F(PolXmlTest, ObjectAndListDocuments)
              return Object{pol_app_list_find(ctx_, "F"), POL_XML_TYPE_APPLIST};
          },
          "app-list{name=F app-family=voice}", Place::lists},
-        {"policer", [&] { return Object{arena_.policer("POL", 10000000000ULL, 15000, 0), POL_XML_TYPE_POLICER}; },
+        {"policer", [&] { return Object{policer("POL", 10000000000ULL, 15000, 0), POL_XML_TYPE_POLICER}; },
          "policer{name=POL rate=10000000000 burst=15000 exceed=drop}", Place::top},
-        {"policer remarking", [&] { return Object{arena_.policer("R", 0, 0, 1), POL_XML_TYPE_POLICER}; },
+        {"policer remarking", [&] { return Object{policer("R", 0, 0, 1), POL_XML_TYPE_POLICER}; },
          "policer{name=R rate=0 burst=0 exceed=remark}", Place::top},
-        {"SLA class", [&] { return Object{arena_.sla("GOLD", "PROBE", 5, 300, 65534), POL_XML_TYPE_SLA_CLASS}; },
+        {"SLA class",
+         [&] {
+             t_fwd_sla_class *c = pol_fwd_sla_class_find_or_create(ctx_, "GOLD", nullptr);
+             pol::copy_name(c->app_probe_class_name, "PROBE");
+             std::tie(c->loss, c->latency, c->jitter) = std::tuple(5, 300, 65534);
+             return Object{c, POL_XML_TYPE_SLA_CLASS};
+         },
          "sla-class{name=GOLD loss=5 latency=300 jitter=65534 app-probe-class=PROBE}", Place::top},
         {"SLA class with nothing configured",
-         [&] { return Object{arena_.sla("NONE", "", 255, 65535, 65535), POL_XML_TYPE_SLA_CLASS}; },
+         [&] { return Object{pol_fwd_sla_class_find_or_create(ctx_, "NONE", nullptr), POL_XML_TYPE_SLA_CLASS}; },
          "sla-class{name=NONE loss=255 latency=65535 jitter=65535 app-probe-class}", Place::top},
-        {"app-probe class",
-         [&] { return Object{arena_.probe_class("PROBE", "fc-voice", {{10, 46}, {2, 0}}), POL_XML_TYPE_APP_PROBE_CLASS}; },
-         "app-probe-class{name=PROBE forwarding-class=fc-voice color{color-name=blue dscp=46} "
-         "color{color-name=mpls dscp=0}}",
+        {"app-probe class: colours in the class's order",
+         [&] { return Object{probe_class("PROBE", "fc-voice", {{10, 46}, {2, 0}}), POL_XML_TYPE_APP_PROBE_CLASS}; },
+         "app-probe-class{name=PROBE forwarding-class=fc-voice color{color-name=mpls dscp=0} "
+         "color{color-name=blue dscp=46}}",
          Place::lists},
         {"app-probe class without forwarding class",
-         [&] { return Object{arena_.probe_class("BARE", "", {}), POL_XML_TYPE_APP_PROBE_CLASS}; },
+         [&] { return Object{probe_class("BARE", "", {}), POL_XML_TYPE_APP_PROBE_CLASS}; },
          "app-probe-class{name=BARE forwarding-class}", Place::lists},
         {"cflowd template: settings, protocol, collectors in identity order",
          [&] {
@@ -493,7 +488,7 @@ protected:
         pol_fwd_entry_tloc_list_upd(ctx_, "ACT", POL_TYPE_DATA, "V", 7, "TL");
         t_pol_entry *e = s.entry();
         e->set_entry.set_fwd_label = 1000;  // as label evaluation left it
-        refer(e, false, POL_FWD_SET_FLAG_POLICER, e->set_entry.set_fwd_policer_p, arena_.policer("POL", 0, 0, 0));
+        refer(e, false, POL_FWD_SET_FLAG_POLICER, e->set_entry.set_fwd_policer_p, arena_.named(&t_fwd_policer::fwd_policer_name, "POL"));
         return object("ACT", POL_TYPE_DATA);
     }
 
@@ -502,12 +497,12 @@ protected:
         const Seq s = seq("AR", POL_TYPE_PFR, "V", 1);
         s(pol_fwd_entry_backup_sla_prefer_color_upd, 1u << 5, true);
         t_pol_entry *e = s.entry();
-        refer(e, false, POL_FWD_SET_FLAG_SLA_CLASS, e->set_entry.set_sla_class_p, arena_.sla("GOLD"));
+        refer(e, false, POL_FWD_SET_FLAG_SLA_CLASS, e->set_entry.set_sla_class_p, arena_.named(&t_fwd_sla_class::sla_class_name, "GOLD"));
         e->set_entry.set_sla_preferred_color = (1u << 2) | (1u << 4);
         e->set_entry.set_sla_strict = 1;
         t_pol_entry *dflt = pol_fwd_vpn_find(ctx_, pol_block_find(ctx_, "AR", POL_TYPE_PFR, nullptr), "V", nullptr)
                                 ->default_pol_entry;
-        refer(dflt, false, POL_FWD_SET_FLAG_SLA_CLASS, dflt->set_entry.set_sla_class_p, arena_.sla("SILVER"));
+        refer(dflt, false, POL_FWD_SET_FLAG_SLA_CLASS, dflt->set_entry.set_sla_class_p, arena_.named(&t_fwd_sla_class::sla_class_name, "SILVER"));
         seq("AR", POL_TYPE_PFR, "W", 2);
         return object("AR", POL_TYPE_PFR);
     }
