@@ -1,0 +1,184 @@
+// Policy documents: every data-plane object (data and app-route policies,
+// cflowd templates, policers, SLA and app-probe classes, the data-plane
+// lists) rendered as one XML document that the forwarding side is handed
+// whole. The converters and value namers have C linkage; the builder below
+// is what the two rooms of the converters (pol_xml.cpp for the table, the
+// documents of objects and lists, and pol_xml_policy.cpp for the policy
+// documents) share.
+#ifndef POLICY_POL_XML_HPP
+#define POLICY_POL_XML_HPP
+
+#include <libxml/tree.h>
+
+#include <cstdarg>
+#include <cstdint>
+#include <memory>
+
+#include "pol_internal.h"
+
+extern "C" {
+
+typedef enum _e_pol_xml_type {
+    POL_XML_TYPE_INVALID = 0,
+    POL_XML_TYPE_DATA_POLICY = 1,
+    POL_XML_TYPE_PFR_POLICY = 2,
+    POL_XML_TYPE_CFLOWD = 3,
+    POL_XML_TYPE_POLICER = 4,
+    POL_XML_TYPE_SLA_CLASS = 5,
+    POL_XML_TYPE_APP_PROBE_CLASS = 6,
+    POL_XML_TYPE_FWD_PFXLIST = 7,
+    POL_XML_TYPE_FWD_PFX6LIST = 8,
+    POL_XML_TYPE_VPNLIST = 9,
+    POL_XML_TYPE_TLOCLIST = 10,
+    POL_XML_TYPE_APPLIST = 11,
+    POL_XML_TYPE_MAX = 12,
+} e_pol_xml_type;
+
+// A converter renders the object (of the record type its document type
+// names) into out and returns out's text; null when an element could not
+// be made, and then out is left as it was.
+typedef char *(*t_pol_xml_convert_f)(const void *object, pol_xml_t *out, e_pol_xml_type type);
+
+extern const t_pol_xml_convert_f pol_xml_convert_vector[POL_XML_TYPE_MAX];
+
+// Renders with the table's converter; a type outside the table stops the
+// process.
+char *pol_xml_convert(const void *object, pol_xml_t *out, e_pol_xml_type xml_type);
+
+char *pol_xml_convert_data_policy(const void *block, pol_xml_t *out, e_pol_xml_type type);
+char *pol_xml_convert_pfr_policy(const void *block, pol_xml_t *out, e_pol_xml_type type);
+char *pol_xml_convert_cflowd(const void *block, pol_xml_t *out, e_pol_xml_type type);
+char *pol_xml_convert_policer(const void *policer, pol_xml_t *out, e_pol_xml_type type);
+char *pol_xml_convert_sla_class(const void *sla_class, pol_xml_t *out, e_pol_xml_type type);
+char *pol_xml_convert_app_probe_class(const void *probe_class, pol_xml_t *out, e_pol_xml_type type);
+/* IPv4 (POL_XML_TYPE_FWD_PFXLIST) or IPv6 (POL_XML_TYPE_FWD_PFX6LIST) by type. */
+char *pol_xml_convert_fwd_pfx_list(const void *list, pol_xml_t *out, e_pol_xml_type type);
+char *pol_xml_convert_vpn_list(const void *list, pol_xml_t *out, e_pol_xml_type type);
+char *pol_xml_convert_tloc_list(const void *list, pol_xml_t *out, e_pol_xml_type type);
+char *pol_xml_convert_app_list(const void *list, pol_xml_t *out, e_pol_xml_type type);
+
+/* Parts of a policy document; each adds under parent and returns false
+ * when an element could not be made. type is POL_XML_TYPE_DATA_POLICY or
+ * POL_XML_TYPE_PFR_POLICY. */
+bool pol_xml_convert_dp_vpn_list(xmlNodePtr vpn_list, const t_pol_fwd_vpn_entry *vpn,
+                                 e_pol_xml_type type);
+bool pol_xml_convert_fwd_match(xmlNodePtr sequence, const t_pol_entry *entry);
+bool pol_xml_convert_fwd_action(xmlNodePtr sequence, const t_pol_entry *entry, e_pol_xml_type type);
+bool pol_xml_convert_fwd_action_set(xmlNodePtr action, const t_pol_entry *entry);
+bool pol_xml_convert_tloc(xmlNodePtr parent, const t_tloc_id *tloc);
+bool pol_xml_convert_sla_class_node(xmlNodePtr parent, const t_pol_set_entry *set);
+
+/* Value namers: constant texts. An ICMP value is type * 256 + code, code
+ * 255 standing for any code of the type; unknown values name "invalid". */
+const char *pol_xml_icmp_msg_val_to_str(uint32_t value);
+const char *pol_xml_icmp6_msg_val_to_str(uint32_t value);
+/* 1 "fec-adaptive", 2 "fec-always", 3 "pkt-dup", other "unknown". */
+const char *pol_xml_loss_protect_str(uint32_t value);
+/* The configuration's transport codes: 1 "transport_udp", 0 (and any
+ * other code) "transport_tcp". */
+const char *pol_cflowd_transport_type(uint32_t type);
+
+}  // extern "C"
+
+namespace pol::xml {
+
+// Formatted values (numbers, addresses, prefixes) are rendered into a
+// buffer of this size; names are copied whole.
+constexpr std::size_t kTextSize = 54;
+
+// Colour codes a document names, and encapsulation codes.
+constexpr bool is_color(uint32_t c) { return c >= 1 && c <= ZEN_TLOC_COLOR_MAX; }
+constexpr bool is_encap(uint32_t e) { return e == ZEN_TLOC_ENCAP_GRE || e == ZEN_TLOC_ENCAP_IPSEC_TUNNEL; }
+
+using namer_f = const char *(*)(uint32_t);
+
+// Adds children under one element. Failure is shared by every builder
+// derived from one flag: once an element cannot be made, the flag drops and
+// every later add (on any builder of that flag) makes nothing.
+class builder {
+public:
+    builder(xmlNodePtr node, bool *ok) : node_(node), ok_(ok)
+    {
+        if (node == nullptr) {
+            *ok_ = false;
+        }
+    }
+
+    xmlNodePtr node() const { return node_; }
+    bool ok() const { return *ok_; }
+    bool has_children() const { return node_ != nullptr && node_->children != nullptr; }
+
+    // A child element holding text (copied whole; XML-special characters
+    // are escaped on output).
+    builder text(const char *name, const char *value) const;
+    // A child element holding printf-formatted text of at most kTextSize - 1.
+    builder fmt(const char *name, const char *format, ...) const __attribute__((format(printf, 3, 4)));
+    builder empty(const char *name) const { return text(name, nullptr); }
+    // One child per set bit b (0 to 31) of mask, holding namer(b).
+    void per_bit(const char *name, uint32_t mask, namer_f namer) const;
+    // An address or prefix as the host prints it.
+    builder addr(const char *name, const t_ipaddr &addr) const;
+    builder prefix(const char *name, const t_ipprefix &pfx) const;
+    // A colour or encapsulation by name, only when the code is one.
+    void color(const char *name, uint32_t color) const;
+    void encap(const char *name, uint32_t encap) const;
+    // Unlinks and frees the element when it got no child.
+    void drop_if_empty() const;
+
+private:
+    xmlNodePtr node_;
+    bool *ok_;
+};
+
+// Process CPU time since construction, in nanoseconds.
+class cpu_timer {
+public:
+    cpu_timer();
+    time_t elapsed_ns() const;
+
+private:
+    timespec start_{};
+};
+
+struct doc_deleter {
+    void operator()(xmlDoc *doc) const { xmlFreeDoc(doc); }
+};
+
+// The document of one object while it is built: version "1.0" with its
+// root element. Freed with the wrapper whatever happens.
+class document {
+public:
+    explicit document(const char *root_name);
+    ~document();
+    document(const document &) = delete;
+    document &operator=(const document &) = delete;
+
+    xmlNodePtr root() const { return root_; }
+    // Dumps the document formatted into out (text, length, the CPU time
+    // since timer started); null, out untouched, when it cannot.
+    char *dump(pol_xml_t *out, const cpu_timer &timer) const;
+
+private:
+    std::unique_ptr<xmlDoc, doc_deleter> doc_;
+    xmlNodePtr root_ = nullptr;
+};
+
+// The frame of every converter: times the rendering, builds the document
+// with root root_name, lets fill add the children (fill returns false when
+// the document must not be dumped) and dumps it into out.
+template <typename Fill>
+char *render(const char *root_name, pol_xml_t *out, Fill &&fill)
+{
+    cpu_timer timer;
+    document doc(root_name);
+    bool ok = true;
+    builder root(doc.root(), &ok);
+    if (!ok || !fill(root) || !ok) {
+        return nullptr;
+    }
+    return doc.dump(out, timer);
+}
+
+}  // namespace pol::xml
+
+#endif  // POLICY_POL_XML_HPP
