@@ -387,33 +387,6 @@ protected:
                 type == POL_TYPE_DATA ? POL_XML_TYPE_DATA_POLICY : POL_XML_TYPE_PFR_POLICY};
     }
 
-    // A reference the model has no setter for yet: stored with its bit,
-    // and taken back before the sequence goes.
-    template <typename L>
-    void refer(t_pol_entry *e, bool match, uint64_t bit, L *&held, L *list)
-    {
-        uint64_t &flags = match ? e->entry_match_flags : e->entry_set_flags;
-        flags |= bit;
-        held = list;
-        undo_.push_back([&flags, &held, bit] {
-            flags &= ~bit;
-            held = nullptr;
-        });
-    }
-
-    void refer_saas(t_pol_entry *e, t_app_list *list)
-    {
-        auto *node = arena_.make<t_app_list_dll_node>();
-        node->match_app_list_p = list;
-        t_dll &saas = e->match_entry.match_saas_app_list;
-        DLL_ADD(&saas, &node->app_list_node);
-        e->entry_match_flags |= POL_FWD_MATCH_FLAG_SAAS_APP_LIST;
-        undo_.push_back([e, &saas] {
-            saas = t_dll{};
-            e->entry_match_flags &= ~POL_FWD_MATCH_FLAG_SAAS_APP_LIST;
-        });
-    }
-
     Object matches()
     {
         const Seq s = seq("DP", POL_TYPE_DATA, "V1", 10);
@@ -433,17 +406,13 @@ protected:
         s(pol_fwd_entry_plp_upd, 1u, true);
         s(pol_fwd_entry_dns_upd, 2u, true);
         s(pol_fwd_entry_traffic_category_upd, 1u, true);
-        t_pol_entry *e = s.entry();
-        t_pol_match_entry &m = e->match_entry;
-        refer(e, true, POL_FWD_MATCH_FLAG_SRC_LIST, m.match_src_list_p, arena_.named(&t_fwd_pfx_list::fwd_pfx_list_name, "SRC"));
-        refer(e, true, POL_FWD_MATCH_FLAG_SRC6_LIST, m.match_src6_list_p, arena_.named(&t_fwd_pfx_list::fwd_pfx_list_name, "SRC6"));
-        refer(e, true, POL_FWD_MATCH_FLAG_DST_LIST, m.match_dst_list_p, arena_.named(&t_fwd_pfx_list::fwd_pfx_list_name, "DST"));
-        refer(e, true, POL_FWD_MATCH_FLAG_DST6_LIST, m.match_dst6_list_p, arena_.named(&t_fwd_pfx_list::fwd_pfx_list_name, "DST6"));
-        refer(e, true, POL_FWD_MATCH_FLAG_APP_LIST, m.match_app_list_p, arena_.named(&t_app_list::app_list_name, "APPS"));
-        refer(e, true, POL_FWD_MATCH_FLAG_DNS_APP_LIST, m.match_dns_app_list_p,
-              arena_.named(&t_app_list::app_list_name, "DNS"));
-        refer_saas(e, arena_.named(&t_app_list::app_list_name, "S2"));  // held order, not name order
-        refer_saas(e, arena_.named(&t_app_list::app_list_name, "S1"));
+        for (auto [upd, name] : {std::pair<ref_upd, const char *>{pol_fwd_entry_src_pfx_upd, "SRC"}, {pol_fwd_entry_src_pfx6_upd, "SRC6"},
+                                 {pol_fwd_entry_dst_pfx_upd, "DST"}, {pol_fwd_entry_dst_pfx6_upd, "DST6"},
+                                 {pol_fwd_entry_app_list_upd, "APPS"}, {pol_fwd_entry_dns_app_list_upd, "DNS"},
+                                 {pol_fwd_entry_saas_app_list_upd, "S2"},  // held order, not name order
+                                 {pol_fwd_entry_saas_app_list_upd, "S1"}}) {
+            upd(ctx_, "DP", POL_TYPE_DATA, "V1", 10, name);
+        }
         const Seq other = seq("DP", POL_TYPE_DATA, "V1", 5);
         other(pol_fwd_entry_tcp_upd, 0u, true);
         other(pol_fwd_entry_plp_upd, 0u, true);
@@ -486,23 +455,20 @@ protected:
         const t_tloc_id target = tloc("10.0.0.1", 9, 2);
         EXPECT_EQ(pol_fwd_entry_tloc_upd(nullptr, ctx_, "ACT", POL_TYPE_DATA, "V", 7, true, &target), ERR_OK);
         pol_fwd_entry_tloc_list_upd(ctx_, "ACT", POL_TYPE_DATA, "V", 7, "TL");
-        t_pol_entry *e = s.entry();
-        e->set_entry.set_fwd_label = 1000;  // as label evaluation left it
-        refer(e, false, POL_FWD_SET_FLAG_POLICER, e->set_entry.set_fwd_policer_p, arena_.named(&t_fwd_policer::fwd_policer_name, "POL"));
+        s.entry()->set_entry.set_fwd_label = 1000;  // as label evaluation left it
+        pol_fwd_entry_policer_upd(ctx_, "ACT", POL_TYPE_DATA, "V", 7, "POL");
         return object("ACT", POL_TYPE_DATA);
     }
+
+    using ref_upd = void (*)(t_pol_ctx *, const char *, e_pol_type, const char *, uint32_t, const char *);
 
     Object app_route()
     {
         const Seq s = seq("AR", POL_TYPE_PFR, "V", 1);
         s(pol_fwd_entry_backup_sla_prefer_color_upd, 1u << 5, true);
-        t_pol_entry *e = s.entry();
-        refer(e, false, POL_FWD_SET_FLAG_SLA_CLASS, e->set_entry.set_sla_class_p, arena_.named(&t_fwd_sla_class::sla_class_name, "GOLD"));
-        e->set_entry.set_sla_preferred_color = (1u << 2) | (1u << 4);
-        e->set_entry.set_sla_strict = 1;
-        t_pol_entry *dflt = pol_fwd_vpn_find(ctx_, pol_block_find(ctx_, "AR", POL_TYPE_PFR, nullptr), "V", nullptr)
-                                ->default_pol_entry;
-        refer(dflt, false, POL_FWD_SET_FLAG_SLA_CLASS, dflt->set_entry.set_sla_class_p, arena_.named(&t_fwd_sla_class::sla_class_name, "SILVER"));
+        pol_fwd_entry_sla_class_upd(ctx_, "AR", POL_TYPE_PFR, "V", 1, "GOLD", 1, (1u << 2) | (1u << 4), false, true,
+                                    true);
+        pol_fwd_default_entry_sla_class_upd(ctx_, "AR", POL_TYPE_PFR, "V", "SILVER", 0, 0, false);
         seq("AR", POL_TYPE_PFR, "W", 2);
         return object("AR", POL_TYPE_PFR);
     }
