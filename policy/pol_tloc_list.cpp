@@ -12,6 +12,7 @@
 
 #include <cstdio>
 
+#include "pol_fwd_label.h"
 #include "pol_list.hpp"
 
 namespace {
@@ -68,9 +69,13 @@ void mark_changed(t_tloc_list *list, bool labels)
     }
 }
 
-// The data-policy label refresh of the set entry runs here once the
-// data-policy model exists.
-void refresh_data_policy_labels(t_pol_ctx *, t_pol_set_entry *, t_tloc_list *) {}
+// The sequence takes the list's TLOCs afresh and asks the host for their
+// labels; its policy is re-rendered and its users queued.
+void refresh_data_policy_labels(t_pol_ctx *ctx, t_pol_set_entry *set, t_tloc_list *list)
+{
+    pol_fwd_upd_set_internal_tloc_list(ctx, set, list);
+    pol_fwd_upd_label_set_entry(ctx, set);
+}
 
 bool is_data_policy_user(const t_pol_set_entry *set)
 {

@@ -37,6 +37,7 @@ for required in \
     pol_config_route_policy_read pol_config_route_policy_seq_read \
     pol_config_membership_policy_read pol_config_membership_policy_seq_read \
     pol_config_update_tloc_list pol_config_error pol_config_error_clear pol_config_subscriptions pol_yang_enum_to_filter_mask pol_test_parse_cfg \
+    pol_fwd_eval_label \
     pol_dump_memory_info pol_dump_route_policies pol_dump_membership_policies \
     pol_dump_cflowd_policies pol_dump_users_change_list pol_dump_all \
     g_pol_ctx_p g_pol_dbg_level g_pol_mem_info g_polbuf1 g_pol_list_head \
@@ -47,7 +48,8 @@ done
 # Internals, among them helpers that share a prefix with exported names.
 for internal in pol_block_find_or_create pol_user_chg_list_notify_all pol_site_list_add_entry \
                 pol_exec_route avl_add pol_config_policy_get_match_type \
-                pol_config_set_bgp_community_upd pol_test_get_tokens pol_test_parse_get_type; do
+                pol_config_set_bgp_community_upd pol_test_get_tokens pol_test_parse_get_type \
+                pol_fwd_eval_block pol_fwd_upd_label_set_entry pol_fwd_list_exists; do
   if echo "$symbols" | grep -qx "$internal"; then echo "internal symbol exported: $internal"; status=1; fi
 done
 

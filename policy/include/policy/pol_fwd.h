@@ -129,6 +129,22 @@ typedef struct _t_pol_xml_config {
     pol_xml_t xml;
 } t_pol_xml_config;
 
+/* ---- labels ---- */
+
+struct _t_vmgmtd_context;
+
+/*
+ * The host tells that the labels of an originator changed: originator is
+ * the IPv4 system address as t_ipaddr stores it (network order), with its
+ * colour. Every data-policy sequence of VPN id vpn_id that sets a TLOC at
+ * that address, a TLOC list holding it, or the service asks the label
+ * callback of the init parameters again; the policies concerned are
+ * re-rendered and their users told once, before this returns. The label
+ * callback must not call back into the library.
+ */
+void pol_fwd_eval_label(t_pol_ctx *ctx, struct _t_vmgmtd_context *vmgmtd_ctx_p, uint32_t originator,
+                        uint8_t color, uint64_t vpn_id, uint16_t service, bool service_local);
+
 #ifdef __cplusplus
 }
 #endif
