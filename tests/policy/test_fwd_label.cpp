@@ -1,0 +1,322 @@
+// Forwarding labels of data-policy sequences: which sequences an
+// originator's label change reaches and what the host is asked, the TLOC
+// list refresh walk, re-rendered documents, one notification per
+// evaluation, and the list-name sets of the document publisher.
+#include <arpa/inet.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <bsd/string.h>
+#include <libxml/xmlmemory.h>
+#include <policy/pol_config.h>
+
+#include "fwd_test_support.hpp"
+#include "pol_fwd_label.h"
+
+using namespace poltest;
+
+namespace {
+
+// The host: a TLOC's label is 100 + the low byte of its address; a service
+// question (no address, a TE table) gets the answer set beforehand.
+struct LabelHost {
+    std::vector<std::string> calls;  // "host/colour:vpn:service"
+    uint32_t service_label = 0;
+    std::vector<t_pol_te> service_te;
+};
+LabelHost g_host;
+
+uint32_t host_byte(uint32_t word)
+{
+    return ntohl(word) & 0xff;
+}
+
+void label_cb(uint16_t, uint32_t addr, uint8_t color, uint8_t, uint64_t vpn_id, uint16_t service, bool,
+              uint32_t *label_p, t_tloc_id *, t_pol_te_info *te_info_p, uint32_t)
+{
+    g_host.calls.push_back(std::to_string(host_byte(addr)) + "/" + std::to_string(color) + ":" +
+                           std::to_string(vpn_id) + ":" + std::to_string(service));
+    if (te_info_p == nullptr) {
+        *label_p = 100 + host_byte(addr);
+        return;
+    }
+    *label_p = g_host.service_label;
+    for (const t_pol_te &e : g_host.service_te) {
+        te_info_p->entries[te_info_p->num_entries++] = e;
+    }
+}
+
+// A sequence's targets as "host/colour:label:preference".
+std::vector<std::string> targets(const t_pol_entry *entry)
+{
+    std::vector<std::string> out;
+    const t_tloc_entry *n;
+    TAILQ_FOREACH(n, &entry->set_entry.fwd_tloc_entry_head, tloc_entry) {
+        out.push_back(std::to_string(host_byte(n->tloc.addr.u.addr4.s_addr)) + "/" + std::to_string(n->tloc.color) +
+                      ":" + std::to_string(n->set_fwd_label) + ":" + std::to_string(n->route_preference));
+    }
+    return out;
+}
+
+// Data policy "D" on VPN list "V":
+//   10 TLOC 10.0.0.1 colour 1, VPN 12      20 TLOC list TL (.1, .2), VPN 12
+//   30 service 4, VPN 12                    40 service 5, VPN 12
+//   50 TLOC 10.0.0.3, VPN 12                60 TLOC 10.0.0.1, VPN 13
+//   70 TLOC 10.0.0.1 with service 4, VPN 12
+// and policy "E" (its own user) whose one sequence only counts.
+class FwdLabelTest : public FwdTest {
+protected:
+    void SetUp() override
+    {
+        FwdTest::SetUp();
+        ctx_->init_params.pol_label_cb = label_cb;
+        g_host = LabelHost{};
+        const t_tloc_id t1{v4(1), 1, 2}, t2{v4(2), 2, 2};
+        ASSERT_EQ(pol_tloc_list_add_entry(ctx_, "TL", &t1, 10), ERR_OK);
+        ASSERT_EQ(pol_tloc_list_add_entry(ctx_, "TL", &t2, 20), ERR_OK);
+        for (uint32_t n : {10u, 20u, 30u, 40u, 50u, 60u, 70u}) {
+            ASSERT_NE(pol_fwd_entry_find_or_create(ctx_, "D", POL_TYPE_DATA, "V", uint16_t(n)), nullptr);
+            pol_fwd_entry_vpn_upd(ctx_, "D", POL_TYPE_DATA, "V", n, n == 60 ? 13 : 12, true);
+        }
+        set_tloc(10, 1);
+        pol_fwd_entry_tloc_list_upd(ctx_, "D", POL_TYPE_DATA, "V", 20, "TL");
+        pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 30, 4, false);
+        pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 40, 5, false);
+        set_tloc(50, 3);
+        set_tloc(60, 1);
+        set_tloc(70, 1);
+        pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 70, 4, false);
+        other_user_ = register_user("e", "E", POL_TYPE_DATA, POL_DIR_IN, count_cb, &other_calls_);
+        ASSERT_NE(pol_fwd_vpn_find_or_create(ctx_, "E", POL_TYPE_DATA, "V"), nullptr);
+        ASSERT_NE(pol_fwd_entry_find_or_create(ctx_, "E", POL_TYPE_DATA, "V", 10), nullptr);
+        pol_fwd_entry_vpn_upd(ctx_, "E", POL_TYPE_DATA, "V", 10, 12, true);
+        notified();
+        other_calls_ = 0;
+        g_host.calls.clear();
+        stale_document();
+    }
+    void TearDown() override
+    {
+        pol_unregister(&other_user_);
+        FwdTest::TearDown();
+    }
+
+    void set_tloc(uint32_t seq, uint32_t host)
+    {
+        const t_tloc_id t{v4(host), 1, 2};
+        ASSERT_EQ(pol_fwd_entry_tloc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", seq, true, &t), ERR_OK);
+    }
+    t_pol_entry *seq(uint32_t n) { return pol_fwd_pol_entry_get(ctx_, "D", POL_TYPE_DATA, "V", n, nullptr); }
+
+    // A document text that no rendering produces, to see it replaced.
+    void stale_document()
+    {
+        pol_xml_free_buf(&block_->pol_xml);
+        block_->pol_xml.buf = reinterpret_cast<char *>(xmlStrdup(BAD_CAST "stale"));
+    }
+    bool rerendered() const
+    {
+        const char *buf = block_->pol_xml.buf;
+        return buf != nullptr && std::string(buf) != "stale" && std::string(buf).find("<data-policy") != std::string::npos;
+    }
+
+    t_pol_user *other_user_ = nullptr;
+    int other_calls_ = 0;
+};
+
+TEST_F(FwdLabelTest, OriginatorReachesOnlyTheSequencesAimingAtIt)
+{
+    struct Case {
+        uint32_t originator;
+        uint64_t vpn;
+        uint16_t service;
+        std::vector<std::string> asked;  // in the order the host is asked
+    };
+    const Case cases[] = {
+        // TLOC at it, the list holding it, the service, the TLOC with that service.
+        {1, 12, 4, {"1/1:12:0", "1/1:12:0", "2/2:12:0", "0/0:12:4", "1/1:12:4"}},
+        // Only the list holds .2; the TLOC-with-service sequence wants .1.
+        {2, 12, 4, {"1/1:12:0", "2/2:12:0", "0/0:12:4"}},
+        // Another service: the service sequences stay out, so does 70.
+        {1, 12, 5, {"1/1:12:0", "1/1:12:0", "2/2:12:0", "0/0:12:5"}},
+        {3, 12, 9, {"3/1:12:0"}},
+        {1, 13, 0, {"1/1:13:0"}},
+        {9, 12, 7, {}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.originator * 1000 + c.service);
+        g_host.calls.clear();
+        stale_document();
+        pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000000u | c.originator), 1, c.vpn, c.service, false);
+        EXPECT_EQ(g_host.calls, c.asked);
+        EXPECT_EQ(calls_, c.asked.empty() ? 0 : 1);  // once, however many sequences
+        EXPECT_EQ(rerendered(), !c.asked.empty());
+        EXPECT_EQ(other_calls_, 0);  // a policy with no such sequence is never evaluated
+        calls_ = 0;
+    }
+    EXPECT_EQ(seq(10)->set_entry.set_fwd_label, 101u);
+    EXPECT_EQ(targets(seq(20)), (std::vector<std::string>{"1/1:101:10", "2/2:102:20"}));
+}
+
+// The service sequence's targets become the host's answer for the
+// originator: the TE entries when there are any, else the bare label at
+// the originator, else none.
+TEST_F(FwdLabelTest, ServiceSequenceTakesTheHostsAnswer)
+{
+    struct Case {
+        uint32_t label;
+        std::vector<t_pol_te> te;
+        std::vector<std::string> expect;
+    };
+    const Case cases[] = {
+        {55, {}, {"7/3:55:0"}},
+        {55, {{5, 40, {v4(3), 1, 2}}, {6, 50, {v4(4), 2, 2}}}, {"3/1:5:40", "4/2:6:50"}},
+        {0, {}, {}},
+    };
+    for (const Case &c : cases) {
+        g_host.service_label = c.label;
+        g_host.service_te = c.te;
+        pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000007u), 3, 12, 5, false);
+        EXPECT_EQ(targets(seq(40)), c.expect);
+        EXPECT_EQ(calls_, 1);
+        calls_ = 0;
+    }
+}
+
+TEST_F(FwdLabelTest, AllocationFailures)
+{
+    // The bare label's node: logged, and the rest of the policy is left.
+    g_host.service_label = 55;
+    {
+        LogCapture log;
+        AllocFailure fail(POL_MEM_ENTRY_TLOC);
+        pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000001u), 1, 12, 4, false);
+        ASSERT_FALSE(log.lines.empty());
+        EXPECT_NE(log.lines.back().find("[POL] Failed to allocate memory for fwd_tloc_entry"), std::string::npos);
+    }
+    EXPECT_EQ(g_host.calls, (std::vector<std::string>{"1/1:12:0", "1/1:12:0", "2/2:12:0", "0/0:12:4"}));
+    EXPECT_TRUE(targets(seq(30)).empty());
+    EXPECT_EQ(calls_, 1);  // 10 and 20 were refreshed
+
+    // The refresh record: logged, the document stays as it was.
+    stale_document();
+    {
+        LogCapture log;
+        AllocFailure fail(POL_MEM_POL_MGMTD_THREAD_ARGS);
+        pol_fwd_upd_label(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 10);
+        ASSERT_FALSE(log.lines.empty());
+        EXPECT_NE(log.lines.back().find("[POL] Failed to allocate memory for t_pol_mgmtd_thread_label_param, "
+                                        "running low on memory"),
+                  std::string::npos);
+    }
+    EXPECT_FALSE(rerendered());
+    pol_fwd_upd_label(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 99);  // no such sequence
+    EXPECT_FALSE(rerendered());
+    pol_fwd_upd_label(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 10);
+    EXPECT_TRUE(rerendered());
+}
+
+// A TLOC list that changed hands its new content, labelled, to the data
+// sequences that set it; their policy is re-rendered and told once.
+TEST_F(FwdLabelTest, TlocListRefreshReachesDataSequences)
+{
+    const t_tloc_id t5{v4(5), 3, 2};
+    ASSERT_EQ(pol_tloc_list_add_entry(ctx_, "TL", &t5, 50), ERR_OK);
+    t_tloc_list *tl = pol_tloc_list_find(ctx_, "TL");
+    ASSERT_TRUE(tl->update_fwd_policy_label);
+    notified();
+    pol_config_update_tloc_list(nullptr, ctx_);
+    EXPECT_EQ(targets(seq(20)), (std::vector<std::string>{"1/1:101:10", "2/2:102:20", "5/3:105:50"}));
+    EXPECT_EQ(g_host.calls, (std::vector<std::string>{"1/1:12:0", "2/2:12:0", "5/3:12:0"}));
+    EXPECT_FALSE(tl->update_fwd_policy_label);
+    EXPECT_TRUE(rerendered());
+    EXPECT_EQ(calls_, 1);
+    calls_ = 0;
+    g_host.calls.clear();
+    pol_config_update_tloc_list(nullptr, ctx_);  // nothing changed since
+    EXPECT_TRUE(g_host.calls.empty() && calls_ == 0);
+
+    // A target that cannot be copied drops the sequence's TLOC list.
+    const t_tloc_id t6{v4(6), 3, 2};
+    ASSERT_EQ(pol_tloc_list_add_entry(ctx_, "TL", &t6, 60), ERR_OK);
+    {
+        AllocFailure fail(POL_MEM_ENTRY_TLOC, 2);
+        pol_config_update_tloc_list(nullptr, ctx_);
+    }
+    EXPECT_TRUE(seq(20)->set_entry.set_fwd_tloc_list_p == nullptr && !(seq(20)->entry_set_flags & 0x1000) &&
+                targets(seq(20)).empty());
+}
+
+struct NameSetTest : PolContextTest {
+    void TearDown() override
+    {
+        pol_fwd_list_clear(&list_);
+        PolContextTest::TearDown();
+    }
+    t_list_name_head list_ = TAILQ_HEAD_INITIALIZER(list_);
+};
+
+TEST_F(NameSetTest, TestAndInsert)
+{
+    const std::string long_name(40, 'x');
+    struct Step {
+        std::string name;
+        int answer;
+        bool fail = false;
+    };
+    const Step steps[] = {
+        {"a", 0}, {"a", 1}, {"b", 0}, {"A", 0},
+        {long_name, 0}, {long_name.substr(0, 32), 1}, {long_name.substr(0, 31), 0},  // 32 characters count
+        {"c", 0, true}, {"c", 0}, {"c", 1},  // a name that could not be recorded is asked anew
+    };
+    for (const Step &s : steps) {
+        SCOPED_TRACE(s.name);
+        std::optional<AllocFailure> fail;
+        if (s.fail) {
+            fail.emplace(POL_MEM_ENTRY_LIST);
+        }
+        EXPECT_EQ(pol_fwd_list_exists(&list_, s.name.c_str()), s.answer);
+    }
+    EXPECT_EQ(live_count(POL_MEM_ENTRY_LIST), 6);
+
+    // Emptied: by its own clear, or by hand elsewhere; names count afresh.
+    pol_fwd_list_clear(&list_);
+    EXPECT_EQ(pol_fwd_list_exists(&list_, "a"), 0);
+    while (t_list_name_entry *n = TAILQ_FIRST(&list_)) {
+        TAILQ_REMOVE(&list_, n, list_name_entry);
+        pol_free(n, POL_MEM_ENTRY_LIST);
+    }
+    EXPECT_EQ(pol_fwd_list_exists(&list_, "a"), 0);
+    EXPECT_EQ(pol_fwd_list_exists(&list_, "a"), 1);
+
+    // A set first met with names in it still knows them.
+    t_list_name_head other = TAILQ_HEAD_INITIALIZER(other);
+    auto *n = static_cast<t_list_name_entry *>(pol_calloc(1, sizeof(t_list_name_entry), POL_MEM_ENTRY_LIST));
+    strlcpy(n->list_name, "pre", sizeof(n->list_name));
+    TAILQ_INSERT_TAIL(&other, n, list_name_entry);
+    EXPECT_EQ(pol_fwd_list_exists(&other, "pre"), 1);
+    EXPECT_EQ(pol_fwd_list_exists(&other, "new"), 0);
+    EXPECT_EQ(pol_fwd_list_exists(&other, "new"), 1);
+    pol_fwd_list_clear(&other);
+}
+
+// 40,000 names, each asked twice: a set walked on every question would
+// take seconds here.
+TEST_F(NameSetTest, ManyNamesStayFast)
+{
+    constexpr int kNames = 40000;
+    const auto start = std::chrono::steady_clock::now();
+    int answers = 0;
+    for (int round = 0; round < 2; round++) {
+        for (int i = 0; i < kNames; i++) {
+            answers += pol_fwd_list_exists(&list_, ("list-" + std::to_string(i)).c_str());
+        }
+    }
+    const auto spent = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(answers, kNames);
+    EXPECT_LT(spent, std::chrono::milliseconds(1500));
+}
+
+}  // namespace
