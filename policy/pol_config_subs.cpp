@@ -19,10 +19,21 @@ struct extra_arg<int32_t (*)(t_vmgmtd_context *, t_pol_ctx *, mgmtd_iter_op, uin
     using type = Extra;
 };
 
+// Readers of data and app-route policies take the policy type before the
+// common arguments instead.
+template <typename Reader>
+struct takes_policy_type : std::false_type {};
+
+template <typename Count>
+struct takes_policy_type<int32_t (*)(e_pol_type, t_vmgmtd_context *, t_pol_ctx *, mgmtd_iter_op,
+                                     uint8_t, mgmtd_value_t *, Count, mgmtd_tag_value_t *)>
+    : std::true_type {};
+
 // The datastore calls every subscription alike: its host context is the
 // library context, and the subscription's argument becomes the reader's
-// extra argument (community-list kind, or whether a prefix list is IPv4).
-// A failure's reason (pol_config_error) is always the called reader's own.
+// extra argument (community-list kind, whether a prefix list is IPv4, or
+// the policy type). A failure's reason (pol_config_error) is always the
+// called reader's own.
 template <auto Reader>
 int32_t thunk(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op oper,
               uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
@@ -32,6 +43,9 @@ int32_t thunk(t_vmgmtd_context *vmgmtd_ctx_p, void *host_ctx_p, mgmtd_iter_op op
     pol_config_error_clear();
     if constexpr (std::is_same_v<decltype(Reader), pol_config_cb_f>) {
         return Reader(vmgmtd_ctx_p, pol_ctx_p, oper, num_keys, key_p, num_values, val_p);
+    } else if constexpr (takes_policy_type<decltype(Reader)>::value) {
+        return Reader(static_cast<e_pol_type>(arg), vmgmtd_ctx_p, pol_ctx_p, oper, num_keys,
+                      key_p, num_values, val_p);
     } else {
         using extra = typename extra_arg<decltype(Reader)>::type;
         return Reader(vmgmtd_ctx_p, pol_ctx_p, oper, num_keys, key_p, num_values, val_p,
