@@ -4,6 +4,8 @@
 #include <zen/mgmtd.h>
 #include <zen/zen_util.h>
 
+#include <cstdio>
+
 #include "pol_list.hpp"
 
 namespace {
@@ -190,7 +192,7 @@ int dump_policies_of(mgmtd_cli_user_info *uinfo, e_pol_type type)
     return 0;
 }
 
-// A list's entries in insertion order, as the dumps show them.
+// A list's entries, in the identity order its queue keeps.
 using site_entries = pol::tailq<t_site_entry, &t_site_entry::site_entry>;
 using vpn_entries = pol::tailq<t_pol_vpn_entry, &t_pol_vpn_entry::vpn_entry>;
 using tloc_entries = pol::tailq<t_tloc_entry, &t_tloc_entry::tloc_entry>;
@@ -198,11 +200,12 @@ using color_entries = pol::tailq<t_color_entry, &t_color_entry::color_entry>;
 using pfx_entries = pol::tailq<t_pfx_entry, &t_pfx_entry::pfx_entry>;
 using community_entries = pol::tailq<t_community_entry, &t_community_entry::community_entry>;
 
-// One "User: POLICY" line per user of a chain, in chain order.
+// One "User: POLICY" line per user of a chain, in rank order (by policy
+// type and name, then sequence), whatever order they linked in.
 template <typename User, auto Link, typename Head>
 void dump_users(mgmtd_cli_user_info *uinfo, const Head &head)
 {
-    pol::tailq<User, Link>::for_each(head, [&](const User *user) {
+    pol::for_each_user_ranked<User, Link>(head, [&](const User *user) {
         pol_cli_printf(uinfo, "\n  User: %s", pol::block_name(user->pol_block_p));
     });
 }
@@ -339,6 +342,9 @@ int pol_dump_all(struct mgmtd_cli_user_info *uinfo, int, char **)
         pol_dump_pfx_list_all,       pol_dump_site_list_all,      pol_dump_vpn_list_all,
         pol_dump_tloc_list_all,      pol_dump_color_list_all,     pol_dump_community_list_all,
         pol_dump_expanded_community_list_all,
+        pol_dump_app_list_all,       pol_dump_fwd_pfx_list_all,   pol_dump_fwd_pfx6_list_all,
+        pol_dump_fwd_policer_all,    pol_dump_fwd_sla_class_all,  pol_dump_app_probe_class_all,
+        pol_dump_fwd_app_id_all,
     };
     for (auto dump : kListDumps) {
         dump(uinfo);
@@ -494,6 +500,209 @@ char *pol_dump_set_community(char *buf, const t_pol_set_community *set)
         return nullptr;
     }
     return community_list_getstr(buf, set->communities, set->n_communities);
+}
+
+}  // extern "C"
+
+/* ---- data-plane lists and objects ---- */
+
+namespace {
+
+// One "<label> User: POLICY" line per data-policy user of a chain, naming
+// the policy of the user's sequence.
+template <typename User, auto Link, typename Head>
+void dump_data_users(mgmtd_cli_user_info *uinfo, const char *label, const Head &head)
+{
+    pol::tailq<User, Link>::for_each(head, [&](const User *user) {
+        pol_cli_printf(uinfo, "\n  %s User: %s", label, pol::block_name(pol::block_of_data_user(user)));
+    });
+}
+
+void dump_app_list(t_app_list *list, mgmtd_cli_user_info *uinfo)
+{
+    pol_cli_printf(uinfo, "\napp-list: %s (%p, %u)", list->app_list_name, static_cast<void *>(list),
+                   static_cast<unsigned>(list->fetch_xml));
+    pol_cli_printf(uinfo, "\n  APP LIST Type: %s",
+                   list->app_list_type == POL_APP_LIST_TYPE_APP ? "app" : "app-family");
+    pol_cli_printf(uinfo, "\n  APP LIST Entries:");
+    pol::tree<t_app_list_entry>(&list->app_list_entry_db).for_each([&](const t_app_list_entry *e) {
+        pol_cli_printf(uinfo, "\n    %s", e->name);
+    });
+    dump_data_users<t_pol_match_entry, &t_pol_match_entry::app_list_entry>(uinfo, "APP LIST", list->match_list_head);
+    dump_data_users<t_pol_match_entry, &t_pol_match_entry::dns_app_list_entry>(uinfo, "DNS APP LIST",
+                                                           list->match_dns_list_head);
+    dump_data_users<t_pol_match_entry, &t_pol_match_entry::saas_app_list_entry>(uinfo, "SAAS APP LIST",
+                                                            list->match_saas_list_head);
+    pol_cli_printf(uinfo, "\nend \n");
+}
+
+// The two data prefix families differ in their tree, titles and user links.
+template <auto SrcLink, auto DstLink>
+void dump_fwd_pfx_lists(mgmtd_cli_user_info *uinfo, avl_tree_t *lists, const char *title,
+                        const char *kind)
+{
+    pol_cli_dump_heading(uinfo, title);
+    pol::tree<t_fwd_pfx_list>(lists).for_each([&](t_fwd_pfx_list *list) {
+        pol_cli_printf(uinfo, "\n%s: %s (%p, %u)", kind, list->fwd_pfx_list_name,
+                       static_cast<void *>(list), static_cast<unsigned>(list->fetch_xml));
+        pol_cli_printf(uinfo, "\n  Fwd prefix List entries:");
+        pol::tree<t_fwd_pfx_list_entry>(&list->ip_fwd_pfx_entry_db)
+            .for_each([&](const t_fwd_pfx_list_entry *e) {
+                char buf[64];
+                pol_cli_printf(uinfo, "\n    %s", ipprefix_print(&e->ip_prefix, buf, sizeof(buf)));
+            });
+        dump_data_users<t_pol_match_entry, SrcLink>(uinfo, "SRC LIST", list->match_src_list_head);
+        dump_data_users<t_pol_match_entry, DstLink>(uinfo, "DST LIST", list->match_dst_list_head);
+        pol_cli_printf(uinfo, "\nend \n");
+    });
+}
+
+/* ---- policers, SLA classes, app-probe classes, app-ids ---- */
+
+constexpr const char *kNotConfigured = "Not Configured";
+
+// A value as the dumps of these objects print it, or "Not Configured".
+class value_text {
+public:
+    const char *number(int value, bool set)
+    {
+        if (!set) {
+            return kNotConfigured;
+        }
+        std::snprintf(buf_, sizeof(buf_), "%d", value);
+        return buf_;
+    }
+    // Colours and DSCPs: 0 is not configured.
+    const char *code(unsigned short value)
+    {
+        if (value == 0) {
+            return kNotConfigured;
+        }
+        std::snprintf(buf_, sizeof(buf_), "%hu", value);
+        return buf_;
+    }
+
+private:
+    char buf_[16];
+};
+
+// An app-probe class's colour entries in colour order, and the SLA
+// classes that refer to it.
+using probe_colors =
+    pol::tailq<t_app_probe_class_color_entry, &t_app_probe_class_color_entry::app_probe_class_color_entry>;
+using probe_slas = pol::tailq<t_fwd_sla_class, &t_fwd_sla_class::set_app_probe_class_sla_entry>;
+
+const char *name_or_unset(const char *name)
+{
+    return name[0] != '\0' ? name : kNotConfigured;
+}
+
+// Every record of one family's tree through its dump, under a heading.
+template <typename Rec>
+void dump_tree(mgmtd_cli_user_info *uinfo, const char *title, avl_tree_t *tree,
+               void (*dump_one)(Rec *, mgmtd_cli_user_info *))
+{
+    pol_cli_dump_heading(uinfo, title);
+    pol::tree<Rec>(tree).for_each([&](Rec *rec) { dump_one(rec, uinfo); });
+}
+
+}  // namespace
+
+extern "C" {
+
+void pol_dump_app_list_all(struct mgmtd_cli_user_info *uinfo)
+{
+    pol_cli_dump_heading(uinfo, "\n  APP LISTS");
+    pol::tree<t_app_list>(&g_pol_ctx_p->app_lists).for_each([&](t_app_list *list) {
+        dump_app_list(list, uinfo);
+    });
+}
+
+void pol_dump_fwd_pfx_list_all(struct mgmtd_cli_user_info *uinfo)
+{
+    dump_fwd_pfx_lists<&t_pol_match_entry::fwd_src_pfx_entry, &t_pol_match_entry::fwd_dst_pfx_entry>(
+        uinfo, &g_pol_ctx_p->fwd_pfx_lists, "\n  FORWARDING PREFIX LISTS    ", "fwd-prefix-list");
+}
+
+void pol_dump_fwd_pfx6_list_all(struct mgmtd_cli_user_info *uinfo)
+{
+    dump_fwd_pfx_lists<&t_pol_match_entry::fwd_src_pfx6_entry, &t_pol_match_entry::fwd_dst_pfx6_entry>(
+        uinfo, &g_pol_ctx_p->fwd_pfx6_lists, "\n  FORWARDING PREFIX6 LISTS    ", "fwd-prefix6-list");
+}
+
+void pol_dump_fwd_policer(t_fwd_policer *policer, struct mgmtd_cli_user_info *uinfo)
+{
+    pol_cli_printf(uinfo, "\nfwd-policer: %s (%p, %u)", policer->fwd_policer_name,
+                   static_cast<void *>(policer), static_cast<unsigned>(policer->fetch_xml));
+    pol_cli_printf(uinfo, "\n  Policy Config: rate %ld, burst %d, exceed_action %d",
+                   static_cast<long>(policer->rate), static_cast<int>(policer->burst),
+                   static_cast<int>(policer->exceed_action));
+    dump_data_users<t_pol_set_entry, &t_pol_set_entry::set_policer_entry>(uinfo, "Policer",
+                                                                          policer->set_policer_head);
+    pol_cli_printf(uinfo, "\nend \n");
+}
+
+void pol_dump_fwd_policer_all(struct mgmtd_cli_user_info *uinfo)
+{
+    dump_tree(uinfo, "\n  FORWARDING POLICERS      ", &g_pol_ctx_p->fwd_policers, pol_dump_fwd_policer);
+}
+
+void pol_dump_fwd_sla_class(t_fwd_sla_class *sla_class, struct mgmtd_cli_user_info *uinfo)
+{
+    value_text text;
+    pol_cli_printf(uinfo, "\nsla-class: %s (%p, %u)", sla_class->sla_class_name,
+                   static_cast<void *>(sla_class), static_cast<unsigned>(sla_class->fetch_xml));
+    pol_cli_printf(uinfo, "\n  Loss: %s", text.number(sla_class->loss, sla_class->loss < POL_SLA_LOSS_UNSET));
+    pol_cli_printf(uinfo, "\n  Latency: %s",
+                   text.number(sla_class->latency, sla_class->latency < POL_SLA_LATENCY_UNSET));
+    pol_cli_printf(uinfo, "\n  Jitter: %s",
+                   text.number(sla_class->jitter, sla_class->jitter < POL_SLA_JITTER_UNSET));
+    pol_cli_printf(uinfo, "\n  App Probe Class: %s", name_or_unset(sla_class->app_probe_class_name));
+    dump_data_users<t_pol_set_entry, &t_pol_set_entry::set_sla_class_entry>(uinfo, "SLA CLASS",
+                                                                            sla_class->set_sla_class_head);
+    pol_cli_printf(uinfo, "\nend \n");
+}
+
+void pol_dump_fwd_sla_class_all(struct mgmtd_cli_user_info *uinfo)
+{
+    dump_tree(uinfo, "\n  SLA CLASSES         ", &g_pol_ctx_p->sla_classes, pol_dump_fwd_sla_class);
+}
+
+void pol_dump_app_probe_class(t_app_probe_class *probe_class, struct mgmtd_cli_user_info *uinfo)
+{
+    value_text text;
+    pol_cli_printf(uinfo, "\napp_probe_class: %s (0x%p, %u)", probe_class->app_probe_class_name,
+                   static_cast<void *>(probe_class), static_cast<unsigned>(probe_class->fetch_xml));
+    pol_cli_printf(uinfo, "\n  Forwarding-Class: %s", name_or_unset(probe_class->forwarding_class));
+    probe_colors::for_each(probe_class->app_probe_class_color_entry_head,
+                           [&](const t_app_probe_class_color_entry *e) {
+                               pol_cli_printf(uinfo, "\n  Color: %s", text.code(e->color));
+                               pol_cli_printf(uinfo, "\n  DSCP: %s", text.code(e->dscp));
+                           });
+    probe_slas::for_each(probe_class->sla_class_head, [&](const t_fwd_sla_class *sla_class) {
+        pol_cli_printf(uinfo, "\n App Probe Class %s is referenced in : %s",
+                       probe_class->app_probe_class_name, sla_class->sla_class_name);
+    });
+    pol_cli_printf(uinfo, "\nend \n");
+}
+
+void pol_dump_app_probe_class_all(struct mgmtd_cli_user_info *uinfo)
+{
+    dump_tree(uinfo, "\n APP PROBE CLASS LISTS", &g_pol_ctx_p->app_probe_class_list,
+              pol_dump_app_probe_class);
+}
+
+void pol_dump_fwd_app_id(t_fwd_app_id *app_id, struct mgmtd_cli_user_info *uinfo)
+{
+    pol_cli_printf(uinfo, "\napp-id: %s (%p)", app_id->app_id_name, static_cast<void *>(app_id));
+    dump_data_users<t_pol_match_entry, &t_pol_match_entry::match_app_id_entry>(uinfo, "APP ID",
+                                                                               app_id->match_app_id_head);
+    pol_cli_printf(uinfo, "\nend \n");
+}
+
+void pol_dump_fwd_app_id_all(struct mgmtd_cli_user_info *uinfo)
+{
+    dump_tree(uinfo, "\n  FORWARDING APP IDS", &g_pol_ctx_p->app_ids, pol_dump_fwd_app_id);
 }
 
 }  // extern "C"

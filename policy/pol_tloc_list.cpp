@@ -4,13 +4,10 @@
 // the flag that asks for the data-policy labels of its action users to be
 // recomputed.
 //
-// The configuration's TLOC lists are sets: the order of their entries is
-// not part of the configuration, and the order in which entries arrive
-// depends on the history of commits. Entries therefore queue in identity
-// order (TLOC_CMP, the order of the index), so that what a list holds
-// alone decides what walks it see: the dumps, the document and above all
-// which TLOCs a set action puts in the 64-slot label table when the list
-// has more.
+// Entries queue in identity order (TLOC_CMP: address, colour,
+// encapsulation), as in every list family; here it decides above all which
+// TLOCs a set action puts in the 64-slot label table when the list has
+// more.
 #include <arpa/inet.h>
 
 #include <cstdio>
@@ -55,18 +52,6 @@ struct tloc_traits : pol::list_hooks<t_tloc_list> {
 };
 
 using tloc_lists = pol::list_family<tloc_traits>;
-
-// Links a filled entry into the index and the queue, in front of the
-// entry that follows it in identity order.
-void link_in_identity_order(t_tloc_list *list, t_tloc_entry *entry)
-{
-    tloc_lists::link_entry(list, entry);
-    auto *next = static_cast<t_tloc_entry *>(avl_walk(&list->entry_index, entry, AVL_AFTER));
-    if (next != nullptr) {
-        TAILQ_REMOVE(&list->tloc_entry_head, entry, tloc_entry);
-        TAILQ_INSERT_BEFORE(next, entry, tloc_entry);
-    }
-}
 
 t_tloc_entry tloc_probe(const t_tloc_id *tloc)
 {
@@ -170,7 +155,7 @@ e_err pol_tloc_list_add_entry(t_pol_ctx *ctx, const char *name, const t_tloc_id 
     }
     TLOC_COPY(&entry->tloc, tloc);
     entry->route_preference = preference;
-    link_in_identity_order(list, entry);
+    tloc_lists::link_entry(list, entry);
     mark_changed(list, created == 0);
     tloc_lists::users_add_to_chg_list(ctx, list);
     return ERR_OK;

@@ -1,7 +1,9 @@
 // VPN lists: named sets of VPN-id ranges. Control-policy sequences match on
 // them and set them as export targets; data policies are applied per VPN
 // list. The fetch_xml flag tells the document publisher to render the list
-// again; the list raises it and only the publisher clears it.
+// again; the list raises it and only the publisher clears it. Ranges queue
+// in identity order (lower, then upper bound), the order in which a set
+// VPN-list action hands them out.
 #include "pol_list.hpp"
 
 namespace {

@@ -197,7 +197,7 @@ std::string answer(const polctl::route_decl &route, t_pol_user *user)
 /* ---- one state of the library ---- */
 
 // pol_dump_all without the addresses of records and callbacks.
-std::string dump_all(bool with_list_users)
+std::string dump_all()
 {
     char *text = nullptr;
     size_t size = 0;
@@ -214,9 +214,7 @@ std::string dump_all(bool with_list_users)
     const std::string dump(text != nullptr ? text : "", size);
     std::free(text);
     static const std::regex kPointer("(0x)+[0-9a-fA-F]+|\\(nil\\)");
-    static const std::regex kListUser("\n  User: [^\n]*");
-    const std::string stripped = std::regex_replace(dump, kPointer, "ADDR");
-    return with_list_users ? stripped : std::regex_replace(stripped, kListUser, "");
+    return std::regex_replace(dump, kPointer, "ADDR");
 }
 
 struct snapshot {
@@ -224,10 +222,10 @@ struct snapshot {
     std::vector<std::vector<std::string>> answers;  // [user][route]
 };
 
-snapshot snapshot_of(const polctl::host &h, bool with_list_users)
+snapshot snapshot_of(const polctl::host &h)
 {
     snapshot s;
-    s.dump = dump_all(with_list_users);
+    s.dump = dump_all();
     for (const auto &user : h.users()) {
         std::vector<std::string> answers;
         for (const polctl::route_decl &route : sample_routes()) {
@@ -382,8 +380,7 @@ std::vector<user_spec> users_of_files(const std::vector<std::string> &files)
 }
 
 std::vector<step_report> check_series(const std::vector<std::string> &files,
-                                      const std::vector<user_spec> &users,
-                                      bool compare_list_users)
+                                      const std::vector<user_spec> &users)
 {
     std::vector<step_report> reports(files.size());
     std::vector<snapshot> fresh(files.size());
@@ -397,12 +394,12 @@ std::vector<step_report> check_series(const std::vector<std::string> &files,
             reports[k].refusal = error;
             continue;
         }
-        fresh[k] = snapshot_of(h, compare_list_users);
+        fresh[k] = snapshot_of(h);
     }
 
     polctl::host h;
     start(h, users);
-    snapshot before = snapshot_of(h, compare_list_users);
+    snapshot before = snapshot_of(h);
     for (size_t k = 0; k < files.size(); k++) {
         if (!reports[k].committed) {
             continue;
@@ -412,7 +409,7 @@ std::vector<step_report> check_series(const std::vector<std::string> &files,
         if (h.commit_file(files[k], &error) != MGMTD_DS_OK) {
             reports[k].difference = "the series refused a step a fresh datastore takes: " + error;
         }
-        const snapshot after = snapshot_of(h, compare_list_users);
+        const snapshot after = snapshot_of(h);
         reports[k].difference = join_problems(
             {reports[k].difference, dump_difference(after.dump, fresh[k].dump),
              answer_difference(after, fresh[k], users),

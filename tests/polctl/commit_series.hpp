@@ -42,12 +42,8 @@ struct step_report {
 // compares each step with a fresh datastore and library that committed
 // only that file. Steps that a fresh datastore refuses are left out of the
 // series. The library keeps one context, so the fresh runs go first.
-// compare_list_users false leaves out of the dumps the lines that name a
-// list's users (the blocks whose sequences use it): the fuzz target keeps
-// away from a known fault there.
 std::vector<step_report> check_series(const std::vector<std::string> &files,
-                                      const std::vector<user_spec> &users,
-                                      bool compare_list_users = true);
+                                      const std::vector<user_spec> &users);
 
 // The route sample the comparison runs, one polctl routes-file line each
 // (without the leading "route USER").

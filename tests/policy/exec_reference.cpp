@@ -1,6 +1,6 @@
 // The plain evaluator: sequences sorted by number, conditions in their
 // fixed order, each list condition a walk over the list's entries in
-// insertion order, set actions in their fixed order. Nothing here is
+// queue order, set actions in their fixed order. Nothing here is
 // clever on purpose; every step can be checked against the rules by eye.
 #include "exec_reference.hpp"
 

@@ -3,7 +3,7 @@
 //
 // It reads the same records as the library (user, block, sequences, named
 // lists) and fills the same execution record, but answers every condition
-// by walking the list's entries in insertion order with its own tests: no
+// by walking the list's entries in queue order with its own tests: no
 // match-time index, no identity-index lookup and no execution function of
 // the library is used. Set actions are applied to the caller's record;
 // the export VPN buffer comes from the C library (calloc) and must be given

@@ -179,15 +179,17 @@ void check_list_life_cycle(t_pol_ctx *ctx, const ListOps<L> &f)
 }
 
 // Items 0..n-1 of one list, each at most once with the attribute a
-// repeated add overwrites, in the list's queue order.
+// repeated add overwrites, in the list's identity order.
 using ListModel = std::vector<std::pair<std::size_t, uint32_t>>;
 
 // Random adds (attributes below attrs) and deletes of items; after each step
-// queue() must read as the model, find(i) must give the attribute of exactly
-// the model's items, and extra(model) may check more.
-template <typename Add, typename Del, typename Queue, typename Find, typename Extra = void (*)(const ListModel &)>
-void check_index_against_queue(unsigned seed, int steps, std::size_t n, uint32_t attrs, Add add, Del del,
-                               Queue queue, Find find, Extra extra = [](const ListModel &) {})
+// queue() must read as the model, kept in the order before(i, j) gives the
+// items' identities whatever order they came in, find(i) must give the
+// attribute of exactly the model's items, and extra(model) may check more.
+template <typename Before, typename Add, typename Del, typename Queue, typename Find,
+          typename Extra = void (*)(const ListModel &)>
+void check_index_against_queue(unsigned seed, int steps, std::size_t n, uint32_t attrs, Before before, Add add,
+                               Del del, Queue queue, Find find, Extra extra = [](const ListModel &) {})
 {
     std::mt19937 rng(seed);
     ListModel model;
@@ -201,7 +203,8 @@ void check_index_against_queue(unsigned seed, int steps, std::size_t n, uint32_t
         if (rng() % 3 != 0) {
             add(i, attr);
             if (it == model.end()) {
-                model.emplace_back(i, attr);
+                auto at = std::find_if(model.begin(), model.end(), [&](const auto &m) { return before(i, m.first); });
+                model.emplace(at, i, attr);
             } else {
                 it->second = attr;
             }

@@ -23,6 +23,14 @@ std::string render(uint32_t value)
     return community_getstr(value, buf, sizeof(buf));
 }
 
+uint32_t value_of(const std::string &text)
+{
+    community_token kind = community_token_unknown;
+    uint32_t value = 0;
+    community_gettoken(text.c_str(), &kind, &value);
+    return value;
+}
+
 TEST(CommunityText, ReadsRendersAndCompares)
 {
     const community_token none = community_token_unknown;
@@ -249,7 +257,8 @@ TEST_F(CommunityList, SharedLifeCycle)
                .del = pol_community_list_del, .is_empty = pol_community_list_is_empty});
 }
 
-// Random adds and deletes of both kinds: the queue keeps insertion order,
+// Random adds and deletes of both kinds: the queue keeps identity order
+// (community value, or pattern text) whatever order the entries came in,
 // each text at most once, and lookups find the entry of their text.
 TEST_F(CommunityList, IndexAgreesWithQueue)
 {
@@ -266,7 +275,10 @@ TEST_F(CommunityList, IndexAgreesWithQueue)
         Texts &m = model[type - 1];
         auto at = std::find(m.begin(), m.end(), stored);
         if (add && at == m.end()) {
-            m.push_back(stored);
+            auto before = [type](const std::string &a, const std::string &b) {
+                return type == kStd ? value_of(a) < value_of(b) : a < b;
+            };
+            m.insert(std::upper_bound(m.begin(), m.end(), stored, before), stored);
         } else if (!add && at != m.end()) {
             m.erase(at);
         }

@@ -217,6 +217,7 @@ TEST_F(PfxList, IndexAgreesWithQueue)
     };
     check_index_against_queue(
         20240611, 1500, pool.size(), 9,
+        [&](std::size_t i, std::size_t j) { return IPPREFIX_CMP(&pool[i].prefix, &pool[j].prefix) < 0; },
         [&](std::size_t i, uint32_t op) { ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &k, with_op(i, op)), ERR_OK); },
         [&](std::size_t i, uint32_t op) { ASSERT_EQ(pol_pfx_list_del_entry(ctx_, &k, with_op(i, op)), ERR_OK); },
         [&] {

@@ -127,6 +127,7 @@ TEST_F(SiteListTest, IndexesAgreeWithTheQueueUnderRandomChanges)
     auto hi = [](std::size_t i) { return static_cast<uint32_t>(i / 8 + i % 8); };
     check_index_against_queue(
         12345, 1000, 61 * 8, 1,
+        [](std::size_t i, std::size_t j) { return i < j; },  // by lower, then upper bound
         [&](std::size_t i, uint32_t) { pol_site_list_add_entry(ctx_, "rand", lo(i), hi(i)); },
         [&](std::size_t i, uint32_t) { pol_site_list_del_entry(ctx_, "rand", lo(i), hi(i)); },
         [&] {
@@ -217,11 +218,17 @@ TEST_F(VpnListTest, WalkAndDump)
     EXPECT_STREQ(pol_vpn_list_next(ctx_, a)->vpn_list_name, "b");
     EXPECT_EQ(pol_vpn_list_next(ctx_, pol_vpn_list_find(ctx_, "b")), nullptr);
 
-    t_pol_entry *matcher = sequence("pol-x", 3);
-    pol_vpn_list_match_user_add(ctx_, "a", &matcher->match_entry);
+    // Users are listed by policy type, then name, whatever order they linked in.
+    t_pol_entry *matchers[] = {sequence("pol-x", 3), sequence("mem-a", 1, POL_TYPE_MEMBERSHIP), sequence("pol-b", 2)};
+    for (t_pol_entry *m : matchers) {
+        pol_vpn_list_match_user_add(ctx_, "a", &m->match_entry);
+    }
     EXPECT_EQ(dump([&](mgmtd_cli_user_info *s) { pol_dump_vpn_list(a, s); }),
-              "\nvpn-list: a (0x" + ptr(a) + ", 1)\n    vpn-id: 1-4000000000\nend \n\n  User: pol-x");
-    pol_vpn_list_match_user_remove(ctx_, a, &matcher->match_entry);
+              "\nvpn-list: a (0x" + ptr(a) + ", 1)\n    vpn-id: 1-4000000000\nend \n"
+              "\n  User: pol-b\n  User: pol-x\n  User: mem-a");
+    for (t_pol_entry *m : matchers) {
+        pol_vpn_list_match_user_remove(ctx_, a, &m->match_entry);
+    }
 }
 
 }  // namespace

@@ -594,19 +594,19 @@ typedef struct _t_pol_ctx {
     avl_tree_t pfr_policies;
     avl_tree_t membership_policies;
     avl_tree_t pfx_lists;
-    avl_tree_t app_lists;            /* not used yet */
-    avl_tree_t app_probe_class_list; /* not used yet */
+    avl_tree_t app_lists;
+    avl_tree_t app_probe_class_list;
     avl_tree_t tloc_lists;
     avl_tree_t site_lists;
     avl_tree_t vpn_lists;
     avl_tree_t color_lists;
     avl_tree_t community_lists;
     avl_tree_t exp_community_lists;
-    avl_tree_t sla_classes;          /* not used yet */
-    avl_tree_t app_ids;              /* not used yet */
-    avl_tree_t fwd_pfx_lists;        /* not used yet */
-    avl_tree_t fwd_pfx6_lists;       /* not used yet */
-    avl_tree_t fwd_policers;         /* not used yet */
+    avl_tree_t sla_classes;
+    avl_tree_t app_ids;
+    avl_tree_t fwd_pfx_lists;
+    avl_tree_t fwd_pfx6_lists;
+    avl_tree_t fwd_policers;
     avl_tree_t cflowd_templates;
     avl_tree_t pol_users;
     t_pol_init_params init_params;

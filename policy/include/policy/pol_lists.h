@@ -3,10 +3,11 @@
  * its own name-keyed tree of the context; a list owns its entries and
  * chains the policy records that use it.
  *
- * Families whose entries sit in an insertion-ordered tail queue (dumps and
- * matching visit them in that order) also keep every entry in an identity
- * index (entry_index, keyed on what makes the entry unique in its list),
- * so that the duplicate check, find and delete never walk the queue.
+ * Families whose entries sit in a tail queue also keep every entry in an
+ * identity index (entry_index, keyed on what makes the entry unique in its
+ * list), so that the duplicate check, find and delete never walk the
+ * queue; the queue keeps the index's order (identity order), so that its
+ * walks see what the list holds, whatever order the entries came in.
  * exec_index is owned by the match module of route execution: a match-time
  * structure rebuilt lazily after the list changed, under the list's memory
  * category (null until first needed, or while it cannot be allocated).
@@ -305,6 +306,7 @@ typedef struct _t_app_probe_class_color_entry {
     TAILQ_ENTRY(_t_app_probe_class_color_entry) app_probe_class_color_entry;
     uint16_t color;
     uint8_t dscp;
+    avl_node_t index_node;
 } t_app_probe_class_color_entry;
 
 typedef struct _t_app_probe_class {
@@ -315,6 +317,7 @@ typedef struct _t_app_probe_class {
     TAILQ_HEAD(, _t_app_probe_class_color_entry) app_probe_class_color_entry_head;
     TAILQ_HEAD(, _t_fwd_sla_class) sla_class_head;
     pol_xml_t app_probe_class_xml;
+    avl_tree_t entry_index; /* colour entries by colour */
 } t_app_probe_class;
 
 typedef struct _t_fwd_app_id {

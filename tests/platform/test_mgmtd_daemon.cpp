@@ -1,0 +1,746 @@
+// The management daemon (zen-mgmtd) run as a process of its own on a free
+// port with a database directory of the test's, driven through the client
+// library (libzenmaapi) and, for broken frames, through raw sockets.
+// Every test ends with the daemon reporting no open session, transaction
+// or lock, and the daemon stopping cleanly (exit status 0).
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <zen/maapi.h>
+#include <zen/mgmtd_wire.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char *kEdgeNs = "urn:zen:params:xml:ns:yang:zen-edge-policy";
+constexpr int kConfigFlags = 0x4401;  // the policy library's configuration load
+constexpr int kShowFlags = 65;        // its show data load
+
+// A configuration document for the edge subtree, in the config envelope.
+std::string config_doc(const std::string &inner)
+{
+    return std::string("<config xmlns=\"") + MGMTD_CONFIG_NS + "\"><policy-from-qarmon xmlns=\"" +
+           kEdgeNs + "\">" + inner + "</policy-from-qarmon></config>";
+}
+
+std::string vpn_list(const std::string &name, int vpn)
+{
+    return "<lists><vpn-list><name>" + name + "</name><vpn>" + std::to_string(vpn) +
+           "</vpn></vpn-list></lists>";
+}
+
+std::string data_policy(const std::string &name, const std::string &vpn_list_name)
+{
+    return "<data-policy><name>" + name + "</name><vpn-list><name>" + vpn_list_name +
+           "</name></vpn-list></data-policy>";
+}
+
+sockaddr_in loopback(int port)
+{
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return a;
+}
+
+// The daemon process: started on a free port, stopped with SIGTERM.
+class daemon_process {
+public:
+    // Under the sanitizer build, the daemon's allocations are not traced
+    // with full stack unwinding (which `make test-asan` asks for): the
+    // daemon allocates per request and would make the concurrency test
+    // take minutes. Its leak check at exit stays on.
+    static void allow_fast_unwinding()
+    {
+        if (const char *asan = std::getenv("ASAN_OPTIONS")) {
+            setenv("ASAN_OPTIONS", (std::string(asan) + ":fast_unwind_on_malloc=1").c_str(), 1);
+        }
+    }
+
+    bool start(const fs::path &db, std::string *output = nullptr)
+    {
+        int out[2];
+        if (pipe(out) != 0) {
+            return false;
+        }
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(out[1], STDOUT_FILENO);
+            dup2(out[1], STDERR_FILENO);
+            close(out[0]);
+            close(out[1]);
+            allow_fast_unwinding();
+            execl(ZEN_MGMTD_PATH, "zen-mgmtd", "--port", "0", "--db", db.c_str(), "--no-fsync",
+                  static_cast<char *>(nullptr));
+            _exit(127);
+        }
+        close(out[1]);
+        const std::string line = read_line(out[0]);
+        close(out[0]);
+        if (output != nullptr) {
+            *output = line;
+        }
+        return std::sscanf(line.c_str(), "zen-mgmtd: listening on 127.0.0.1:%d", &port_) == 1;
+    }
+
+    // Exit status after SIGTERM (or the signal that ended it, negated).
+    int stop(int sig = SIGTERM)
+    {
+        if (pid_ <= 0) {
+            return 0;
+        }
+        kill(pid_, sig);
+        return wait_exit();
+    }
+
+    int wait_exit()
+    {
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+
+    int port() const { return port_; }
+    bool running() const { return pid_ > 0; }
+
+private:
+    static std::string read_line(int fd)
+    {
+        std::string line;
+        char c;
+        pollfd p{fd, POLLIN, 0};
+        while (poll(&p, 1, 20000) > 0 && read(fd, &c, 1) == 1 && c != '\n') {
+            line.push_back(c);
+        }
+        return line;
+    }
+
+    pid_t pid_ = -1;
+    int port_ = 0;
+};
+
+// A connected socket of either kind; closed at the end of its scope.
+class conn {
+public:
+    static conn maapi(int port, bool session = true)
+    {
+        conn c;
+        const sockaddr_in a = loopback(port);
+        EXPECT_EQ(maapi_connect(c.fd, reinterpret_cast<const sockaddr *>(&a), sizeof a), MGMTD_OK)
+            << mgmtd_lasterr();
+        if (session) {
+            EXPECT_EQ(maapi_start_user_session3(c.fd, "zen-policy", "system", nullptr, 0, "127.0.0.1", 0),
+                      MGMTD_OK)
+                << mgmtd_lasterr();
+        }
+        return c;
+    }
+
+    static conn cdb(int port, mgmtd_dbname db)
+    {
+        conn c;
+        const sockaddr_in a = loopback(port);
+        EXPECT_EQ(cdb_connect(c.fd, CDB_DATA_SOCKET, reinterpret_cast<const sockaddr *>(&a), sizeof a),
+                  MGMTD_OK)
+            << mgmtd_lasterr();
+        EXPECT_EQ(cdb_start_session2(c.fd, db, 0), MGMTD_OK) << mgmtd_lasterr();
+        return c;
+    }
+
+    conn() : fd(socket(AF_INET, SOCK_STREAM, 0)) {}
+    conn(conn &&o) noexcept : fd(o.fd) { o.fd = -1; }
+    conn(const conn &) = delete;
+    ~conn()
+    {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+    int fd;
+};
+
+// The calls of one publication: session, candidate transaction, load,
+// apply, commit, finish, end. Returns the failing call's errno, or 0.
+int publish(int port, const std::string &text, int flags = kConfigFlags)
+{
+    conn c = conn::maapi(port);
+    const int th = maapi_start_trans_flags2(c.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
+    if (th < 0) {
+        return mgmtd_errno;
+    }
+    int err = 0;
+    if (maapi_load_config_cmds(c.fd, th, flags, text.c_str()) != MGMTD_OK ||
+        maapi_apply_trans(c.fd, th, 1) != MGMTD_OK || maapi_candidate_commit(c.fd) != MGMTD_OK) {
+        err = mgmtd_errno;
+    }
+    EXPECT_EQ(maapi_finish_trans(c.fd, th), MGMTD_OK);
+    EXPECT_EQ(maapi_end_user_session(c.fd), MGMTD_OK);
+    return err;
+}
+
+int count(int port, mgmtd_dbname db, const std::string &path)
+{
+    conn c = conn::cdb(port, db);
+    const int n = cdb_num_instances(c.fd, "%s", path.c_str());
+    EXPECT_EQ(cdb_end_session(c.fd), MGMTD_OK);
+    return n;
+}
+
+std::string running_file(const fs::path &db)
+{
+    std::ifstream in(db / "running.xml");
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+class MgmtdDaemon : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir_ = fs::temp_directory_path() /
+               ("mgmtd-test-" + std::to_string(getpid()) + "-" +
+                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(dir_);
+        fs::create_directories(dir_);
+        ASSERT_TRUE(daemon_.start(dir_));
+        mgmtd_set_timeout_ms(20000);
+    }
+
+    void TearDown() override
+    {
+        mgmtd_cs_reset();
+        if (daemon_.running()) {
+            expect_idle();
+            EXPECT_EQ(daemon_.stop(), 0);
+        }
+        fs::remove_all(dir_);
+    }
+
+    // No session, transaction or lock left open; the connections of
+    // clients that just went away are given a moment to close.
+    void expect_idle()
+    {
+        mgmtd_status_t st{};
+        for (int i = 0; i < 200; i++) {
+            conn c = conn::maapi(port(), false);
+            ASSERT_EQ(mgmtd_get_status(c.fd, &st), MGMTD_OK) << mgmtd_lasterr();
+            if (st.connections == 1 && st.user_sessions == 0 && st.data_sessions == 0 &&
+                st.transactions == 0 && st.locks == 0) {
+                return;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        ADD_FAILURE() << "still open: " << st.connections << " connections, " << st.user_sessions
+                      << " user sessions, " << st.data_sessions << " data sessions, "
+                      << st.transactions << " transactions, " << st.locks << " locks";
+    }
+
+    int port() const { return daemon_.port(); }
+    long commits()
+    {
+        conn c = conn::maapi(port(), false);
+        mgmtd_status_t st{};
+        EXPECT_EQ(mgmtd_get_status(c.fd, &st), MGMTD_OK);
+        return st.commits;
+    }
+
+    fs::path dir_;
+    daemon_process daemon_;
+};
+
+TEST_F(MgmtdDaemon, TransactionAppliesToCandidateAndCommitMakesItRunning)
+{
+    conn c = conn::maapi(port());
+    const int th = maapi_start_trans_flags2(c.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
+    ASSERT_GT(th, 0) << mgmtd_lasterr();
+    ASSERT_EQ(maapi_load_config_cmds(c.fd, th, kConfigFlags,
+                                     config_doc(data_policy("dp1", "vl1") + vpn_list("vl1", 1)).c_str()),
+              MGMTD_OK)
+        << mgmtd_lasterr();
+    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/data-policy"), 0) << "before apply";
+    ASSERT_EQ(maapi_apply_trans(c.fd, th, 1), MGMTD_OK) << mgmtd_lasterr();
+    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/data-policy"), 0) << "before commit";
+    ASSERT_EQ(maapi_candidate_commit(c.fd), MGMTD_OK) << mgmtd_lasterr();
+    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/data-policy"), 1);
+    EXPECT_NE(running_file(dir_).find("<name>dp1</name>"), std::string::npos);
+
+    // The replacing load (0x4401) takes the subtree as a whole: vl1 goes.
+    ASSERT_EQ(maapi_load_config_cmds(c.fd, th, kConfigFlags, config_doc(vpn_list("vl2", 2)).c_str()),
+              MGMTD_OK);
+    ASSERT_EQ(maapi_apply_trans(c.fd, th, 1), MGMTD_OK) << mgmtd_lasterr();
+    ASSERT_EQ(maapi_candidate_commit(c.fd), MGMTD_OK);
+    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/data-policy"), 0);
+    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/lists/vpn-list{vl2}"), 1);
+
+    // Deleting the subtree, then committing, empties it; the unapplied
+    // load of a finished transaction never lands.
+    ASSERT_EQ(maapi_delete(c.fd, th, "/policy-from-qarmon"), MGMTD_OK) << mgmtd_lasterr();
+    ASSERT_EQ(maapi_apply_trans(c.fd, th, 0), MGMTD_OK) << mgmtd_lasterr();
+    EXPECT_EQ(maapi_finish_trans(c.fd, th), MGMTD_ERR) << "apply without keep-open finishes";
+    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_NOTRANS);
+    const int th2 = maapi_start_trans_flags2(c.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
+    ASSERT_EQ(maapi_load_config_cmds(c.fd, th2, kConfigFlags, config_doc(vpn_list("vl3", 3)).c_str()),
+              MGMTD_OK);
+    ASSERT_EQ(maapi_finish_trans(c.fd, th2), MGMTD_OK);
+    ASSERT_EQ(maapi_candidate_commit(c.fd), MGMTD_OK);
+    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/lists/vpn-list"), 0);
+    EXPECT_EQ(commits(), 3);
+    EXPECT_EQ(maapi_end_user_session(c.fd), MGMTD_OK);
+}
+
+// Each load flag combination on each database: accepted or refused with
+// the error it gets, and what the database holds afterwards.
+TEST_F(MgmtdDaemon, LoadFlagsDecideFormatDatabaseMergeAndStrictness)
+{
+    const std::string show = std::string("<policy xmlns=\"") + kEdgeNs +
+                             "\"><from-qarmon><lists><vpn-list><name>s1</name></vpn-list>"
+                             "</lists></from-qarmon></policy>";
+    const std::string show2 = std::string("<policy xmlns=\"") + kEdgeNs +
+                              "\"><from-qarmon><lists><vpn-list><name>s2</name></vpn-list>"
+                              "</lists></from-qarmon></policy>";
+    const std::string unknown = config_doc(vpn_list("u1", 1) + "<future-leaf>1</future-leaf>");
+    struct row {
+        const char *what;
+        mgmtd_dbname db;
+        int flags;
+        std::string text;
+        int err;              // of the load
+        const char *path;     // counted after apply
+        int count;
+    } rows[] = {
+        {"config, replace, strict", MGMTD_CANDIDATE, kConfigFlags, config_doc(vpn_list("a", 1)), 0,
+         "/policy-from-qarmon/lists/vpn-list", 1},
+        {"show data merged", MGMTD_OPERATIONAL, kShowFlags, show, 0, "/policy/from-qarmon/lists/vpn-list", 1},
+        {"second show data merged", MGMTD_OPERATIONAL, kShowFlags, show2, 0,
+         "/policy/from-qarmon/lists/vpn-list", 2},
+        {"show flags on configuration", MGMTD_CANDIDATE, kShowFlags, show, MGMTD_ERR_PROTOUSAGE, nullptr, 0},
+        {"config flags on operational", MGMTD_OPERATIONAL, kConfigFlags, show, MGMTD_ERR_PROTOUSAGE, nullptr, 0},
+        {"no format", MGMTD_CANDIDATE, 0x4400, config_doc(vpn_list("b", 1)), MGMTD_ERR_PROTOUSAGE, nullptr, 0},
+        {"unknown bit", MGMTD_CANDIDATE, kConfigFlags | 0x8000, config_doc(vpn_list("b", 1)),
+         MGMTD_ERR_PROTOUSAGE, nullptr, 0},
+        {"state data in configuration", MGMTD_CANDIDATE, MAAPI_CONFIG_XML, show, MGMTD_ERR_XML, nullptr, 0},
+        {"unknown element, strict", MGMTD_CANDIDATE, kConfigFlags, unknown, MGMTD_ERR_XML, nullptr, 0},
+        {"unknown element skipped", MGMTD_CANDIDATE, MAAPI_CONFIG_XML, unknown, 0,
+         "/policy-from-qarmon/lists/vpn-list", 2},
+        {"merge keeps what is there", MGMTD_CANDIDATE, MAAPI_CONFIG_XML, config_doc(vpn_list("c", 1)), 0,
+         "/policy-from-qarmon/lists/vpn-list", 3},
+    };
+    conn c = conn::maapi(port());
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        const int th = maapi_start_trans_flags2(c.fd, r.db, MAAPI_READ_WRITE, 0, 0);
+        ASSERT_GT(th, 0) << mgmtd_lasterr();
+        const int rc = maapi_load_config_cmds(c.fd, th, r.flags, r.text.c_str());
+        EXPECT_EQ(rc == MGMTD_OK ? 0 : mgmtd_errno, r.err) << mgmtd_lasterr();
+        ASSERT_EQ(maapi_apply_trans(c.fd, th, 0), MGMTD_OK) << mgmtd_lasterr();
+        if (r.path != nullptr) {
+            const mgmtd_dbname read_db = r.db == MGMTD_OPERATIONAL ? MGMTD_OPERATIONAL : MGMTD_RUNNING;
+            if (read_db == MGMTD_RUNNING) {
+                ASSERT_EQ(maapi_candidate_commit(c.fd), MGMTD_OK) << mgmtd_lasterr();
+            }
+            EXPECT_EQ(count(port(), read_db, r.path), r.count);
+        }
+    }
+    // Loading from a file reads it on the client's side.
+    const fs::path file = dir_ / "show.xml";
+    std::ofstream(file) << show;
+    const int th = maapi_start_trans_flags2(c.fd, MGMTD_OPERATIONAL, MAAPI_READ_WRITE, 0, 0);
+    EXPECT_EQ(maapi_load_config(c.fd, th, kShowFlags, file.c_str()), MGMTD_OK) << mgmtd_lasterr();
+    EXPECT_EQ(maapi_load_config(c.fd, th, kShowFlags, (dir_ / "missing.xml").c_str()), MGMTD_ERR);
+    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_OS);
+    EXPECT_EQ(maapi_finish_trans(c.fd, th), MGMTD_OK);
+}
+
+// The locked database gives the other session the in-use error (10); the
+// same transaction applies once the lock is released, and a session that
+// goes away releases its locks.
+TEST_F(MgmtdDaemon, LockedDatabaseIsInUseForOtherSessionsUntilReleased)
+{
+    conn holder = conn::maapi(port());
+    conn other = conn::maapi(port());
+    ASSERT_EQ(maapi_lock(holder.fd, MGMTD_CANDIDATE), MGMTD_OK) << mgmtd_lasterr();
+    EXPECT_EQ(maapi_lock(other.fd, MGMTD_CANDIDATE), MGMTD_ERR);
+    EXPECT_EQ(mgmtd_errno, 10);
+
+    const int th = maapi_start_trans_flags2(other.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
+    ASSERT_EQ(maapi_load_config_cmds(other.fd, th, kConfigFlags, config_doc(vpn_list("x", 1)).c_str()),
+              MGMTD_OK);
+    EXPECT_EQ(maapi_apply_trans(other.fd, th, 1), MGMTD_ERR);
+    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_INUSE);
+    EXPECT_STREQ(mgmtd_strerror(mgmtd_errno), "database is in use (locked by another session)");
+    EXPECT_NE(std::string(mgmtd_lasterr()).find("locked"), std::string::npos);
+
+    ASSERT_EQ(maapi_unlock(holder.fd, MGMTD_CANDIDATE), MGMTD_OK);
+    ASSERT_EQ(maapi_apply_trans(other.fd, th, 1), MGMTD_OK) << mgmtd_lasterr();
+
+    // A lock on running stops the commit; the holder's own commit passes.
+    ASSERT_EQ(maapi_lock(holder.fd, MGMTD_RUNNING), MGMTD_OK);
+    EXPECT_EQ(maapi_candidate_commit(other.fd), MGMTD_ERR);
+    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_INUSE);
+    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/lists/vpn-list"), 0);
+    EXPECT_EQ(maapi_candidate_commit(holder.fd), MGMTD_OK) << mgmtd_lasterr();
+    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/lists/vpn-list"), 1);
+
+    // The holder's connection goes away with its lock.
+    ASSERT_EQ(maapi_lock(holder.fd, MGMTD_CANDIDATE), MGMTD_OK);
+    { conn gone = std::move(holder); }
+    bool locked = true;
+    for (int i = 0; i < 200 && locked; i++) {
+        locked = maapi_lock(other.fd, MGMTD_CANDIDATE) != MGMTD_OK;
+        std::this_thread::sleep_for(std::chrono::milliseconds(locked ? 10 : 0));
+    }
+    EXPECT_FALSE(locked);
+    EXPECT_EQ(maapi_finish_trans(other.fd, th), MGMTD_OK);
+    EXPECT_EQ(maapi_end_user_session(other.fd), MGMTD_OK) << "ends the session and its locks";
+}
+
+// A payload that does not parse or validate is refused and changes
+// nothing: the transaction stays usable, the running configuration stays.
+TEST_F(MgmtdDaemon, MalformedPayloadCommitsNothing)
+{
+    ASSERT_EQ(publish(port(), config_doc(vpn_list("keep", 7))), 0);
+    const std::string before = running_file(dir_);
+    struct row {
+        const char *what;
+        std::string text;
+        int load_err;
+        int apply_err;
+    } rows[] = {
+        {"not XML", "<config xmlns=\"" + std::string(MGMTD_CONFIG_NS) + "\"><policy-from", MGMTD_ERR_XML, 0},
+        {"unclosed element", config_doc("<lists><vpn-list><name>z</name>"), MGMTD_ERR_XML, 0},
+        {"value of the wrong type", config_doc("<lists><vpn-list><name>z</name><vpn>many</vpn></vpn-list></lists>"),
+         MGMTD_ERR_XML, 0},
+        {"missing list key", config_doc("<lists><vpn-list><vpn>1</vpn></vpn-list></lists>"), MGMTD_ERR_XML, 0},
+        {"duplicate leaf-list values", config_doc("<lists><vpn-list><name>z</name><vpn>1</vpn><vpn>1</vpn>"
+                                                  "</vpn-list></lists>"),
+         0, MGMTD_ERR_VALIDATION},
+    };
+    conn c = conn::maapi(port());
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        const int th = maapi_start_trans_flags2(c.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
+        const int load = maapi_load_config_cmds(c.fd, th, kConfigFlags, r.text.c_str());
+        EXPECT_EQ(load == MGMTD_OK ? 0 : mgmtd_errno, r.load_err) << mgmtd_lasterr();
+        const int apply = maapi_apply_trans(c.fd, th, 0);
+        EXPECT_EQ(apply == MGMTD_OK ? 0 : mgmtd_errno, r.apply_err) << mgmtd_lasterr();
+        if (apply != MGMTD_OK) {
+            EXPECT_EQ(maapi_finish_trans(c.fd, th), MGMTD_OK);
+        }
+        ASSERT_EQ(maapi_candidate_commit(c.fd), MGMTD_OK) << mgmtd_lasterr();
+        EXPECT_EQ(running_file(dir_), before);
+    }
+    EXPECT_EQ(maapi_end_user_session(c.fd), MGMTD_OK);
+}
+
+// Frames that break the protocol: the daemon answers MGMTD_ERR_PROTO (or
+// just closes a cut frame), drops that connection and serves the others.
+TEST_F(MgmtdDaemon, BrokenFramesCloseTheirConnectionOnly)
+{
+    auto header = [](uint32_t magic, uint8_t version, uint16_t op, uint32_t length) {
+        std::string h;
+        for (uint32_t v : {magic}) {
+            for (int s = 24; s >= 0; s -= 8) h.push_back(char((v >> s) & 0xff));
+        }
+        h.push_back(char(version));
+        h.push_back(0);
+        h.push_back(char(op >> 8));
+        h.push_back(char(op & 0xff));
+        h.append("\0\0\0\x07", 4);
+        for (int s = 24; s >= 0; s -= 8) h.push_back(char((length >> s) & 0xff));
+        return h;
+    };
+    auto i32 = [](int32_t v) {
+        std::string s;
+        for (int sh = 24; sh >= 0; sh -= 8) s.push_back(char((uint32_t(v) >> sh) & 0xff));
+        return s;
+    };
+    const std::string hello = i32(MGMTD_CONN_MAAPI) + i32(1) + "t";
+    struct row {
+        const char *what;
+        std::string bytes;
+        bool proto_answer;
+    } rows[] = {
+        {"bad magic", header(0x12345678, MGMTD_WIRE_VERSION, MGMTD_OP_HELLO, 0), true},
+        {"other version", header(MGMTD_WIRE_MAGIC, 9, MGMTD_OP_HELLO, 0), true},
+        {"frame too large", header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, MGMTD_OP_HELLO,
+                                   MGMTD_WIRE_MAX_PAYLOAD + 1), true},
+        {"fields cut short", header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, MGMTD_OP_HELLO, 3) + "abc", true},
+        {"string longer than the frame",
+         header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, MGMTD_OP_HELLO, 8) + i32(1) + i32(100), true},
+        {"request before hello", header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, MGMTD_OP_COMMIT, 0), true},
+        {"unknown operation",
+         header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, MGMTD_OP_HELLO, uint32_t(hello.size())) + hello +
+             header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, 999, 0),
+         true},
+        {"peer leaves inside a frame", header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, MGMTD_OP_HELLO, 100) + "ab",
+         false},
+    };
+    ASSERT_EQ(publish(port(), config_doc(vpn_list("keep", 7))), 0);
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        conn raw;
+        const sockaddr_in a = loopback(port());
+        ASSERT_EQ(connect(raw.fd, reinterpret_cast<const sockaddr *>(&a), sizeof a), 0);
+        ASSERT_EQ(send(raw.fd, r.bytes.data(), r.bytes.size(), MSG_NOSIGNAL), ssize_t(r.bytes.size()));
+        if (!r.proto_answer) {
+            continue;   // closed here with the frame unfinished
+        }
+        // Read every answer up to the close; the last one says MGMTD_ERR_PROTO.
+        std::string in;
+        char buf[512];
+        ssize_t n;
+        pollfd p{raw.fd, POLLIN, 0};
+        while (poll(&p, 1, 5000) > 0 && (n = recv(raw.fd, buf, sizeof buf, 0)) > 0) {
+            in.append(buf, size_t(n));
+        }
+        ASSERT_GE(in.size(), size_t(MGMTD_WIRE_HEADER_SIZE + 4)) << "no answer before the close";
+        size_t last = 0;
+        for (size_t at = 0; at + MGMTD_WIRE_HEADER_SIZE <= in.size();) {
+            last = at;
+            const auto *h = reinterpret_cast<const unsigned char *>(in.data() + at + 12);
+            at += MGMTD_WIRE_HEADER_SIZE + ((h[0] << 24) | (h[1] << 16) | (h[2] << 8) | h[3]);
+        }
+        EXPECT_EQ(in.substr(last + MGMTD_WIRE_HEADER_SIZE, 4), i32(MGMTD_ERR_PROTO));
+    }
+    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/lists/vpn-list{keep}/vpn"), 1);
+    EXPECT_EQ(publish(port(), config_doc(vpn_list("after", 1)), MAAPI_CONFIG_XML), 0);
+}
+
+// A client process killed in the middle of a transaction (after its load,
+// or holding a lock): the daemon discards the transaction and the lock and
+// keeps serving; neither running nor candidate gets the load.
+TEST_F(MgmtdDaemon, ClientKilledMidTransactionLeavesNothingBehind)
+{
+    ASSERT_EQ(publish(port(), config_doc(vpn_list("keep", 7))), 0);
+    const std::string before = running_file(dir_);
+    for (const bool with_lock : {false, true}) {
+        SCOPED_TRACE(with_lock ? "holding the lock" : "after the load");
+        int ready[2];
+        ASSERT_EQ(pipe(ready), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            conn c = conn::maapi(port());
+            const int th = maapi_start_trans_flags2(c.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
+            maapi_load_config_cmds(c.fd, th, kConfigFlags, config_doc(vpn_list("lost", 1)).c_str());
+            if (with_lock) {
+                maapi_lock(c.fd, MGMTD_CANDIDATE);
+            }
+            const char byte = 1;
+            (void)!write(ready[1], &byte, 1);
+            pause();
+            _exit(0);
+        }
+        close(ready[1]);
+        char byte;
+        ASSERT_EQ(read(ready[0], &byte, 1), 1);
+        close(ready[0]);
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        expect_idle();
+        ASSERT_EQ(publish(port(), config_doc(vpn_list("keep", 7))), 0) << "the daemon serves on";
+        EXPECT_EQ(running_file(dir_), before);
+    }
+}
+
+// The running configuration survives a stop, a kill and a restart; a
+// running file that no longer loads stops the daemon from starting.
+TEST_F(MgmtdDaemon, RunningConfigurationPersistsAcrossRestarts)
+{
+    ASSERT_EQ(publish(port(), config_doc(data_policy("dp1", "vl1") + vpn_list("vl1", 1))), 0);
+    for (const int sig : {SIGTERM, SIGKILL}) {
+        SCOPED_TRACE(sig);
+        const int status = daemon_.stop(sig);
+        EXPECT_EQ(status, sig == SIGTERM ? 0 : -SIGKILL);
+        ASSERT_TRUE(daemon_.start(dir_));
+        EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/data-policy{dp1}"), 1);
+        // The candidate starts as the running configuration.
+        EXPECT_EQ(publish(port(), config_doc(vpn_list("vl2", 2)), MAAPI_CONFIG_XML), 0);
+        EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/lists/vpn-list"), 2);
+        EXPECT_EQ(publish(port(), config_doc(data_policy("dp1", "vl1") + vpn_list("vl1", 1))), 0);
+    }
+    expect_idle();
+    ASSERT_EQ(daemon_.stop(), 0);
+    std::ofstream(dir_ / "running.xml") << "<policy-from-qarmon xmlns=\"" << kEdgeNs << "\"><nonsense/>";
+    std::string output;
+    daemon_process broken;
+    EXPECT_FALSE(broken.start(dir_, &output));
+    EXPECT_NE(output.find("running.xml"), std::string::npos) << output;
+    EXPECT_EQ(broken.wait_exit(), 1);
+}
+
+// The reads of the policy library's start-up and of its show-data
+// clean-up, and the schema look-ups of its compatibility filter.
+TEST_F(MgmtdDaemon, DataSessionsReadAndSchemaLookupsAnswer)
+{
+    const std::string long_name(40, 'n');
+    ASSERT_EQ(publish(port(), config_doc(data_policy("dp1", "vl1") + data_policy(long_name, "vl2") +
+                                         "<data-policy><name>dp3</name><vpn-list><name>va</name></vpn-list>"
+                                         "<vpn-list><name>vb</name></vpn-list></data-policy>")),
+              0);
+    conn c = conn::cdb(port(), MGMTD_RUNNING);
+    ASSERT_EQ(cdb_pushd(c.fd, "/policy-from-qarmon"), MGMTD_OK) << mgmtd_lasterr();
+    ASSERT_EQ(cdb_num_instances(c.fd, "data-policy"), 3);
+    char name[33];
+    std::vector<std::string> names;
+    for (int i = 0; i < 3; i++) {
+        if (cdb_get_str(c.fd, name, sizeof name, "data-policy[%d]/name", i) == MGMTD_OK) {
+            names.push_back(name);
+        } else {
+            EXPECT_EQ(mgmtd_errno, MGMTD_ERR_TOOBIG);
+        }
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"dp1", "dp3"}));
+    EXPECT_EQ(cdb_num_instances(c.fd, "data-policy[%d]/vpn-list", 2), 2);
+    ASSERT_EQ(cdb_pushd(c.fd, "data-policy[%d]/vpn-list[%d]", 2, 1), MGMTD_OK) << mgmtd_lasterr();
+    ASSERT_EQ(cdb_get_str(c.fd, name, sizeof name, "name"), MGMTD_OK);
+    EXPECT_STREQ(name, "vb");
+    ASSERT_EQ(cdb_popd(c.fd), MGMTD_OK);
+    EXPECT_EQ(cdb_get_str(c.fd, name, sizeof name, "data-policy{dp3}/vpn-list[0]/name"), MGMTD_OK);
+    EXPECT_STREQ(name, "va");
+    EXPECT_EQ(cdb_get_str(c.fd, name, sizeof name, "data-policy[7]/name"), MGMTD_ERR);
+    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_NOEXISTS);
+    EXPECT_EQ(cdb_num_instances(c.fd, "no-such-node"), MGMTD_ERR);
+    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_BADPATH);
+    EXPECT_EQ(cdb_delete(c.fd, "/policy-from-qarmon"), MGMTD_ERR) << "running is read-only here";
+    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_NOT_WRITABLE);
+    EXPECT_EQ(cdb_end_session(c.fd), MGMTD_OK);
+
+    // Show-data clean-up: count, then delete what is there.
+    conn m = conn::maapi(port());
+    const int th = maapi_start_trans_flags2(m.fd, MGMTD_OPERATIONAL, MAAPI_READ_WRITE, 0, 0);
+    ASSERT_EQ(maapi_load_config_cmds(m.fd, th, kShowFlags,
+                                     (std::string("<policy xmlns=\"") + kEdgeNs + "\"><from-qarmon>" +
+                                      data_policy("dp1", "vl1") + vpn_list("vl1", 1) + "</from-qarmon></policy>")
+                                         .c_str()),
+              MGMTD_OK)
+        << mgmtd_lasterr();
+    ASSERT_EQ(maapi_apply_trans(m.fd, th, 0), MGMTD_OK) << mgmtd_lasterr();
+    EXPECT_EQ(maapi_end_user_session(m.fd), MGMTD_OK);
+    conn o = conn::cdb(port(), MGMTD_OPERATIONAL);
+    for (const char *path : {"/policy/from-qarmon/data-policy", "/policy/from-qarmon/lists/vpn-list"}) {
+        ASSERT_EQ(cdb_num_instances(o.fd, "%s", path), 1) << path;
+        EXPECT_EQ(cdb_delete(o.fd, "%s", path), MGMTD_OK) << mgmtd_lasterr();
+        EXPECT_EQ(cdb_num_instances(o.fd, "%s", path), 0) << path;
+        EXPECT_EQ(cdb_delete(o.fd, "%s", path), MGMTD_ERR);
+        EXPECT_EQ(mgmtd_errno, MGMTD_ERR_NOEXISTS);
+    }
+    EXPECT_EQ(cdb_end_session(o.fd), MGMTD_OK);
+
+    struct lookup {
+        const char *path;
+        int kind;   // 0: unknown
+        int config;
+    } lookups[] = {
+        {"/zentrak-policy:policy-from-qarmon/zentrak-policy:data-policy/zentrak-policy:name", MGMTD_CS_LEAF, 1},
+        {"/policy-from-qarmon/lists/vpn-list", MGMTD_CS_LIST, 1},
+        {"/policy/from-qarmon/lists/vpn-list/vpn", MGMTD_CS_LEAF_LIST, 0},
+        {"/zen-policy:policy", MGMTD_CS_CONTAINER, 1},
+        {"/zentrak-policy:policy-from-qarmon/zentrak-policy:newer-element", 0, 0},
+        {"/other-prefix:policy-from-qarmon", 0, 0},
+        {"not-absolute", 0, 0},
+    };
+    for (const lookup &l : lookups) {
+        SCOPED_TRACE(l.path);
+        for (int again = 0; again < 2; again++) {   // the second answer comes from the cache
+            const mgmtd_cs_node_t *node = mgmtd_cs_node_cd(nullptr, "%s", l.path);
+            ASSERT_EQ(node != nullptr, l.kind != 0) << mgmtd_lasterr();
+            if (node != nullptr) {
+                EXPECT_EQ(node->kind, l.kind);
+                EXPECT_EQ(node->config, l.config);
+            } else {
+                EXPECT_EQ(mgmtd_errno, MGMTD_ERR_BADPATH);
+            }
+        }
+    }
+    const mgmtd_cs_node_t *dp = mgmtd_cs_node_cd(nullptr, "/policy-from-qarmon/data-policy");
+    ASSERT_NE(dp, nullptr);
+    const mgmtd_cs_node_t *seq = mgmtd_cs_node_cd(dp, "vpn-list/sequence/%s", "seq-value");
+    ASSERT_NE(seq, nullptr);
+    EXPECT_STREQ(seq->name, "seq-value");
+    EXPECT_STREQ(seq->module, "zen-edge-placeholder");
+}
+
+// A daemon that never answers: every call gives up after the timeout.
+TEST_F(MgmtdDaemon, ClientTimesOutOnASilentPeer)
+{
+    conn listener;
+    const int one = 1;
+    setsockopt(listener.fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in a = loopback(0);
+    ASSERT_EQ(bind(listener.fd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+    ASSERT_EQ(listen(listener.fd, 1), 0);
+    socklen_t len = sizeof a;
+    getsockname(listener.fd, reinterpret_cast<sockaddr *>(&a), &len);
+    mgmtd_set_timeout_ms(200);
+    conn c;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(maapi_connect(c.fd, reinterpret_cast<const sockaddr *>(&a), sizeof a), MGMTD_ERR);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_TIMEOUT);
+    EXPECT_GE(waited, std::chrono::milliseconds(150));
+    EXPECT_LT(waited, std::chrono::milliseconds(5000));
+}
+
+// Many clients at once, each committing its own transactions and reading
+// its change back from running right after its commit: no change is lost,
+// and every commit is counted once.
+TEST_F(MgmtdDaemon, ConcurrentClientsLoseAndDuplicateNoCommit)
+{
+    constexpr int kClients = 50;
+    constexpr int kTransactions = 100;
+    std::vector<std::thread> threads;
+    std::vector<int> failures(kClients, 0);
+    for (int i = 0; i < kClients; i++) {
+        threads.emplace_back([&, i] {
+            conn c = conn::maapi(port());
+            conn reader;
+            const sockaddr_in a = loopback(port());
+            EXPECT_EQ(cdb_connect(reader.fd, CDB_DATA_SOCKET, reinterpret_cast<const sockaddr *>(&a), sizeof a),
+                      MGMTD_OK);
+            const std::string name = "c" + std::to_string(i);
+            for (int j = 0; j < kTransactions; j++) {
+                const int th = maapi_start_trans_flags2(c.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
+                const std::string text = config_doc("<sla-class><name>" + name + "</name><latency>" +
+                                                    std::to_string(j) + "</latency></sla-class>");
+                char latency[16] = "";
+                if (th < 0 ||
+                    maapi_load_config_cmds(c.fd, th, MAAPI_CONFIG_XML | MAAPI_CONFIG_STRICT, text.c_str()) != 0 ||
+                    maapi_apply_trans(c.fd, th, 0) != MGMTD_OK || maapi_candidate_commit(c.fd) != MGMTD_OK ||
+                    cdb_start_session2(reader.fd, MGMTD_RUNNING, 0) != MGMTD_OK ||
+                    cdb_get_str(reader.fd, latency, sizeof latency, "/policy-from-qarmon/sla-class{%s}/latency",
+                                name.c_str()) != MGMTD_OK ||
+                    cdb_end_session(reader.fd) != MGMTD_OK || std::atoi(latency) != j) {
+                    failures[i]++;
+                }
+            }
+            maapi_end_user_session(c.fd);
+        });
+    }
+    for (std::thread &t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(failures, std::vector<int>(kClients, 0));
+    EXPECT_EQ(commits(), long(kClients) * kTransactions);
+    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/sla-class"), kClients);
+}
+
+}  // namespace

@@ -1,0 +1,432 @@
+// Updates of data-policy sequences: the valued fields and flags (one table),
+// the sequence's action, the match arrays, set TLOC, service with the
+// host's labels, and the TLOC-list reference with the sequence's targets.
+#include <arpa/inet.h>
+
+#include <cstring>
+
+#include "fwd_test_support.hpp"
+
+namespace {
+
+using namespace poltest;
+using FwdEntryTest = FwdTest;
+
+using Upd = std::function<e_err(t_pol_ctx *, uint32_t seq, int k, bool add)>;
+using Read = std::function<std::string(const t_pol_entry &)>;
+
+// One valued field: upd sets value k (1 or 2) or removes; read shows the
+// stored value; bit is its presence bit (0: present while non-zero).
+struct ScalarRow {
+    const char *name;
+    Upd upd;
+    Read read;
+    bool match_mask;
+    uint64_t bit;
+    std::string v1, v2, zero;
+};
+
+#define ARGS t_pol_ctx *c, uint32_t s, int k, bool add
+#define AT c, "D", POL_TYPE_DATA, "V", s
+
+t_ipaddr v6(int k)
+{
+    uint8_t b[16] = {0x20, 0x01};
+    b[15] = static_cast<uint8_t>(k);
+    t_ipaddr a{};
+    IPADDR_SET_V6(&a, b);
+    return a;
+}
+
+std::string num(uint64_t v)
+{
+    return std::to_string(v);
+}
+
+std::string addr(const t_ipaddr &a)
+{
+    return IPADDR_IS_ZERO(&a) ? "0" : num(a.addr_type == IP_ADDR_V4 ? ntohl(a.u.addr4.s_addr) & 0xff : a.u.addr6_b[15]);
+}
+
+const ScalarRow kScalars[] = {
+    {"dscp", [](ARGS) { return pol_fwd_entry_dscp_upd(AT, uint8_t(5 * k), add); },
+     [](const t_pol_entry &e) { return num(e.set_entry.set_fwd_dscp); }, false, 0x4000000, "5", "10", "0"},
+    {"nat vpn", [](ARGS) { return pol_fwd_entry_nat_use_vpn_upd(AT, 100u * k, add); },
+     [](const t_pol_entry &e) { return num(e.set_entry.set_nat_vpn_id); }, false, 0x20000, "100", "200", "0"},
+    {"nat pool", [](ARGS) { return pol_fwd_entry_nat_pool_upd(AT, 7u * k, add); },
+     [](const t_pol_entry &e) { return num(e.set_entry.set_nat_pool_id); }, false, 0x10000000, "7", "14", "0"},
+    {"nat fallback", [](ARGS) { return pol_fwd_entry_nat_fallback_upd(AT, k == 1, add); },
+     [](const t_pol_entry &e) { return num(e.set_entry.set_nat_fallback); }, false, 0x20000000, "1", "0", "0"},
+    {"fec (8 bits kept)", [](ARGS) { return pol_fwd_entry_fec_upd(AT, 300u + k, add); },
+     [](const t_pol_entry &e) { return num(e.set_entry.loss_protection_fec); }, false, 0x200000, "45", "46", "0"},
+    {"redirect dns type", [](ARGS) { return pol_fwd_entry_redirect_dns_type_upd(AT, uint8_t(2 - k), add); },
+     [](const t_pol_entry &e) { return num(e.set_entry.redirect_dns_type); }, false, 0x40000000, "1", "0", "0"},
+    {"redirect dns ip", [](ARGS) { const t_ipaddr a = v4(k); return pol_fwd_entry_redirect_dns_ip_upd(AT, &a, add); },
+     [](const t_pol_entry &e) { return addr(e.set_entry.redirect_dns_ip_addr); }, false, 0x800000, "1", "2", "0"},
+    {"local tloc", [](ARGS) {
+         const t_local_tloc_id_args a{uint32_t(k), uint32_t(2 * k), false, false};
+         return pol_fwd_local_tloc_upd(AT, &a, add); },
+     [](const t_pol_entry &e) { return num(e.set_entry.set_local_tloc.color) + "/" + num(e.set_entry.set_local_tloc.encap); },
+     false, 0x1000000, "1/2", "2/4", "0/0"},
+    {"local tloc list", [](ARGS) {
+         const t_pol_set_local_tloc_list_args a{1, 2, uint8_t(k - 1), false, false, false};
+         return pol_fwd_local_tloc_list_upd(AT, &a, add); },
+     [](const t_pol_entry &e) {
+         const t_pol_set_local_tloc_list &l = e.set_entry.set_local_tloc_list;
+         return num(l.color_mask) + "/" + num(l.encap_mask) + "/" + num(l.restrict1); },
+     false, 0x2000000, "1/2/0", "1/2/1", "0/0/0"},
+    {"backup sla colour", [](ARGS) { return pol_fwd_entry_backup_sla_prefer_color_upd(AT, 11u * k, add); },
+     [](const t_pol_entry &e) { return num(e.set_entry.set_backup_sla_preferred_color); }, false, 0x8000, "11", "22", "0"},
+    {"forwarding class", [](ARGS) { return pol_fwd_entry_fwd_class_upd(AT, k == 1 ? "gold" : "golden", add); },
+     [](const t_pol_entry &e) { return std::string(e.set_entry.set_fwd_class); }, false, 0x8000000, "gold", "golden", ""},
+    {"counter", [](ARGS) { return pol_fwd_entry_count_upd(AT, k == 1 ? "c1" : "c2", add); },
+     [](const t_pol_entry &e) { return std::string(e.set_entry.set_counter_name); }, false, 0x2000, "c1", "c2", ""},
+    {"dns", [](ARGS) { return pol_fwd_entry_dns_upd(AT, uint32_t(k), add); },
+     [](const t_pol_entry &e) { return num(e.match_entry.match_dns); }, true, 0x8000000, "1", "2", "0"},
+    {"traffic category", [](ARGS) { return pol_fwd_entry_traffic_category_upd(AT, uint32_t(k), add); },
+     [](const t_pol_entry &e) { return num(e.match_entry.match_traf_category); }, true, 0x20000000, "1", "2", "0"},
+    {"plp", [](ARGS) { return pol_fwd_entry_plp_upd(AT, uint32_t(k), add); },
+     [](const t_pol_entry &e) { return num(e.match_entry.match_plp); }, true, 0x4000000, "1", "2", "0"},
+    {"tcp", [](ARGS) { return pol_fwd_entry_tcp_upd(AT, 0x10u * k, add); },
+     [](const t_pol_entry &e) { return num(e.match_entry.match_tcp_flags); }, true, 0x10000000, "16", "32", "0"},
+    {"vpn", [](ARGS) { pol_fwd_entry_vpn_upd(AT, 1000u * k, add); return s == 10 ? ERR_OK : ERR_NOT_FOUND; },
+     [](const t_pol_entry &e) { return num(e.set_entry.set_fwd_vpn_id); }, false, 0x100, "1000", "2000", "0"},
+    {"loss protect", [](ARGS) { return pol_fwd_entry_loss_protect_upd(AT, uint32_t(k), add); },
+     [](const t_pol_entry &e) { return num(e.set_entry.loss_protect); }, false, 0, "1", "2", "0"},
+    {"next hop", [](ARGS) { const t_ipaddr a = v4(k); return pol_fwd_entry_next_hop_upd(AT, &a, add); },
+     [](const t_pol_entry &e) { return addr(e.set_entry.next_hop); }, false, 0, "1", "2", "0"},
+    {"next hop v6", [](ARGS) { const t_ipaddr a = v6(k); return pol_fwd_entry_next_hop_v6_upd(AT, &a, add); },
+     [](const t_pol_entry &e) { return addr(e.set_entry.next_hop_ipv6); }, false, 0, "1", "2", "0"},
+};
+
+// Equal value: no notification; removal zeroes value and bit; removal of
+// an absent value: no notification; a missing sequence is reported.
+TEST_F(FwdEntryTest, ValuedFields)
+{
+    for (const ScalarRow &row : kScalars) {
+        SCOPED_TRACE(row.name);
+        const uint64_t &mask = row.match_mask ? entry_->entry_match_flags : entry_->entry_set_flags;
+        auto present = [&] { return row.bit == 0 || (mask & row.bit) != 0; };
+        EXPECT_EQ(row.upd(ctx_, 10, 1, false), ERR_OK);
+        EXPECT_EQ(notified(), 0);
+        EXPECT_EQ(row.upd(ctx_, 10, 1, true), ERR_OK);
+        EXPECT_TRUE(notified() == 1 && present() && row.read(*entry_) == row.v1);
+        EXPECT_EQ(row.upd(ctx_, 10, 1, true), ERR_OK);
+        EXPECT_EQ(notified(), 0);
+        EXPECT_EQ(row.upd(ctx_, 10, 2, true), ERR_OK);
+        EXPECT_TRUE(notified() == 1 && present() && row.read(*entry_) == row.v2);
+        EXPECT_EQ(row.upd(ctx_, 10, 2, false), ERR_OK);
+        EXPECT_EQ(notified(), 1);
+        EXPECT_EQ(row.read(*entry_), row.zero);
+        EXPECT_TRUE(row.bit == 0 || (mask & row.bit) == 0);
+        EXPECT_EQ(row.upd(ctx_, 10, 2, false), ERR_OK);
+        EXPECT_EQ(notified(), 0);
+        EXPECT_EQ(row.upd(ctx_, 11, 1, true), ERR_NOT_FOUND);
+        EXPECT_EQ(notified(), 0);
+    }
+    EXPECT_EQ(entry_->entry_match_flags | entry_->entry_set_flags, 0u);
+    // Loss protection compares even with nothing stored.
+    EXPECT_EQ(pol_fwd_entry_loss_protect_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, 0, true), ERR_OK);
+    EXPECT_EQ(notified(), 0);
+}
+
+TEST_F(FwdEntryTest, FlagOnlyActions)
+{
+    using Flag = e_err (*)(t_pol_ctx *, const char *, e_pol_type, const char *, uint32_t, bool);
+    const std::pair<Flag, uint64_t> rows[] = {
+        {pol_fwd_entry_cflowd_upd, 0x40000},  {pol_fwd_entry_tcp_opt_upd, 0x80000},
+        {pol_fwd_entry_ssl_opt_upd, 0x100000}, {pol_fwd_entry_pkt_dup_upd, 0x400000},
+        {pol_fwd_entry_cloud_saas_upd, 0x10000}, {pol_fwd_entry_log_upd, 0x4000},
+        {pol_fwd_entry_sig_upd, 0x100000000},
+    };
+    for (const auto &[upd, bit] : rows) {
+        SCOPED_TRACE(bit);
+        for (bool add : {false, true, true, false, false}) {
+            const bool was = (entry_->entry_set_flags & bit) != 0;
+            EXPECT_EQ(upd(ctx_, "D", POL_TYPE_DATA, "V", 10, add), ERR_OK);
+            EXPECT_EQ((entry_->entry_set_flags & bit) != 0, add);
+            EXPECT_EQ(notified(), was != add ? 1 : 0);
+        }
+        EXPECT_EQ(upd(ctx_, "D", POL_TYPE_DATA, "W", 10, true), ERR_NOT_FOUND);
+    }
+}
+
+TEST_F(FwdEntryTest, ServiceLocalNeverNotifies)
+{
+    const t_pol_set_entry &s = entry_->set_entry;
+    auto upd = [&](bool local, bool restrict1, bool add) {
+        return pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, local, restrict1, add);
+    };
+    EXPECT_EQ(upd(true, true, true), ERR_OK);
+    EXPECT_TRUE(s.set_fwd_service_local && s.set_fwd_service_local_restrict &&
+                (entry_->entry_set_flags & 0x80000000) != 0);
+    EXPECT_EQ(upd(false, true, true), ERR_OK);
+    EXPECT_TRUE(!s.set_fwd_service_local && s.set_fwd_service_local_restrict &&
+                (entry_->entry_set_flags & 0x80000000) == 0);
+    EXPECT_EQ(upd(true, true, true), ERR_OK);
+    EXPECT_EQ(upd(true, true, false), ERR_OK);
+    EXPECT_TRUE(!s.set_fwd_service_local && !s.set_fwd_service_local_restrict && entry_->entry_set_flags == 0);
+    EXPECT_EQ(notified(), 0);
+    EXPECT_EQ(pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 9, true, true, true), ERR_NOT_FOUND);
+}
+
+TEST_F(FwdEntryTest, SequenceAndDefaultAction)
+{
+    EXPECT_EQ(pol_fwd_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, 2), ERR_OK);
+    EXPECT_TRUE(entry_->set_entry.action == 2 && notified() == 1);
+    EXPECT_EQ(pol_fwd_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, 2), ERR_OK);
+    EXPECT_EQ(notified(), 0);
+    EXPECT_EQ(pol_fwd_default_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 1), ERR_OK);  // as made
+    EXPECT_EQ(notified(), 0);
+    EXPECT_EQ(pol_fwd_default_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 2), ERR_OK);
+    EXPECT_TRUE(vpn_->default_pol_entry->set_entry.action == 2 && notified() == 1);
+    EXPECT_EQ(pol_fwd_default_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "W", 2), ERR_NOT_FOUND);
+    EXPECT_EQ(pol_fwd_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 11, 2), ERR_NOT_FOUND);
+}
+
+// One match array: its leaf tag, element size, setter and what it holds.
+struct ArrayRow {
+    uint32_t tag;
+    std::size_t elem;
+    std::function<e_err(t_pol_ctx *, void *, uint32_t, uint32_t)> upd;
+    std::function<std::pair<const void *, uint32_t>(const t_pol_match_entry &)> held;
+};
+
+#define ARRAY_ROW(tag, T, setter, items, count)                                                        \
+    ArrayRow{tag, sizeof(T),                                                                           \
+             [](t_pol_ctx *c, void *a, uint32_t n, uint32_t t) {                                       \
+                 return setter(c, "D", POL_TYPE_DATA, "V", 10, static_cast<T *>(a), n, t);             \
+             },                                                                                        \
+             [](const t_pol_match_entry &m) { return std::pair<const void *, uint32_t>(m.items, m.count); }}
+
+TEST_F(FwdEntryTest, MatchArraysAdoptAndFree)
+{
+    const ArrayRow rows[] = {
+        ARRAY_ROW(0x553788af, t_ipprefix, pol_fwd_entry_pfx_upd, match_src_ip_list, match_num_src_ip),
+        ARRAY_ROW(0x3ade449f, t_ipprefix, pol_fwd_entry_pfx_upd, match_src_ipv6_list, match_num_src_ipv6),
+        ARRAY_ROW(0x22688857, t_ipprefix, pol_fwd_entry_pfx_upd, match_dst_ip_list, match_num_dst_ip),
+        ARRAY_ROW(0x7277a1c1, t_ipprefix, pol_fwd_entry_pfx_upd, match_dst_ipv6_list, match_num_dst_ipv6),
+        ARRAY_ROW(0x0f472580, t_pol_range, pol_fwd_entry_range_config_upd, match_src_port_list, match_num_src_port),
+        ARRAY_ROW(0x6475b955, t_pol_range, pol_fwd_entry_range_config_upd, match_dst_port_list, match_num_dst_port),
+        ARRAY_ROW(0x5b2c4c8c, t_pol_range, pol_fwd_entry_range_config_upd, match_packet_len, match_num_packet_len),
+        ARRAY_ROW(0x3838f6e1, uint8_t, pol_fwd_entry_list_config_upd, match_proto_list, match_num_proto),
+        ARRAY_ROW(0x42a50984, uint8_t, pol_fwd_entry_list_config_upd, match_dscp_list, match_num_dscp),
+        ARRAY_ROW(0x2ab85e1b, uint32_t, pol_fwd_entry_icmp_list_config_upd, match_icmp_list, match_num_icmp),
+        ARRAY_ROW(0x0e190ee1, uint32_t, pol_fwd_entry_icmp_list_config_upd, match_icmp6_list, match_num_icmp6),
+    };
+    for (const ArrayRow &row : rows) {
+        SCOPED_TRACE(row.tag);
+        const e_pol_mem mem = pol_fwd_get_mem_type(row.tag);
+        const int64_t live = live_count(mem);
+        using Held = std::pair<const void *, uint32_t>;
+        notified();
+        EXPECT_EQ(row.upd(ctx_, nullptr, 0, row.tag), ERR_OK);
+        EXPECT_EQ(notified(), 0);
+        void *a = pol_malloc(3 * row.elem, mem);
+        EXPECT_EQ(row.upd(ctx_, a, 3, row.tag), ERR_OK);
+        EXPECT_TRUE(row.held(entry_->match_entry) == Held(a, 3) && notified() == 1);
+        EXPECT_EQ(row.upd(ctx_, a, 3, row.tag), ERR_OK);  // the same array again
+        EXPECT_EQ(notified(), 1);
+        void *b = pol_malloc(row.elem, mem);
+        EXPECT_EQ(row.upd(ctx_, b, 1, row.tag), ERR_OK);
+        EXPECT_TRUE(row.held(entry_->match_entry) == Held(b, 1) && live_count(mem) == live + 1);
+        EXPECT_EQ(notified(), 1);
+        EXPECT_EQ(row.upd(ctx_, nullptr, 0, row.tag), ERR_OK);
+        EXPECT_TRUE(row.held(entry_->match_entry) == Held(nullptr, 0) && live_count(mem) == live);
+        EXPECT_EQ(notified(), 1);
+        EXPECT_EQ(row.upd(ctx_, nullptr, 1, row.tag ^ 1), ERR_FAIL);  // no array of that leaf here
+        void *kept = pol_malloc(row.elem, mem);  // left for the sequence's deletion
+        EXPECT_EQ(row.upd(ctx_, kept, 1, row.tag), ERR_OK);
+    }
+    EXPECT_EQ(pol_fwd_entry_pfx_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, nullptr, 0, 0x6475b955), ERR_FAIL);
+    const int64_t before = live_count(POL_MEM_ENTRY_MATCH_ICMP6);
+    pol_fwd_entry_find_and_delete(ctx_, "D", POL_TYPE_DATA, "V", 10);
+    EXPECT_EQ(live_count(POL_MEM_ENTRY_MATCH_ICMP6), before - 1);
+}
+
+// A TLOC without address or colour keeps the stored one; the encapsulation
+// changes only when told.
+TEST_F(FwdEntryTest, SetTlocMergesPartialTloc)
+{
+    auto upd = [&](bool encap_set, const t_tloc_id *t) {
+        return pol_fwd_entry_tloc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 10, encap_set, t);
+    };
+    const t_tloc_id *stored = &entry_->set_entry.set_fwd_tloc;
+    const t_tloc_id full{v4(1), 3, 2};
+    ASSERT_EQ(upd(true, &full), ERR_OK);
+    EXPECT_EQ(TLOC_CMP(stored, &full), 0);
+    EXPECT_TRUE((entry_->entry_set_flags & 0x80) && (block_->pol_flags & 0x8) && notified() == 1);
+    const t_tloc_id addr_only{v4(2), 0, 1};
+    ASSERT_EQ(upd(false, &addr_only), ERR_OK);
+    const t_tloc_id merged{v4(2), 3, 2};
+    EXPECT_EQ(TLOC_CMP(stored, &merged), 0);
+    const t_tloc_id colour_encap{t_ipaddr{}, 9, 0};
+    ASSERT_EQ(upd(true, &colour_encap), ERR_OK);
+    const t_tloc_id merged2{v4(2), 9, 0};
+    EXPECT_EQ(TLOC_CMP(stored, &merged2), 0);
+    EXPECT_EQ(notified(), 1);  // always told
+    ASSERT_EQ(upd(false, nullptr), ERR_OK);
+    EXPECT_TRUE(IPADDR_IS_ZERO(&stored->addr) && stored->addr.addr_type == 0 && stored->color == 0);
+    EXPECT_TRUE(!(entry_->entry_set_flags & 0x80) && !(block_->pol_flags & 0x8) && notified() == 1);
+    EXPECT_EQ(pol_fwd_entry_tloc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 11, false, &full), ERR_NOT_FOUND);
+    EXPECT_DEATH({ dup2(2, 1); pol_fwd_entry_tloc_upd(nullptr, ctx_, "D", POL_TYPE_PFR, "V", 10, false, &full); },
+                 "failed assertion `pol_type == POL_TYPE_DATA'");
+}
+
+// What the host's label callback saw and answers.
+struct LabelHost {
+    int calls = 0;
+    std::vector<uint64_t> args;  // afi, addr, colour, encap, vpn, service, local, tloc zero, last
+    uint32_t label = 0;
+    std::vector<t_pol_te> te;
+};
+LabelHost g_host;
+
+void label_cb(uint16_t afi, uint32_t addr, uint8_t color, uint8_t encap, uint64_t vpn_id, uint16_t service,
+              bool svc_local, uint32_t *label_p, t_tloc_id *tloc_p, t_pol_te_info *te_info_p, uint32_t last)
+{
+    g_host.calls++;
+    g_host.args = {afi, addr, color, encap, vpn_id, service, svc_local,
+                   tloc_p != nullptr && IPADDR_IS_ZERO(&tloc_p->addr) && tloc_p->color == 0, last};
+    *label_p = g_host.label;
+    for (const t_pol_te &e : g_host.te) {
+        te_info_p->entries[te_info_p->num_entries++] = e;
+    }
+}
+
+// The targets of a sequence as "host/colour:label:preference".
+std::vector<std::string> targets(const t_pol_entry *entry)
+{
+    std::vector<std::string> out;
+    const t_tloc_entry *n;
+    TAILQ_FOREACH(n, &entry->set_entry.fwd_tloc_entry_head, tloc_entry) {
+        out.push_back(addr(n->tloc.addr) + "/" + num(n->tloc.color) + ":" + num(n->set_fwd_label) + ":" +
+                      num(n->route_preference));
+    }
+    return out;
+}
+
+TEST_F(FwdEntryTest, ServiceAsksTheHostForTargets)
+{
+    ctx_->init_params.pol_label_cb = label_cb;
+    g_host = LabelHost{};
+    pol_fwd_entry_vpn_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, 12, true);
+    pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, true, false, true);
+    notified();
+    auto svc = [&](uint16_t type, bool del) {
+        return pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 10, type, del);
+    };
+    struct Case {
+        uint32_t label;
+        std::vector<t_pol_te> te;
+        std::vector<std::string> expect;
+    };
+    const Case cases[] = {
+        {0, {}, {}},
+        {77, {}, {"0/0:77:0"}},
+        {77, {{5, 40, {v4(3), 1, 2}}, {6, 50, {v4(4), 2, 2}}}, {"3/1:5:40", "4/2:6:50"}},
+    };
+    for (const Case &c : cases) {
+        g_host.label = c.label;
+        g_host.te = c.te;
+        ASSERT_EQ(svc(4, false), ERR_OK);
+        EXPECT_EQ(targets(entry_), c.expect);
+        EXPECT_EQ(notified(), 1);
+    }
+    EXPECT_EQ(g_host.args, (std::vector<uint64_t>{1, 0, 0, 0, 12, 4, 1, 1, 0}));
+    EXPECT_TRUE((entry_->entry_set_flags & 0x400) && (block_->pol_flags & 0x10) &&
+                entry_->set_entry.set_fwd_service == 4);
+
+    // Neither a service nor a removal: the block has a service sequence, so
+    // the targets are asked for again.
+    ASSERT_EQ(svc(0, false), ERR_OK);
+    EXPECT_TRUE(g_host.calls == 4 && targets(entry_).size() == 2 && notified() == 1);
+
+    // With a TLOC address set the host is not asked and the targets go.
+    const t_tloc_id t{v4(9), 1, 0};
+    ASSERT_EQ(pol_fwd_entry_tloc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 10, false, &t), ERR_OK);
+    ASSERT_EQ(svc(4, false), ERR_OK);
+    EXPECT_TRUE(g_host.calls == 4 && targets(entry_).empty());
+    ASSERT_EQ(pol_fwd_entry_tloc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 10, false, nullptr), ERR_OK);
+    ASSERT_EQ(svc(4, false), ERR_OK);
+    notified();
+
+    // Removal zeroes the service and its local flags; afterwards a call
+    // with neither does nothing.
+    ASSERT_EQ(svc(0, true), ERR_OK);
+    const t_pol_set_entry &s = entry_->set_entry;
+    EXPECT_TRUE(s.set_fwd_service == 0 && !s.set_fwd_service_local && !(entry_->entry_set_flags & 0x400) &&
+                !(block_->pol_flags & 0x10) && targets(entry_).empty() && notified() == 1);
+    ASSERT_EQ(svc(0, false), ERR_OK);
+    EXPECT_TRUE(g_host.calls == 5 && notified() == 0);
+
+    // The bare label's node cannot be had: logged, nothing kept.
+    g_host.te.clear();
+    LogCapture log;
+    {
+        AllocFailure fail(POL_MEM_ENTRY_TLOC);
+        ASSERT_EQ(svc(4, false), ERR_OK);
+    }
+    EXPECT_TRUE(targets(entry_).empty());
+    ASSERT_FALSE(log.lines.empty());
+    EXPECT_NE(log.lines.back().find("[POL] Failed to allocate memory for fwd_tloc_entry"), std::string::npos);
+    EXPECT_EQ(svc(4, false), ERR_OK);  // the rest of the sequence stays for the cleanup
+    EXPECT_EQ(pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "W", 10, 4, false), ERR_NOT_FOUND);
+}
+
+TEST_F(FwdEntryTest, TlocListReference)
+{
+    const t_tloc_id t1{v4(1), 1, 2}, t2{v4(2), 2, 2};
+    ASSERT_EQ(pol_tloc_list_add_entry(ctx_, "TL", &t2, 20), ERR_OK);
+    ASSERT_EQ(pol_tloc_list_add_entry(ctx_, "TL", &t1, 10), ERR_OK);
+    auto upd = [&](const char *name) { pol_fwd_entry_tloc_list_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, name); };
+    const t_pol_set_entry &s = entry_->set_entry;
+
+    upd("");  // removing what is not there
+    EXPECT_EQ(notified(), 0);
+    upd("TL");
+    t_tloc_list *tl = pol_tloc_list_find(ctx_, "TL");
+    EXPECT_TRUE(s.set_fwd_tloc_list_p == tl && (entry_->entry_set_flags & 0x1000) && (block_->pol_flags & 0x20));
+    EXPECT_EQ(TAILQ_FIRST(&tl->set_list_head), &s);
+    EXPECT_EQ(targets(entry_), (std::vector<std::string>{"1/1:0:10", "2/2:0:20"}));
+    EXPECT_EQ(notified(), 1);
+    upd("TL");  // same list: nothing
+    EXPECT_EQ(notified(), 0);
+
+    // Another list: the first one loses the user; an empty list goes.
+    upd("OTHER");
+    EXPECT_TRUE(TAILQ_EMPTY(&tl->set_list_head) && targets(entry_).empty() && notified() == 1);
+    upd(nullptr);
+    EXPECT_TRUE(s.set_fwd_tloc_list_p == nullptr && !(entry_->entry_set_flags & 0x1000) &&
+                !(block_->pol_flags & 0x20) && notified() == 1);
+    EXPECT_EQ(pol_tloc_list_find(ctx_, "OTHER"), nullptr);
+
+    // A target that cannot be copied drops the reference altogether.
+    {
+        AllocFailure fail(POL_MEM_ENTRY_TLOC, 2);
+        upd("TL");
+    }
+    EXPECT_TRUE(s.set_fwd_tloc_list_p == nullptr && !(entry_->entry_set_flags & 0x1000) && targets(entry_).empty());
+    EXPECT_TRUE(TAILQ_EMPTY(&tl->set_list_head));
+
+    // The list's registration fails: the bit stays, no list is held.
+    {
+        AllocFailure fail(POL_MEM_LIST_TLOC);
+        uint8_t changed = 0;
+        EXPECT_EQ(pol_fwd_entry_set_tloc_list_add(ctx_, entry_, "NEW", &changed), nullptr);
+        EXPECT_TRUE(changed == 0 && s.set_fwd_tloc_list_p == nullptr && (entry_->entry_set_flags & 0x1000));
+    }
+
+    // Deleting the sequence releases the list it sets.
+    upd("TL");
+    notified();
+    pol_fwd_entry_find_and_delete(ctx_, "D", POL_TYPE_DATA, "V", 10);
+    EXPECT_TRUE(TAILQ_EMPTY(&tl->set_list_head) && notified() == 1);
+}
+
+TEST_F(FwdEntryTest, AppProbeClassUpdateIsIgnored)
+{
+    EXPECT_EQ(pol_fwd_entry_app_probe_class_upd("probe", nullptr), ERR_IGNORE);
+}
+
+}  // namespace

@@ -1,0 +1,362 @@
+// Policers, SLA classes, app-probe classes and app-ids: their life cycle
+// with data-policy users, the policer's leaves, the colour entries, the
+// SLA-class chain of an app-probe class with its change cascade, and the
+// dumps.
+#include <bsd/string.h>
+
+#include "pol_test_support.hpp"
+
+namespace {
+
+using namespace poltest;
+using Calls = std::vector<std::string>;
+using FwdObjectsTest = PolContextTest;
+
+// A data-policy sequence's entries as the data-policy model links them:
+// they reach their policy through the sequence's VPN record, never through
+// their own block pointer (pointed here at a decoy policy).
+struct DataSequence {
+    t_pol_fwd_vpn_entry vpn{};
+    t_pol_match_entry match{};
+    t_pol_set_entry set{};
+
+    explicit DataSequence(const char *policy, e_pol_type type = POL_TYPE_PFR)
+    {
+        uint8_t changed = 0;
+        vpn.pol_block_p = pol_block_find_or_create(g_pol_ctx_p, policy, type, &changed);
+        t_pol_block *decoy = pol_block_find_or_create(g_pol_ctx_p, "decoy", type, &changed);
+        match.pol_vpn_p = set.pol_vpn_p = &vpn;
+        match.pol_block_p = set.pol_block_p = decoy;
+    }
+};
+
+// Debug logging on for one scope.
+struct DebugLevel {
+    explicit DebugLevel(uint32_t level) { pol_debug_set(level); }
+    ~DebugLevel() { pol_debug_set(0); }
+};
+
+bool logged(const LogCapture &log, const std::string &text)
+{
+    return std::any_of(log.lines.begin(), log.lines.end(), [&](const std::string &line) {
+        return line.size() >= text.size() && line.compare(line.size() - text.size(), text.size(), text) == 0;
+    });
+}
+
+mgmtd_tag_value_t leaf(uint32_t tag, mgmtd_vtype type, uint64_t value = 0)
+{
+    mgmtd_tag_value_t tv{};
+    tv.tag.tag = tag;
+    tv.v.type = type;
+    if (type == C_UINT64) {
+        tv.v.val.u64 = value;
+    } else if (type == C_ENUM_VALUE) {
+        tv.v.val.enumvalue = static_cast<int32_t>(value);
+    } else {
+        tv.v.val.u32 = static_cast<uint32_t>(value);
+    }
+    return tv;
+}
+
+constexpr uint32_t kRate = 0x31c4ad27, kBurst = 0x4b124597, kExceed = 0x3fe4de6;
+
+// One value-object family (policer, SLA class, app-id) on the object "X",
+// through its own C functions.
+struct Family {
+    const char *what;
+    e_pol_mem row;
+    std::function<e_err()> change;
+    std::function<void *()> find;
+    std::function<void *(DataSequence &)> user_add;
+    std::function<e_err(void *, DataSequence &)> user_remove;
+    std::function<e_err()> cfg_del;
+    std::function<void(void *)> del;
+    bool last_user_deletes;
+};
+
+template <typename T, typename User>
+Family family(const char *what, e_pol_mem row, std::function<e_err()> change,
+              T *(*find)(t_pol_ctx *, const char *), T *(*user_add)(t_pol_ctx *, const char *, User *),
+              e_err (*user_remove)(t_pol_ctx *, T *, User *), e_err (*cfg_del)(t_pol_ctx *, const char *),
+              void (*del)(t_pol_ctx *, T **, uint8_t), User DataSequence::*user, bool last_user_deletes)
+{
+    return {what,
+            row,
+            std::move(change),
+            [=] { return find(g_pol_ctx_p, "X"); },
+            [=](DataSequence &s) { return user_add(g_pol_ctx_p, "X", &(s.*user)); },
+            [=](void *o, DataSequence &s) { return user_remove(g_pol_ctx_p, static_cast<T *>(o), &(s.*user)); },
+            [=] { return cfg_del(g_pol_ctx_p, "X"); },
+            [=](void *o) {
+                auto *rec = static_cast<T *>(o);
+                del(g_pol_ctx_p, &rec, 1);
+            },
+            last_user_deletes};
+}
+
+// Policers, SLA classes and app-ids share one life cycle: made by
+// entry_change or a user, kept by users, gone with cfg_del once unused.
+// They differ in whether the last user takes the object along.
+TEST_F(FwdObjectsTest, ValueObjectsLiveWhileConfiguredOrUsed)
+{
+    const Family families[] = {
+        family("policer", POL_MEM_TYPE_POLICER, [] { return pol_fwd_policer_entry_change(g_pol_ctx_p, "X", 0, nullptr); },
+               pol_fwd_policer_find, pol_fwd_policer_user_add, pol_fwd_policer_user_remove,
+               pol_fwd_policer_cfg_del, pol_fwd_policer_del, &DataSequence::set, false),
+        family("sla class", POL_MEM_TYPE_PFR, [] { return pol_fwd_sla_class_entry_change(g_pol_ctx_p, "X"); },
+               pol_fwd_sla_class_find, pol_fwd_sla_class_user_add, pol_fwd_sla_class_user_remove,
+               pol_fwd_sla_class_cfg_del, pol_fwd_sla_class_del, &DataSequence::set, false),
+        family("app-id", POL_MEM_ENTRY_APPID, [] { return pol_fwd_app_id_entry_change(g_pol_ctx_p, "X"); },
+               pol_fwd_app_id_find, pol_fwd_app_id_user_add, pol_fwd_app_id_user_remove,
+               pol_fwd_app_id_cfg_del, pol_fwd_app_id_del, &DataSequence::match, true),
+    };
+    Calls calls;
+    register_user("ar", "AR", POL_TYPE_PFR, POL_DIR_OUT, record_cb, &calls);
+    register_user("decoy", "decoy", POL_TYPE_PFR, POL_DIR_OUT, record_cb, &calls);
+    for (const Family &f : families) {
+        SCOPED_TRACE(f.what);
+        const int64_t live0 = live_count(f.row);
+        DataSequence seq("AR");
+        calls.clear();
+        for (bool by_user : {false, true}) {
+            AllocFailure fail(f.row);
+            EXPECT_TRUE(by_user ? f.user_add(seq) == nullptr : f.change() == ERR_ALLOC);
+        }
+        ASSERT_EQ(f.change(), ERR_OK);
+        void *obj = f.find();
+        ASSERT_NE(obj, nullptr);
+        EXPECT_EQ(f.user_add(seq), obj);
+        EXPECT_EQ(f.change(), ERR_OK);
+        EXPECT_EQ(calls, Calls{"ar"});  // through the VPN record only
+        EXPECT_EQ(f.cfg_del(), ERR_OK);
+        EXPECT_EQ(f.find(), obj);  // in use: kept as it is
+        EXPECT_DEATH({ dup2(2, 1); f.del(obj); }, "pol_list\\.hpp:[0-9]+: failed assertion `chains::empty\\(list\\)'");
+        EXPECT_EQ(f.user_remove(obj, seq), ERR_OK);
+        EXPECT_EQ(f.user_remove(nullptr, seq), ERR_NOT_FOUND);
+        EXPECT_EQ(f.find() == nullptr, f.last_user_deletes);
+        EXPECT_EQ(f.cfg_del(), ERR_OK);
+        EXPECT_EQ(f.find(), nullptr);
+        EXPECT_EQ(live_count(f.row), live0);
+    }
+}
+
+// Every dump of a filled object, and a new SLA class's unset limits.
+TEST_F(FwdObjectsTest, DumpsOfFilledObjects)
+{
+    DataSequence s1("AR1"), s2("AR2"), d("DP", POL_TYPE_DATA);
+    pol_fwd_policer_user_add(ctx_, "pol1", &d.set);
+    const mgmtd_tag_value_t leaves[] = {leaf(kRate, C_UINT64, 1000000), leaf(kBurst, C_UINT32, 15000),
+                                        leaf(kExceed, C_ENUM_VALUE, 1)};
+    ASSERT_EQ(pol_fwd_policer_entry_change(ctx_, "pol1", 3, leaves), ERR_OK);
+    t_fwd_policer *policer = pol_fwd_policer_find(ctx_, "pol1");
+    pol_fwd_sla_class_entry_change(ctx_, "fresh");
+    t_fwd_sla_class *fresh = pol_fwd_sla_class_find(ctx_, "fresh");
+    t_fwd_sla_class *sla = pol_fwd_sla_class_user_add(ctx_, "voice", &s1.set);
+    pol_fwd_sla_class_user_add(ctx_, "voice", &s2.set);
+    sla->loss = 2;
+    sla->latency = 150;
+    sla->jitter = 0;
+    pol_app_probe_class_entry_change(ctx_, "apc", "fc-voice");
+    pol_app_probe_class_add_entry(ctx_, "apc", 5, 46);
+    pol_app_probe_class_add_entry(ctx_, "apc", 3, 0);
+    t_app_probe_class *apc = pol_fwd_app_probe_class_user_add(ctx_, "apc", sla);
+    apc->fetch_xml = 0;
+    t_fwd_app_id *app_id = pol_fwd_app_id_user_add(ctx_, "zoom", &d.match);
+
+    const std::string rule = "\n================================";
+    const struct {
+        void (*dump)(mgmtd_cli_user_info *);
+        std::string expected;
+    } cases[] = {
+        {pol_dump_fwd_policer_all,
+         rule + "\n  FORWARDING POLICERS      " + rule + "\nfwd-policer: pol1 (" + ptr(policer) +
+             ", 1)\n  Policy Config: rate 1000000, burst 15000, exceed_action 1\n  Policer User: DP\nend \n"},
+        {pol_dump_fwd_sla_class_all,
+         rule + "\n  SLA CLASSES         " + rule + "\nsla-class: fresh (" + ptr(fresh) +
+             ", 1)\n  Loss: Not Configured\n  Latency: Not Configured\n  Jitter: Not Configured"
+             "\n  App Probe Class: Not Configured\nend \n" +
+             "\nsla-class: voice (" + ptr(sla) +
+             ", 1)\n  Loss: 2\n  Latency: 150\n  Jitter: 0\n  App Probe Class: apc"
+             "\n  SLA CLASS User: AR1\n  SLA CLASS User: AR2\nend \n"},
+        {pol_dump_app_probe_class_all,
+         rule + "\n APP PROBE CLASS LISTS" + rule + "\napp_probe_class: apc (0x" + ptr(apc) +
+             ", 0)\n  Forwarding-Class: fc-voice\n  Color: 3\n  DSCP: Not Configured\n  Color: 5\n  DSCP: 46"
+             "\n App Probe Class apc is referenced in : voice\nend \n"},
+        {pol_dump_fwd_app_id_all,
+         rule + "\n  FORWARDING APP IDS" + rule + "\napp-id: zoom (" + ptr(app_id) + ")\n  APP ID User: DP\nend \n"},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(dump(c.dump), c.expected);
+    }
+    EXPECT_NE(dump([](mgmtd_cli_user_info *u) { pol_dump_all(u, 0, nullptr); }).find("\nfwd-policer: pol1"),
+              std::string::npos);
+
+    pol_fwd_policer_user_remove(ctx_, policer, &d.set);
+    pol_fwd_sla_class_user_remove(ctx_, sla, &s1.set);
+    pol_fwd_sla_class_user_remove(ctx_, sla, &s2.set);
+    pol_fwd_app_id_user_remove(ctx_, app_id, &d.match);
+    // Torn down with the SLA class still in the app-probe class's chain.
+}
+
+TEST_F(FwdObjectsTest, PolicerLeaves)
+{
+    Calls calls;
+    register_user("dp", "DP", POL_TYPE_DATA, POL_DIR_OUT, record_cb, &calls);
+    DataSequence d("DP", POL_TYPE_DATA);
+    t_fwd_policer *policer = pol_fwd_policer_user_add(ctx_, "P", &d.set);
+    const struct {
+        std::vector<mgmtd_tag_value_t> leaves;
+        uint64_t rate;
+        uint32_t burst;
+        uint8_t exceed;
+    } steps[] = {
+        {{leaf(kRate, C_UINT64, 1ull << 40), leaf(kBurst, C_UINT32, 9), leaf(kExceed, C_ENUM_VALUE, 2)}, 1ull << 40, 9, 2},
+        {{leaf(kRate, C_NOEXISTS), leaf(kBurst, C_UINT32, 7)}, 1ull << 40, 7, 2},     // removed: kept
+        {{leaf(0x12345678, C_BUF), leaf(kExceed, C_ENUM_VALUE, 1)}, 1ull << 40, 7, 1},  // unknown tag: skipped
+        {{}, 1ull << 40, 7, 1},
+    };
+    for (const auto &s : steps) {
+        policer->fetch_xml = 0;
+        calls.clear();
+        EXPECT_EQ(pol_fwd_policer_entry_change(ctx_, "P", static_cast<uint16_t>(s.leaves.size()), s.leaves.data()),
+                  ERR_OK);
+        EXPECT_TRUE(policer->rate == s.rate && policer->burst == s.burst && policer->exceed_action == s.exceed);
+        EXPECT_TRUE(policer->fetch_xml == 1 && calls == Calls{"dp"});
+    }
+    // A leaf of a wrong value kind is a programming error.
+    const struct {
+        mgmtd_tag_value_t bad;
+        const char *message;
+    } deaths[] = {
+        {leaf(kRate, C_UINT32, 5), "failed assertion `\\(&p_curr_val->v\\)->type == C_UINT64'"},
+        {leaf(kBurst, C_UINT64, 5), "failed assertion `\\(&p_curr_val->v\\)->type == C_UINT32'"},
+        {leaf(kExceed, C_UINT8, 5), "failed assertion `\\(&p_curr_val->v\\)->type == C_ENUM_VALUE'"},
+    };
+    for (const auto &d2 : deaths) {
+        EXPECT_DEATH({ dup2(2, 1); pol_fwd_policer_entry_change(ctx_, "P", 1, &d2.bad); },
+                     std::string("pol_fwd_policer\\.cpp:[0-9]+: ") + d2.message);
+    }
+    pol_fwd_policer_user_remove(ctx_, policer, &d.set);
+}
+
+TEST_F(FwdObjectsTest, AppProbeClassColourEntries)
+{
+    const int64_t classes0 = live_count(POL_MEM_LIST_APP_PROBE_CLASS);
+    EXPECT_EQ(pol_app_probe_class_add_entry(ctx_, "A", 1, 10), 1);  // unknown class: nothing made
+    EXPECT_TRUE(pol_app_probe_class_find(ctx_, "A") == nullptr && live_count(POL_MEM_LIST_APP_PROBE_CLASS) == classes0);
+
+    ASSERT_EQ(pol_app_probe_class_entry_change(ctx_, "A", nullptr), ERR_OK);
+    t_app_probe_class *apc = pol_app_probe_class_find(ctx_, "A");
+    ASSERT_TRUE(apc != nullptr && apc->fetch_xml == 1 && apc->forwarding_class[0] == '\0');
+    EXPECT_EQ(pol_app_probe_class_add_entry(ctx_, "A", 0x10001, 10), ERR_OK);
+    t_app_probe_class_color_entry *e1 = pol_app_probe_class_find_entry(ctx_, apc, 1);
+    ASSERT_TRUE(e1 != nullptr && e1->color == 1 && e1->dscp == 10);
+    pol_app_probe_class_add_entry(ctx_, "A", 2, 20);
+    apc->fetch_xml = 0;
+    EXPECT_EQ(pol_app_probe_class_add_entry(ctx_, "A", 1, 12), ERR_OK);  // in place
+    EXPECT_TRUE(pol_app_probe_class_find_entry(ctx_, apc, 0x20001) == e1 && e1->dscp == 12 && apc->fetch_xml == 1);
+    EXPECT_EQ(TAILQ_FIRST(&apc->app_probe_class_color_entry_head), e1);
+    EXPECT_EQ(TAILQ_NEXT(e1, app_probe_class_color_entry)->color, 2);
+    {
+        AllocFailure fail(POL_MEM_ENTRY_APP_PROBE_CLASS_COLOR);
+        EXPECT_EQ(pol_app_probe_class_add_entry(ctx_, "A", 3, 30), 1);
+    }
+    apc->fetch_xml = 0;
+    EXPECT_EQ(pol_app_probe_class_del_entry(ctx_, "A", 9), ERR_OK);  // absent colour
+    EXPECT_EQ(apc->fetch_xml, 1);
+    EXPECT_EQ(pol_app_probe_class_del_entry(ctx_, "none", 1), ERR_OK);
+    EXPECT_EQ(pol_app_probe_class_del_entry(ctx_, "A", 0x10001), ERR_OK);
+    EXPECT_EQ(pol_app_probe_class_find_entry(ctx_, apc, 1), nullptr);
+
+    // A forwarding class keeps the class through cfg_del; its colours go.
+    pol_app_probe_class_entry_change(ctx_, "A", std::string(80, 'f').c_str());
+    EXPECT_EQ(std::string(apc->forwarding_class), std::string(63, 'f'));
+    EXPECT_DEATH({ dup2(2, 1); pol_app_probe_class_del(ctx_, &apc, 1); }, "failed assertion `queue::empty");
+    EXPECT_EQ(pol_app_probe_class_cfg_del(ctx_, "A"), ERR_OK);
+    EXPECT_TRUE(pol_app_probe_class_find(ctx_, "A") == apc && pol_app_probe_class_find_entry(ctx_, apc, 2) == nullptr);
+    apc->forwarding_class[0] = '\0';
+    pol_app_probe_class_add_entry(ctx_, "A", 4, 40);
+    EXPECT_EQ(pol_app_probe_class_cfg_del(ctx_, "A"), ERR_OK);
+    EXPECT_EQ(pol_app_probe_class_find(ctx_, "A"), nullptr);
+    EXPECT_EQ(live_count(POL_MEM_ENTRY_APP_PROBE_CLASS_COLOR), 0);
+}
+
+// A change of an app-probe class is a change of each SLA class in its
+// chain, in chain order; the SLA classes' users hear of it.
+TEST_F(FwdObjectsTest, ProbeClassChangesCascadeToSlaClasses)
+{
+    Calls calls;
+    register_user("u2", "AR2", POL_TYPE_PFR, POL_DIR_OUT, record_cb, &calls);
+    register_user("u1", "AR1", POL_TYPE_PFR, POL_DIR_OUT, record_cb, &calls);
+    DataSequence s1("AR1"), s2("AR2"), s3("AR1");
+    t_fwd_sla_class *b = pol_fwd_sla_class_user_add(ctx_, "B", &s2.set);
+    t_fwd_sla_class *a = pol_fwd_sla_class_user_add(ctx_, "A", &s1.set);
+    t_fwd_sla_class *lone = pol_fwd_sla_class_user_add(ctx_, "lone", &s3.set);
+    EXPECT_EQ(pol_fwd_app_probe_class_user_add(ctx_, "apc", b), nullptr);  // unknown: nothing made
+    EXPECT_EQ(pol_app_probe_class_find(ctx_, "apc"), nullptr);
+    pol_app_probe_class_entry_change(ctx_, "apc", nullptr);
+    t_app_probe_class *apc = pol_app_probe_class_find(ctx_, "apc");
+    EXPECT_EQ(pol_fwd_app_probe_class_user_add(ctx_, "apc", b), apc);
+    EXPECT_EQ(pol_fwd_app_probe_class_user_add(ctx_, "apc", a), apc);
+    EXPECT_EQ(pol_fwd_app_probe_class_user_add(ctx_, "apc", a), apc);  // linked once
+    EXPECT_TRUE(pol_app_probe_class_find_sla_entry(ctx_, apc, a) == a &&
+                pol_app_probe_class_find_sla_entry(ctx_, apc, lone) == nullptr);
+    EXPECT_EQ(std::string(a->app_probe_class_name), "apc");
+
+    const std::function<void()> changes[] = {
+        [&] { pol_app_probe_class_entry_change(ctx_, "apc", "fc"); },
+        [&] { pol_app_probe_class_add_entry(ctx_, "apc", 7, 1); pol_app_probe_class_del_entry(ctx_, "apc", 7); },
+    };
+    for (const auto &change : changes) {
+        for (t_fwd_sla_class *c : {a, b, lone}) {
+            c->fetch_xml = 0;
+        }
+        calls.clear();
+        DebugLevel debug(1);
+        LogCapture log;
+        change();
+        EXPECT_EQ(calls, (Calls{"u2", "u1"}));  // B then A, each flushed at once
+        EXPECT_TRUE(a->fetch_xml == 1 && b->fetch_xml == 1 && lone->fetch_xml == 0);
+        EXPECT_TRUE(logged(log, "[POL] Notifying app-probe-class apc change to sla-class B\n"));
+    }
+    calls.clear();
+    pol_app_probe_class_add_entry(ctx_, "apc", 8, 1);  // adding alone tells nobody
+    EXPECT_TRUE(calls.empty());
+
+    pol_fwd_sla_class_user_remove(ctx_, a, &s1.set);
+    pol_fwd_sla_class_user_remove(ctx_, b, &s2.set);
+    pol_fwd_sla_class_user_remove(ctx_, lone, &s3.set);
+    EXPECT_DEATH({ dup2(2, 1); pol_app_probe_class_del(ctx_, &apc, 1); }, "failed assertion `queue::empty");
+    EXPECT_EQ(pol_fwd_sla_class_cfg_del(ctx_, "A"), ERR_OK);  // unused: it leaves the chain and goes
+    EXPECT_TRUE(pol_fwd_sla_class_find(ctx_, "A") == nullptr && TAILQ_FIRST(&apc->sla_class_head) == b &&
+                TAILQ_NEXT(b, set_app_probe_class_sla_entry) == nullptr);
+}
+
+// Taking an SLA class out of its app-probe class, and moving it.
+TEST_F(FwdObjectsTest, SlaClassLeavesItsProbeClass)
+{
+    pol_app_probe_class_entry_change(ctx_, "P1", nullptr);
+    pol_app_probe_class_entry_change(ctx_, "P2", "fc");
+    pol_fwd_sla_class_entry_change(ctx_, "S");
+    t_fwd_sla_class *s = pol_fwd_sla_class_find(ctx_, "S");
+    EXPECT_EQ(pol_fwd_app_probe_class_entry_find_and_delete(ctx_, s), 0);  // names none
+    strlcpy(s->app_probe_class_name, "P2", sizeof(s->app_probe_class_name));
+    EXPECT_EQ(pol_fwd_app_probe_class_entry_find_and_delete(ctx_, s), 1);  // not in its chain
+    strlcpy(s->app_probe_class_name, "gone", sizeof(s->app_probe_class_name));
+    EXPECT_EQ(pol_fwd_app_probe_class_entry_find_and_delete(ctx_, s), 1);
+
+    pol_fwd_app_probe_class_user_add(ctx_, "P1", s);
+    pol_fwd_app_probe_class_user_add(ctx_, "P2", s);  // moves; P1, left empty, goes
+    EXPECT_TRUE(pol_app_probe_class_find(ctx_, "P1") == nullptr && std::string(s->app_probe_class_name) == "P2");
+    t_app_probe_class *p2 = pol_app_probe_class_find(ctx_, "P2");
+    {
+        DebugLevel debug(1);
+        LogCapture log;
+        EXPECT_EQ(pol_fwd_app_probe_class_entry_find_and_delete(ctx_, s), 0);
+        EXPECT_TRUE(logged(log, "[POL] Removing app-probe-class P2 entry from sla class S"));
+    }
+    EXPECT_TRUE(s->app_probe_class_name[0] == '\0' && s->pol_app_probe_class_p == nullptr);
+    EXPECT_TRUE(pol_app_probe_class_find(ctx_, "P2") == p2 && TAILQ_EMPTY(&p2->sla_class_head));  // kept by "fc"
+}
+
+}  // namespace
