@@ -2,13 +2,14 @@
 # inputs by their relative paths. The same checks run in the sanitizer
 # build, where any report fails them.
 function(polctl_test name rc)
-  cmake_parse_arguments(T "" "GOLDEN;GOLDEN_ERR;ERR_REGEX;OUT_REGEX" "ARGS" ${ARGN})
+  cmake_parse_arguments(T "" "GOLDEN;GOLDEN_ERR;ERR_REGEX;OUT_REGEX;MASK_POINTERS" "ARGS" ${ARGN})
   string(REPLACE ";" "|" args "${T_ARGS}")
   add_test(NAME ${name}
     COMMAND ${CMAKE_COMMAND} -DPOLCTL=$<TARGET_FILE:polctl> -DARGS=${args}
             -DWORKDIR=${PROJECT_SOURCE_DIR} -DEXPECT_RC=${rc}
             -DGOLDEN=${T_GOLDEN} -DGOLDEN_ERR=${T_GOLDEN_ERR}
             -DERR_REGEX=${T_ERR_REGEX} -DOUT_REGEX=${T_OUT_REGEX}
+            -DMASK_POINTERS=${T_MASK_POINTERS}
             -P ${CMAKE_CURRENT_SOURCE_DIR}/polctl_check.cmake)
 endfunction()
 
@@ -26,7 +27,13 @@ polctl_test(polctl_diff_json 0 ARGS --json diff examples/policy.xml examples/pol
   OUT_REGEX "\"command\": \"diff\"")
 polctl_test(polctl_check 0 ARGS check examples/policy-v2.xml GOLDEN ${POLCTL_GOLDEN}/check.txt)
 polctl_test(polctl_check_data 0 ARGS check examples/data-policy.xml
-  OUT_REGEX "^examples/data-policy.xml: valid")
+  GOLDEN ${POLCTL_GOLDEN}/check-data.txt)
+polctl_test(polctl_diff_data 0 ARGS diff examples/data-policy.xml examples/data-policy-v2.xml
+  GOLDEN ${POLCTL_GOLDEN}/diff-data.txt)
+foreach(what policies lists)
+  polctl_test(polctl_show_data_${what} 0 ARGS show ${what} examples/data-policy.xml
+    GOLDEN ${POLCTL_GOLDEN}/show-data-${what}.txt MASK_POINTERS 1)
+endforeach()
 polctl_test(polctl_check_data_v2 0 ARGS check examples/data-policy-v2.xml
   OUT_REGEX "^examples/data-policy-v2.xml: valid")
 polctl_test(polctl_check_json 0 ARGS --json check examples/policy.xml
