@@ -13,8 +13,8 @@ using dns_app_chain =
     pol::user_chain<t_app_list, t_pol_match_entry, &t_app_list::match_dns_list_head,
                     &t_pol_match_entry::dns_app_list_entry, pol::block_of_data_user<t_pol_match_entry>>;
 using saas_app_chain =
-    pol::user_chain<t_app_list, t_pol_match_entry, &t_app_list::match_saas_list_head,
-                    &t_pol_match_entry::saas_app_list_entry, pol::block_of_data_user<t_pol_match_entry>>;
+    pol::user_chain<t_app_list, t_app_list_dll_node, &t_app_list::match_saas_list_head,
+                    &t_app_list_dll_node::saas_user_entry, pol::block_of_data_user>;
 
 struct app_traits : pol::list_hooks<t_app_list> {
     using list_t = t_app_list;
@@ -158,14 +158,14 @@ e_err pol_dns_app_list_user_remove(t_pol_ctx *ctx, t_app_list *list, t_pol_match
     return app_lists::user_remove<dns_app_chain>(ctx, list, match);
 }
 
-t_app_list *pol_saas_app_list_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_entry *match)
+t_app_list *pol_saas_app_list_user_add(t_pol_ctx *ctx, const char *name, t_app_list_dll_node *node)
 {
-    return app_lists::user_add<saas_app_chain>(ctx, name, match);
+    return app_lists::user_add<saas_app_chain>(ctx, name, node);
 }
 
-e_err pol_saas_app_list_user_remove(t_pol_ctx *ctx, t_app_list *list, t_pol_match_entry *match)
+e_err pol_saas_app_list_user_remove(t_pol_ctx *ctx, t_app_list *list, t_app_list_dll_node *node)
 {
-    return app_lists::user_remove<saas_app_chain>(ctx, list, match);
+    return app_lists::user_remove<saas_app_chain>(ctx, list, node);
 }
 
 void pol_app_list_users_add_to_chg_list(t_pol_ctx *ctx, t_app_list *list)

@@ -531,7 +531,7 @@ void dump_app_list(t_app_list *list, mgmtd_cli_user_info *uinfo)
     dump_data_users<t_pol_match_entry, &t_pol_match_entry::app_list_entry>(uinfo, "APP LIST", list->match_list_head);
     dump_data_users<t_pol_match_entry, &t_pol_match_entry::dns_app_list_entry>(uinfo, "DNS APP LIST",
                                                            list->match_dns_list_head);
-    dump_data_users<t_pol_match_entry, &t_pol_match_entry::saas_app_list_entry>(uinfo, "SAAS APP LIST",
+    dump_data_users<t_app_list_dll_node, &t_app_list_dll_node::saas_user_entry>(uinfo, "SAAS APP LIST",
                                                             list->match_saas_list_head);
     pol_cli_printf(uinfo, "\nend \n");
 }

@@ -53,6 +53,29 @@ bool append_service_targets(t_pol_ctx *ctx, t_pol_set_entry *set, const t_tloc_i
 
 /* ---- references to named lists ---- */
 
+// The front end of a reference: finds the sequence; a name (at most 128
+// characters looked at) sets the reference, an absent or empty one
+// removes it; the block's users are queued when that changed anything.
+template <typename Add, typename Del>
+void update_reference(t_pol_ctx *ctx, const char *pol_name, e_pol_type pol_type, const char *vpn_name,
+                      uint32_t seq_num, const char *name, Add &&add, Del &&del)
+{
+    t_pol_block *block = nullptr;
+    t_pol_entry *entry = pol_fwd_pol_entry_get(ctx, pol_name, pol_type, vpn_name, seq_num, &block);
+    if (entry == nullptr) {
+        return;
+    }
+    uint8_t changed = 0;
+    if (name != nullptr && strnlen(name, POL_NAME_SIZE) > 0) {
+        add(ctx, entry, name, &changed);
+    } else {
+        del(ctx, entry, &changed);
+    }
+    if (changed != 0) {
+        pol_block_users_add_to_chg_list(ctx, block);
+    }
+}
+
 enum class mask_of { match, set };
 
 inline uint64_t &flags(t_pol_entry *entry, mask_of which)
@@ -74,6 +97,9 @@ struct ref_hooks {
     static void on_add(t_pol_ctx *, t_pol_entry *) {}
     static void on_delete(t_pol_ctx *, t_pol_entry *) {}
     static constexpr bool own_release = false;
+    // A reference whose add may be given no name: it then only lets go of
+    // the list held.
+    static constexpr bool name_optional = false;
 };
 
 template <typename R>
@@ -87,6 +113,15 @@ struct list_ref {
     {
         uint64_t &mask = flags(entry, R::which);
         list_t *&held = R::held(entry);
+        if constexpr (R::name_optional) {
+            if (name == nullptr || name[0] == '\0') {
+                if (held != nullptr) {
+                    R::user_remove(ctx, held, entry);
+                    held = nullptr;
+                }
+                return nullptr;
+            }
+        }
         if ((mask & R::bit) != 0 && held != nullptr &&
             std::strncmp(R::name_of(held), name, POL_LIST_NAME_SIZE) == 0) {
             return held;
@@ -129,20 +164,7 @@ struct list_ref {
     static void upd(t_pol_ctx *ctx, const char *pol_name, e_pol_type pol_type,
                     const char *vpn_name, uint32_t seq_num, const char *name)
     {
-        t_pol_block *block = nullptr;
-        t_pol_entry *entry = pol_fwd_pol_entry_get(ctx, pol_name, pol_type, vpn_name, seq_num, &block);
-        if (entry == nullptr) {
-            return;
-        }
-        uint8_t changed = 0;
-        if (name != nullptr && strnlen(name, POL_NAME_SIZE) > 0) {
-            add(ctx, entry, name, &changed);
-        } else {
-            del(ctx, entry, &changed);
-        }
-        if (changed != 0) {
-            pol_block_users_add_to_chg_list(ctx, block);
-        }
+        update_reference(ctx, pol_name, pol_type, vpn_name, seq_num, name, add, del);
     }
 
     static void release(t_pol_ctx *ctx, t_pol_entry *entry)

@@ -364,8 +364,9 @@ t_app_list *pol_app_list_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_
 e_err pol_app_list_user_remove(t_pol_ctx *ctx, t_app_list *list, t_pol_match_entry *match);
 t_app_list *pol_dns_app_list_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_entry *match);
 e_err pol_dns_app_list_user_remove(t_pol_ctx *ctx, t_app_list *list, t_pol_match_entry *match);
-t_app_list *pol_saas_app_list_user_add(t_pol_ctx *ctx, const char *name, t_pol_match_entry *match);
-e_err pol_saas_app_list_user_remove(t_pol_ctx *ctx, t_app_list *list, t_pol_match_entry *match);
+/* A SaaS list's users are the nodes by which conditions hold it. */
+t_app_list *pol_saas_app_list_user_add(t_pol_ctx *ctx, const char *name, t_app_list_dll_node *node);
+e_err pol_saas_app_list_user_remove(t_pol_ctx *ctx, t_app_list *list, t_app_list_dll_node *node);
 void pol_app_list_users_add_to_chg_list(t_pol_ctx *ctx, t_app_list *list);
 void pol_dump_app_list_all(struct mgmtd_cli_user_info *uinfo);
 
@@ -711,6 +712,51 @@ t_tloc_list *pol_fwd_entry_set_tloc_list_add(t_pol_ctx *ctx, t_pol_entry *entry,
 void pol_fwd_entry_set_tloc_list_delete(t_pol_ctx *ctx, t_pol_entry *entry, uint8_t *changed);
 void pol_fwd_entry_tloc_list_upd(t_pol_ctx *ctx, const char *pol_name, e_pol_type pol_type,
                                  const char *vpn_name, uint32_t seq_num, const char *list_name);
+#define POL_FWD_REF_DECLARE(list_t, add_fn, delete_fn, upd_fn)                                     \
+    list_t *add_fn(t_pol_ctx *ctx, t_pol_entry *entry, const char *name, uint8_t *changed);      \
+    void delete_fn(t_pol_ctx *ctx, t_pol_entry *entry, uint8_t *changed);                        \
+    void upd_fn(t_pol_ctx *ctx, const char *pol_name, e_pol_type pol_type, const char *vpn_name, \
+                uint32_t seq_num, const char *name);
+POL_FWD_REF_DECLARE(t_fwd_pfx_list, pol_fwd_entry_match_src_list_add,
+                    pol_fwd_entry_match_src_list_delete, pol_fwd_entry_src_pfx_upd)
+POL_FWD_REF_DECLARE(t_fwd_pfx_list, pol_fwd_entry_match_dst_list_add,
+                    pol_fwd_entry_match_dst_list_delete, pol_fwd_entry_dst_pfx_upd)
+POL_FWD_REF_DECLARE(t_fwd_pfx_list, pol_fwd_entry_match_src6_list_add,
+                    pol_fwd_entry_match_src6_list_delete, pol_fwd_entry_src_pfx6_upd)
+POL_FWD_REF_DECLARE(t_fwd_pfx_list, pol_fwd_entry_match_dst6_list_add,
+                    pol_fwd_entry_match_dst6_list_delete, pol_fwd_entry_dst_pfx6_upd)
+POL_FWD_REF_DECLARE(t_fwd_app_id, pol_fwd_entry_match_app_id_add,
+                    pol_fwd_entry_match_app_id_delete, pol_fwd_entry_app_id_upd)
+POL_FWD_REF_DECLARE(t_app_list, pol_fwd_entry_match_app_list_add,
+                    pol_fwd_entry_match_app_list_delete, pol_fwd_entry_app_list_upd)
+POL_FWD_REF_DECLARE(t_app_list, pol_fwd_entry_match_dns_app_list_add,
+                    pol_fwd_entry_match_dns_app_list_delete, pol_fwd_entry_dns_app_list_upd)
+/* The SaaS lists are a set: add appends one more list, delete drops all. */
+POL_FWD_REF_DECLARE(t_app_list, pol_fwd_entry_match_saas_app_list_add,
+                    pol_fwd_entry_match_saas_app_list_delete, pol_fwd_entry_saas_app_list_upd)
+/* A policer add with no name only lets go of the policer held. */
+POL_FWD_REF_DECLARE(t_fwd_policer, pol_fwd_entry_set_policer_add,
+                    pol_fwd_entry_set_policer_delete, pol_fwd_entry_policer_upd)
+#undef POL_FWD_REF_DECLARE
+
+/* The SLA class of an app-route sequence (any other policy type stops the
+ * process). No name keeps the held class; a value whose "changed" flag is
+ * false keeps the held one; the same class updates its values in place. */
+t_fwd_sla_class *pol_fwd_entry_sla_class_add(t_pol_ctx *ctx, t_pol_entry *entry, const char *name,
+                                             uint8_t *changed);
+void pol_fwd_entry_sla_class_delete(t_pol_ctx *ctx, t_pol_entry *entry, uint8_t *changed);
+void pol_fwd_entry_sla_class_upd(t_pol_ctx *ctx, const char *pol_name, e_pol_type pol_type,
+                                 const char *vpn_name, uint32_t seq_num, const char *sla_class_name,
+                                 uint8_t sla_strict, uint32_t sla_pref_color, bool del,
+                                 bool strict_changed, bool prefer_changed);
+/* The same on the VPN list's default sequence, every value given. */
+void pol_fwd_default_entry_sla_class_upd(t_pol_ctx *ctx, const char *pol_name, e_pol_type pol_type,
+                                         const char *vpn_name, const char *sla_class_name,
+                                         uint8_t sla_strict, uint32_t sla_pref_color, bool del);
+/* Links the SLA class with the app-probe class: 0, or 1 when either
+ * cannot be had. */
+int pol_fwd_entry_app_probe_class_add(t_pol_ctx *ctx, const char *sla_class_name,
+                                      const char *app_probe_class_name);
 
 /* Changes nothing: ERR_IGNORE. */
 e_err pol_fwd_entry_app_probe_class_upd(const char *app_probe_class_name, t_fwd_sla_class *sla_class);

@@ -109,6 +109,11 @@ t_pol_block *block_of_data_user(const User *u)
 {
     return u->pol_vpn_p != nullptr ? u->pol_vpn_p->pol_block_p : nullptr;
 }
+// A SaaS list's user is the node by which a condition holds the list.
+inline t_pol_block *block_of_data_user(const t_app_list_dll_node *node)
+{
+    return node->match_entry_p != nullptr ? block_of_data_user(node->match_entry_p) : nullptr;
+}
 
 // One chain of users on a list: the head member on the list, the link
 // member in the user record, and the way to the user's block.

@@ -12,11 +12,13 @@ namespace poltest {
 struct FwdCondition {
     t_pol_fwd_vpn_entry vpn{};
     t_pol_match_entry match{};
+    t_app_list_dll_node saas{};  // how the condition holds a SaaS list
     explicit FwdCondition(const char *policy)
     {
         uint8_t changed = 0;
         vpn.pol_block_p = pol_block_find_or_create(g_pol_ctx_p, policy, POL_TYPE_DATA, &changed);
         match.pol_vpn_p = &vpn;
+        saas.match_entry_p = &match;
     }
 };
 

@@ -21,12 +21,15 @@ Texts apps(t_app_list *list)
 
 const struct Chain {
     const char *what;
-    t_app_list *(*add)(t_pol_ctx *, const char *, t_pol_match_entry *);
-    e_err (*remove)(t_pol_ctx *, t_app_list *, t_pol_match_entry *);
+    t_app_list *(*add)(t_pol_ctx *, const char *, FwdCondition &);
+    e_err (*remove)(t_pol_ctx *, t_app_list *, FwdCondition &);
 } kChains[] = {
-    {"app", pol_app_list_user_add, pol_app_list_user_remove},
-    {"dns", pol_dns_app_list_user_add, pol_dns_app_list_user_remove},
-    {"saas", pol_saas_app_list_user_add, pol_saas_app_list_user_remove},
+    {"app", [](t_pol_ctx *c, const char *n, FwdCondition &f) { return pol_app_list_user_add(c, n, &f.match); },
+     [](t_pol_ctx *c, t_app_list *l, FwdCondition &f) { return pol_app_list_user_remove(c, l, &f.match); }},
+    {"dns", [](t_pol_ctx *c, const char *n, FwdCondition &f) { return pol_dns_app_list_user_add(c, n, &f.match); },
+     [](t_pol_ctx *c, t_app_list *l, FwdCondition &f) { return pol_dns_app_list_user_remove(c, l, &f.match); }},
+    {"saas", [](t_pol_ctx *c, const char *n, FwdCondition &f) { return pol_saas_app_list_user_add(c, n, &f.saas); },
+     [](t_pol_ctx *c, t_app_list *l, FwdCondition &f) { return pol_saas_app_list_user_remove(c, l, &f.saas); }},
 };
 
 TEST_F(AppListTest, EachChainHearsOnlyOfCommitsAndKeepsItsListWhole)
@@ -35,7 +38,7 @@ TEST_F(AppListTest, EachChainHearsOnlyOfCommitsAndKeepsItsListWhole)
         SCOPED_TRACE(c.what);
         watch(c.what);
         FwdCondition cond(c.what);
-        t_app_list *list = c.add(ctx_, "L", &cond.match);  // an unknown name is created
+        t_app_list *list = c.add(ctx_, "L", cond);  // an unknown name is created
         ASSERT_NE(list, nullptr);
         EXPECT_TRUE(list->fetch_xml == 1 && !pol_app_list_is_empty(list));
         list->fetch_xml = 0;
@@ -52,9 +55,9 @@ TEST_F(AppListTest, EachChainHearsOnlyOfCommitsAndKeepsItsListWhole)
         calls_.clear();
         EXPECT_EQ(pol_app_list_cfg_del(ctx_, "L"), ERR_OK);  // in use: kept whole
         EXPECT_TRUE(pol_app_list_find(ctx_, "L") == list && apps(list) == (Texts{"mail", "web"}));
-        EXPECT_EQ(c.remove(ctx_, list, &cond.match), ERR_OK);  // the last user: kept
+        EXPECT_EQ(c.remove(ctx_, list, cond), ERR_OK);  // the last user: kept
         EXPECT_TRUE(pol_app_list_find(ctx_, "L") == list && pol_app_list_is_empty(list));
-        EXPECT_EQ(c.remove(ctx_, nullptr, &cond.match), ERR_NOT_FOUND);
+        EXPECT_EQ(c.remove(ctx_, nullptr, cond), ERR_NOT_FOUND);
         EXPECT_EQ(pol_app_list_cfg_del(ctx_, "L"), ERR_OK);
         EXPECT_TRUE(pol_app_list_find(ctx_, "L") == nullptr && calls_.empty());
     }
@@ -117,7 +120,7 @@ TEST_F(AppListTest, OneCommitTellsTheChainsInOrderAndTheDumpShowsThem)
     FwdCondition a("D1"), a2("D1"), d("D2"), s("D3");
     pol_app_list_entry_add_app(ctx_, "apps", "web", POL_APP_LIST_TYPE_APP);
     pol_app_list_entry_add_app(ctx_, "apps", "mail", POL_APP_LIST_TYPE_APP_FAMILY);
-    t_app_list *list = pol_saas_app_list_user_add(ctx_, "apps", &s.match);
+    t_app_list *list = pol_saas_app_list_user_add(ctx_, "apps", &s.saas);
     pol_dns_app_list_user_add(ctx_, "apps", &d.match);
     pol_app_list_user_add(ctx_, "apps", &a.match);
     pol_app_list_user_add(ctx_, "apps", &a2.match);
@@ -140,7 +143,7 @@ TEST_F(AppListTest, OneCommitTellsTheChainsInOrderAndTheDumpShowsThem)
     pol_app_list_user_remove(ctx_, list, &a.match);
     pol_app_list_user_remove(ctx_, list, &a2.match);
     pol_dns_app_list_user_remove(ctx_, list, &d.match);
-    pol_saas_app_list_user_remove(ctx_, list, &s.match);
+    pol_saas_app_list_user_remove(ctx_, list, &s.saas);
     pol_app_list_del(ctx_, &list, 1);
     EXPECT_TRUE(list == nullptr && pol_app_list_find(ctx_, "apps") == nullptr);
     // zed and its entry go with the context.

@@ -424,9 +424,166 @@ TEST_F(FwdEntryTest, TlocListReference)
     EXPECT_TRUE(TAILQ_EMPTY(&tl->set_list_head) && notified() == 1);
 }
 
-TEST_F(FwdEntryTest, AppProbeClassUpdateIsIgnored)
+// Every single-list reference of a sequence: set, same again, moved to
+// another list, removed by an empty name, and released with the sequence.
+struct ListRef {
+    const char *what;
+    void (*upd)(t_pol_ctx *, const char *, e_pol_type, const char *, uint32_t, const char *);
+    bool on_match;
+    uint64_t bit;
+    const void *(*held)(const t_pol_entry &);
+    const void *(*find)(t_pol_ctx *, const char *);
+    bool (*used_by_nobody)(const void *);
+};
+
+template <typename L, typename H>
+bool no_user(const void *list, H L::*head)
 {
-    EXPECT_EQ(pol_fwd_entry_app_probe_class_upd("probe", nullptr), ERR_IGNORE);
+    return TAILQ_EMPTY(&(static_cast<const L *>(list)->*head));
+}
+
+const ListRef kListRefs[] = {
+    {"source prefix list", pol_fwd_entry_src_pfx_upd, true, 0x1000,
+     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_src_list_p; },
+     [](t_pol_ctx *c, const char *n) -> const void * { return pol_fwd_pfx_list_find(c, n); },
+     [](const void *l) { return no_user(l, &t_fwd_pfx_list::match_src_list_head); }},
+    {"destination prefix list", pol_fwd_entry_dst_pfx_upd, true, 0x2000,
+     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_dst_list_p; },
+     [](t_pol_ctx *c, const char *n) -> const void * { return pol_fwd_pfx_list_find(c, n); },
+     [](const void *l) { return no_user(l, &t_fwd_pfx_list::match_dst_list_head); }},
+    {"IPv6 source prefix list", pol_fwd_entry_src_pfx6_upd, true, 0x800000,
+     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_src6_list_p; },
+     [](t_pol_ctx *c, const char *n) -> const void * { return pol_fwd_pfx6_list_find(c, n); },
+     [](const void *l) { return no_user(l, &t_fwd_pfx_list::match_src_list_head); }},
+    {"IPv6 destination prefix list", pol_fwd_entry_dst_pfx6_upd, true, 0x1000000,
+     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_dst6_list_p; },
+     [](t_pol_ctx *c, const char *n) -> const void * { return pol_fwd_pfx6_list_find(c, n); },
+     [](const void *l) { return no_user(l, &t_fwd_pfx_list::match_dst_list_head); }},
+    {"app-id", pol_fwd_entry_app_id_upd, true, 0x40000,
+     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_app_id_p; },
+     [](t_pol_ctx *c, const char *n) -> const void * { return pol_fwd_app_id_find(c, n); },
+     [](const void *l) { return no_user(l, &t_fwd_app_id::match_app_id_head); }},
+    {"application list", pol_fwd_entry_app_list_upd, true, 0x80000,
+     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_app_list_p; },
+     [](t_pol_ctx *c, const char *n) -> const void * { return pol_app_list_find(c, n); },
+     [](const void *l) { return no_user(l, &t_app_list::match_list_head); }},
+    {"DNS application list", pol_fwd_entry_dns_app_list_upd, true, 0x400000,
+     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_dns_app_list_p; },
+     [](t_pol_ctx *c, const char *n) -> const void * { return pol_app_list_find(c, n); },
+     [](const void *l) { return no_user(l, &t_app_list::match_dns_list_head); }},
+    {"policer", pol_fwd_entry_policer_upd, false, 0x800,
+     [](const t_pol_entry &e) -> const void * { return e.set_entry.set_fwd_policer_p; },
+     [](t_pol_ctx *c, const char *n) -> const void * { return pol_fwd_policer_find(c, n); },
+     [](const void *l) { return no_user(l, &t_fwd_policer::set_policer_head); }},
+};
+
+TEST_F(FwdEntryTest, NamedListReferences)
+{
+    for (const ListRef &r : kListRefs) {
+        SCOPED_TRACE(r.what);
+        entry_ = pol_fwd_entry_find_or_create(ctx_, "D", POL_TYPE_DATA, "V", 10);
+        notified();
+        auto upd = [&](const char *name) { r.upd(ctx_, "D", POL_TYPE_DATA, "V", 10, name); };
+        auto bit = [&] { return ((r.on_match ? entry_->entry_match_flags : entry_->entry_set_flags) & r.bit) != 0; };
+        upd("A");
+        const void *a = r.find(ctx_, "A");
+        EXPECT_TRUE(a != nullptr && r.held(*entry_) == a && bit() && !r.used_by_nobody(a) && notified() == 1);
+        upd("A");
+        EXPECT_EQ(notified(), 0);
+        upd("B");
+        const void *b = r.find(ctx_, "B");
+        EXPECT_TRUE(b != nullptr && r.held(*entry_) == b && bit() && notified() == 1);
+        if (const void *left = r.find(ctx_, "A")) {  // an app-id without users is gone
+            EXPECT_TRUE(r.used_by_nobody(left));
+        }
+        upd("");
+        EXPECT_TRUE(r.held(*entry_) == nullptr && !bit() && r.used_by_nobody(b) && notified() == 1);
+        upd(nullptr);
+        EXPECT_EQ(notified(), 0);
+        upd("C");
+        pol_fwd_entry_find_and_delete(ctx_, "D", POL_TYPE_DATA, "V", 10);
+        if (const void *c = r.find(ctx_, "C")) {
+            EXPECT_TRUE(r.used_by_nobody(c));
+        }
+    }
+    uint8_t changed = 0;
+    entry_ = pol_fwd_entry_find_or_create(ctx_, "D", POL_TYPE_DATA, "V", 10);
+    pol_fwd_entry_set_policer_add(ctx_, entry_, "P", &changed);
+    EXPECT_EQ(pol_fwd_entry_set_policer_add(ctx_, entry_, "", &changed), nullptr);  // lets go only
+    EXPECT_TRUE(entry_->set_entry.set_fwd_policer_p == nullptr &&
+                TAILQ_EMPTY(&pol_fwd_policer_find(ctx_, "P")->set_policer_head));
+}
+
+// SaaS lists are a set: each name adds one, an empty name drops them all.
+TEST_F(FwdEntryTest, SaasListsAreASet)
+{
+    auto upd = [&](const char *name) { pol_fwd_entry_saas_app_list_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, name); };
+    auto held = [&] {
+        std::vector<std::string> names;
+        for (t_dlnode *n = entry_->match_entry.match_saas_app_list.p_head; n != nullptr; n = n->p_next) {
+            names.emplace_back(reinterpret_cast<t_app_list_dll_node *>(
+                                   reinterpret_cast<char *>(n) - offsetof(t_app_list_dll_node, app_list_node))
+                                   ->match_app_list_p->app_list_name);
+        }
+        return names;
+    };
+    upd("S1");
+    upd("S2");
+    EXPECT_EQ(notified(), 1);
+    upd("S1");
+    EXPECT_EQ(notified(), 0);
+    EXPECT_EQ(held(), (std::vector<std::string>{"S1", "S2"}));
+    EXPECT_TRUE(entry_->match_entry.match_saas_app_list.count == 2 && (entry_->entry_match_flags & 0x2000000));
+    upd("");
+    EXPECT_TRUE(held().empty() && !(entry_->entry_match_flags & 0x2000000) && notified() == 1);
+    EXPECT_TRUE(TAILQ_EMPTY(&pol_app_list_find(ctx_, "S1")->match_saas_list_head));
+    upd("S3");
+    pol_fwd_entry_find_and_delete(ctx_, "D", POL_TYPE_DATA, "V", 10);
+    EXPECT_TRUE(TAILQ_EMPTY(&pol_app_list_find(ctx_, "S3")->match_saas_list_head));
+}
+
+// The SLA class of an app-route sequence keeps what a change leaves out.
+TEST_F(FwdEntryTest, SlaClassOfAppRouteSequences)
+{
+    uint8_t changed = 0;
+    pol_block_find_or_create(ctx_, "AR", POL_TYPE_PFR, &changed);
+    register_user("ar", "AR", POL_TYPE_PFR, POL_DIR_IN, count_cb, &calls_);
+    t_pol_fwd_vpn_entry *vpn = pol_fwd_vpn_find_or_create(ctx_, "AR", POL_TYPE_PFR, "V");
+    t_pol_entry *seq = pol_fwd_entry_find_or_create(ctx_, "AR", POL_TYPE_PFR, "V", 1);
+    ASSERT_TRUE(vpn != nullptr && seq != nullptr);
+    notified();
+    const t_pol_set_entry &s = seq->set_entry;
+    auto upd = [&](const char *name, uint8_t strict, uint32_t pref, bool del, bool strict_changed, bool pref_changed) {
+        pol_fwd_entry_sla_class_upd(ctx_, "AR", POL_TYPE_PFR, "V", 1, name, strict, pref, del, strict_changed,
+                                    pref_changed);
+        return notified();
+    };
+    EXPECT_EQ(upd("S1", 1, 0x3, false, true, true), 1);
+    t_fwd_sla_class *s1 = pol_fwd_sla_class_find(ctx_, "S1");
+    EXPECT_TRUE(s.set_sla_class_p == s1 && s.set_sla_strict == 1 && s.set_sla_preferred_color == 0x3u &&
+                (seq->entry_set_flags & 0x200));
+    EXPECT_EQ(upd(nullptr, 0, 0x4, false, false, true), 1);  // name and strictness kept
+    EXPECT_TRUE(s.set_sla_class_p == s1 && s.set_sla_strict == 1 && s.set_sla_preferred_color == 0x4u);
+    EXPECT_EQ(upd("S1", 1, 0x4, false, true, true), 0);
+    EXPECT_EQ(upd("S2", 0, 0x4, false, false, false), 1);  // moved, values kept
+    EXPECT_TRUE(s.set_sla_class_p == pol_fwd_sla_class_find(ctx_, "S2") && s.set_sla_strict == 1 &&
+                TAILQ_EMPTY(&s1->set_sla_class_head));
+    EXPECT_EQ(upd(nullptr, 0, 0, true, false, false), 1);
+    EXPECT_TRUE(s.set_sla_class_p == nullptr && s.set_sla_strict == 0 && s.set_sla_preferred_color == 0u &&
+                !(seq->entry_set_flags & 0x200));
+
+    pol_fwd_default_entry_sla_class_upd(ctx_, "AR", POL_TYPE_PFR, "V", "S1", 0, 0x1, false);
+    EXPECT_TRUE(vpn->default_pol_entry->set_entry.set_sla_class_p == s1 && notified() == 1);
+    pol_fwd_vpn_find_and_delete(ctx_, "AR", POL_TYPE_PFR, "V");
+    EXPECT_TRUE(TAILQ_EMPTY(&s1->set_sla_class_head));
+
+    EXPECT_EQ(pol_fwd_entry_app_probe_class_add(ctx_, "S1", "probe"), 1);  // no such class
+    ASSERT_NE(pol_app_probe_class_find_or_create(ctx_, "probe", &changed), nullptr);
+    EXPECT_EQ(pol_fwd_entry_app_probe_class_add(ctx_, "S1", "probe"), 0);
+    EXPECT_EQ(s1->pol_app_probe_class_p, pol_app_probe_class_find(ctx_, "probe"));
+    EXPECT_EQ(pol_fwd_entry_app_probe_class_add(ctx_, "nope", "probe"), 1);
+    EXPECT_DEATH({ dup2(2, 1); pol_fwd_entry_sla_class_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, "S1", 0, 0, false, true, true); },
+                 "failed assertion `pol_type == POL_TYPE_PFR'");
 }
 
 }  // namespace

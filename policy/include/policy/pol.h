@@ -350,7 +350,7 @@ typedef struct _t_pol_match_entry {
     TAILQ_ENTRY(_t_pol_match_entry) match_vpn_entry;
     TAILQ_ENTRY(_t_pol_match_entry) app_list_entry;
     TAILQ_ENTRY(_t_pol_match_entry) dns_app_list_entry;
-    TAILQ_ENTRY(_t_pol_match_entry) saas_app_list_entry;
+    TAILQ_ENTRY(_t_pol_match_entry) saas_app_list_entry; /* unused: SaaS lists link the holding nodes */
     TAILQ_ENTRY(_t_pol_match_entry) fwd_src_pfx_entry;
     TAILQ_ENTRY(_t_pol_match_entry) fwd_dst_pfx_entry;
     TAILQ_ENTRY(_t_pol_match_entry) fwd_src_pfx6_entry;

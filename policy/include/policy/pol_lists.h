@@ -238,7 +238,9 @@ typedef struct _t_app_list {
     uint8_t fetch_xml;
     t_pol_match_entry_head match_list_head;
     t_pol_match_entry_head match_dns_list_head;
-    t_pol_match_entry_head match_saas_list_head;
+    /* SaaS users are the nodes by which a sequence holds each of its SaaS
+     * lists: one sequence may hold several. */
+    TAILQ_HEAD(, _t_app_list_dll_node) match_saas_list_head;
     pol_xml_t app_list_xml;
     t_app_list_type app_list_type;
     avl_tree_t app_list_entry_db;
@@ -248,6 +250,10 @@ typedef struct _t_app_list {
 typedef struct _t_app_list_dll_node {
     struct _t_app_list *match_app_list_p;
     t_dlnode app_list_node;
+    /* Added: the condition holding the list, and the node's link on the
+     * list's chain of SaaS users. */
+    struct _t_pol_match_entry *match_entry_p;
+    TAILQ_ENTRY(_t_app_list_dll_node) saas_user_entry;
 } t_app_list_dll_node;
 
 /* ---- data prefix lists (IPv4 and IPv6) ---- */
