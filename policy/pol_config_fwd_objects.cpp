@@ -193,11 +193,17 @@ private:
         return false;
     }
 
+    // The sequence-side update has nothing to do (ERR_IGNORE counts as
+    // done); the link itself is made by the app-probe class store.
     int32_t attach_probe_class(const char *name)
     {
         const e_err err = pol_fwd_entry_app_probe_class_upd(name, sla_class_);
-        // The sequence-side hook reports that it had nothing to do.
-        return err == ERR_OK || err == ERR_IGNORE ? POL_CONFIG_OK : POL_CONFIG_NOT_FOUND;
+        if (err != ERR_OK && err != ERR_IGNORE) {
+            return POL_CONFIG_NOT_FOUND;
+        }
+        return pol_fwd_entry_app_probe_class_add(ctx_, sla_class_->sla_class_name, name) == 0
+                   ? POL_CONFIG_OK
+                   : POL_CONFIG_NOT_FOUND;
     }
 
     t_pol_ctx *ctx_;
