@@ -85,6 +85,12 @@ uint16_t key_u16(const mgmtd_value_t *key_p)
     return key_p->val.u16;
 }
 
+uint64_t key_u64(const mgmtd_value_t *key_p)
+{
+    POL_ASSERT((key_p)->type == C_UINT64);
+    return key_p->val.u64;
+}
+
 uint32_t key_enum(const mgmtd_value_t *key_p)
 {
     POL_ASSERT((key_p)->type == C_ENUM_VALUE);
@@ -141,6 +147,12 @@ uint8_t value_u8(const mgmtd_tag_value_t *cur_val_p)
 {
     POL_ASSERT((&cur_val_p->v)->type == C_UINT8);
     return cur_val_p->v.val.u8;
+}
+
+uint16_t value_u16(const mgmtd_tag_value_t *cur_val_p)
+{
+    POL_ASSERT((&cur_val_p->v)->type == C_UINT16);
+    return cur_val_p->v.val.u16;
 }
 
 bool value_bool(const mgmtd_tag_value_t *cur_val_p)

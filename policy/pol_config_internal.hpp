@@ -39,6 +39,7 @@ enum schema_tag : uint32_t {
 void check_key_count(uint8_t num_keys, uint8_t expected);
 const char *key_text(const mgmtd_value_t *key_p);
 uint16_t key_u16(const mgmtd_value_t *key_p);
+uint64_t key_u64(const mgmtd_value_t *key_p);
 uint32_t key_enum(const mgmtd_value_t *key_p);
 // An IPv4 or IPv6 address key.
 void key_addr(t_ipaddr *addr, const mgmtd_value_t *key_p);
@@ -62,6 +63,7 @@ bool removed(const mgmtd_tag_value_t *cur_val_p);
 uint32_t value_enum(const mgmtd_tag_value_t *cur_val_p);
 uint32_t value_u32(const mgmtd_tag_value_t *cur_val_p);
 uint8_t value_u8(const mgmtd_tag_value_t *cur_val_p);
+uint16_t value_u16(const mgmtd_tag_value_t *cur_val_p);
 bool value_bool(const mgmtd_tag_value_t *cur_val_p);
 const char *value_text(const mgmtd_tag_value_t *cur_val_p);
 void value_addr(t_ipaddr *addr, const mgmtd_tag_value_t *cur_val_p);
@@ -223,6 +225,16 @@ int32_t delete_sequence(t_pol_ctx *ctx, t_pol_block *block, uint32_t seq);
 // Created on MOP_CREATED, found otherwise; null when neither works.
 t_pol_entry *sequence_for(t_pol_ctx *ctx, t_pol_block *block, uint32_t seq, mgmtd_iter_op oper,
                           uint8_t *changed);
+
+/* ---- data policies ---- */
+
+// Recomputes the labels of one data-policy sequence (context, policy name,
+// type, VPN list, sequence number); the sequence reader calls it after a
+// TLOC, TLOC-list, service or local-TLOC change. The label code sets it;
+// null (the default) refreshes nothing.
+using fwd_label_hook_f = void (*)(t_vmgmtd_context *, t_pol_ctx *, const char *, e_pol_type,
+                                  const char *, uint32_t);
+void set_fwd_label_hook(fwd_label_hook_f hook);
 
 }  // namespace pol::config
 

@@ -3,15 +3,18 @@
 // over a policer's leaves and this file stores the ones it knows. The
 // fetch_xml flag asks the document publisher to render the policer again.
 #include <zen/mgmtd.h>
+#include <zen/zen_policy_tags.h>
 
 #include "pol_list.hpp"
 
 namespace {
 
 // Schema tags of the policer's leaves.
-constexpr uint32_t kTagRate = 0x31c4ad27;
-constexpr uint32_t kTagBurst = 0x4b124597;
-constexpr uint32_t kTagExceed = 0x3fe4de6;
+enum policer_tag : uint32_t {
+#define POLICER_TAG(id, name, tag) kTag##id = tag,
+    ZEN_POLICY_TAGS(POLICER_TAG)
+#undef POLICER_TAG
+};
 
 using policer_set_chain =
     pol::user_chain<t_fwd_policer, t_pol_set_entry, &t_fwd_policer::set_policer_head,
@@ -44,15 +47,15 @@ void store_leaf(t_fwd_policer *policer, const mgmtd_tag_value_t *p_curr_val)
         return;
     }
     switch (p_curr_val->tag.tag) {
-    case kTagRate:
+    case kTagPOLICER_RATE:
         POL_ASSERT((&p_curr_val->v)->type == C_UINT64);
         policer->rate = p_curr_val->v.val.u64;
         break;
-    case kTagBurst:
+    case kTagPOLICER_BURST:
         POL_ASSERT((&p_curr_val->v)->type == C_UINT32);
         policer->burst = p_curr_val->v.val.u32;
         break;
-    case kTagExceed:
+    case kTagPOLICER_EXCEED:
         POL_ASSERT((&p_curr_val->v)->type == C_ENUM_VALUE);
         policer->exceed_action = static_cast<uint8_t>(p_curr_val->v.val.enumvalue);
         break;

@@ -1,5 +1,7 @@
 #include "commit_series.hpp"
 
+#include "pol_xml.hpp"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -196,6 +198,27 @@ std::string answer(const polctl::route_decl &route, t_pol_user *user)
 
 /* ---- one state of the library ---- */
 
+// The documents of the data and app-route policies: what an edge router is
+// given of them, every match and action included.
+std::string documents()
+{
+    std::string out;
+    const std::pair<avl_tree_t *, e_pol_xml_type> kinds[] = {
+        {&g_pol_ctx_p->fwd_policies, POL_XML_TYPE_DATA_POLICY},
+        {&g_pol_ctx_p->pfr_policies, POL_XML_TYPE_PFR_POLICY},
+    };
+    for (const auto &[tree, type] : kinds) {
+        for (void *block = avl_first(tree); block != nullptr; block = avl_walk(tree, block, AVL_AFTER)) {
+            pol_xml_t doc{};
+            if (const char *text = pol_xml_convert(block, &doc, type)) {
+                out += text;
+            }
+            pol_xml_free_buf(&doc);
+        }
+    }
+    return out;
+}
+
 // pol_dump_all without the addresses of records and callbacks.
 std::string dump_all()
 {
@@ -214,7 +237,7 @@ std::string dump_all()
     const std::string dump(text != nullptr ? text : "", size);
     std::free(text);
     static const std::regex kPointer("(0x)+[0-9a-fA-F]+|\\(nil\\)");
-    return std::regex_replace(dump, kPointer, "ADDR");
+    return std::regex_replace(dump, kPointer, "ADDR") + documents();
 }
 
 struct snapshot {
@@ -354,7 +377,7 @@ std::vector<user_spec> users_of_files(const std::vector<std::string> &files)
         std::fprintf(stderr, "commit series: %s\n", err);
         std::abort();
     }
-    std::set<std::string> route_names, membership_names;
+    std::set<std::string> route_names, membership_names, data_names, app_route_names;
     for (const std::string &file : files) {
         mgmtd_ds_tree_t *tree = nullptr;
         if (mgmtd_ds_load(ds, file.c_str(), &tree) != MGMTD_DS_OK) {
@@ -366,6 +389,9 @@ std::vector<user_spec> users_of_files(const std::vector<std::string> &files)
                               &route_names);
         mgmtd_ds_tree_foreach(tree, "/zen-policy:policy/membership-policy/name", collect_names,
                               &membership_names);
+        mgmtd_ds_tree_foreach(tree, "/zen-policy:policy/data-policy/name", collect_names, &data_names);
+        mgmtd_ds_tree_foreach(tree, "/zen-policy:policy/app-route-policy/name", collect_names,
+                              &app_route_names);
         mgmtd_ds_tree_free(tree);
     }
     mgmtd_ds_close(ds);
@@ -375,6 +401,12 @@ std::vector<user_spec> users_of_files(const std::vector<std::string> &files)
     }
     for (const std::string &name : membership_names) {
         users.push_back({"membership:" + name, name, POL_TYPE_MEMBERSHIP, POL_DIR_IN});
+    }
+    for (const std::string &name : data_names) {
+        users.push_back({"data:" + name, name, POL_TYPE_DATA, POL_DIR_IN});
+    }
+    for (const std::string &name : app_route_names) {
+        users.push_back({"app-route:" + name, name, POL_TYPE_PFR, POL_DIR_IN});
     }
     return users;
 }

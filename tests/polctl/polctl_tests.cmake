@@ -2,13 +2,14 @@
 # inputs by their relative paths. The same checks run in the sanitizer
 # build, where any report fails them.
 function(polctl_test name rc)
-  cmake_parse_arguments(T "" "GOLDEN;GOLDEN_ERR;ERR_REGEX;OUT_REGEX" "ARGS" ${ARGN})
+  cmake_parse_arguments(T "" "GOLDEN;GOLDEN_ERR;ERR_REGEX;OUT_REGEX;MASK_POINTERS" "ARGS" ${ARGN})
   string(REPLACE ";" "|" args "${T_ARGS}")
   add_test(NAME ${name}
     COMMAND ${CMAKE_COMMAND} -DPOLCTL=$<TARGET_FILE:polctl> -DARGS=${args}
             -DWORKDIR=${PROJECT_SOURCE_DIR} -DEXPECT_RC=${rc}
             -DGOLDEN=${T_GOLDEN} -DGOLDEN_ERR=${T_GOLDEN_ERR}
             -DERR_REGEX=${T_ERR_REGEX} -DOUT_REGEX=${T_OUT_REGEX}
+            -DMASK_POINTERS=${T_MASK_POINTERS}
             -P ${CMAKE_CURRENT_SOURCE_DIR}/polctl_check.cmake)
 endfunction()
 
@@ -25,6 +26,16 @@ polctl_test(polctl_diff 0 ARGS diff examples/policy.xml examples/policy-v2.xml
 polctl_test(polctl_diff_json 0 ARGS --json diff examples/policy.xml examples/policy-v2.xml
   OUT_REGEX "\"command\": \"diff\"")
 polctl_test(polctl_check 0 ARGS check examples/policy-v2.xml GOLDEN ${POLCTL_GOLDEN}/check.txt)
+polctl_test(polctl_check_data 0 ARGS check examples/data-policy.xml
+  GOLDEN ${POLCTL_GOLDEN}/check-data.txt)
+polctl_test(polctl_diff_data 0 ARGS diff examples/data-policy.xml examples/data-policy-v2.xml
+  GOLDEN ${POLCTL_GOLDEN}/diff-data.txt)
+foreach(what policies lists)
+  polctl_test(polctl_show_data_${what} 0 ARGS show ${what} examples/data-policy.xml
+    GOLDEN ${POLCTL_GOLDEN}/show-data-${what}.txt MASK_POINTERS 1)
+endforeach()
+polctl_test(polctl_check_data_v2 0 ARGS check examples/data-policy-v2.xml
+  OUT_REGEX "^examples/data-policy-v2.xml: valid")
 polctl_test(polctl_check_json 0 ARGS --json check examples/policy.xml
   OUT_REGEX "\"valid\": true")
 foreach(what policies lists users memory)
@@ -64,6 +75,13 @@ foreach(bad
     "kind-prefix-list-on-service.xml|: a prefix list applies to route matches only, not to tloc or service matches"
     # an id that would wrap in 32 bits
     "range-wraps.xml|:5: an id is a number from 0 to 4294967295 without leading zeros"
+    # the data side: strict types, and what each kind of policy's sequence carries
+    "data-unknown-leaf.xml|:15: Node \"weight\" not found as a child of \"match\""
+    "data-bad-prefix.xml|:6: Unsatisfied pattern - \"10.2.0.0/40\""
+    "data-bad-port-range.xml|:15: a port or length range is low-high or one number"
+    "data-color-out-of-range.xml|:19: Invalid enumeration value \"red\""
+    "data-sla-on-data-policy.xml|:19: Node \"sla-class\" not found as a child of \"sequence\""
+    "data-tloc-on-app-route.xml|:15: Node \"set\" not found as a child of \"sequence\""
     # an empty or blank file is no configuration (the empty one is <policy/>)
     "empty.xml|:1: no configuration: the file is empty"
     "blank.xml|:3: no configuration: the file is blank"

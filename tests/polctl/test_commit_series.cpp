@@ -32,6 +32,7 @@ const char *const kSeries[] = {
     "optional-leaves-gone",  // every optional leaf of a node removed at once
     "list-with-references",  // a list deleted with the conditions and actions naming it
     "tloc-list-reordered",   // a TLOC list of more than 64 entries re-committed reordered
+    "data-policy-changes",   // data and app-route policies changed, then changed back
     "list-entry-order",      // a changed site range keeps its place among the others
     "list-users-after-changes",  // lists whose users came, went and came back in other orders
 };

@@ -36,6 +36,8 @@ for required in \
     pol_config_control_policy_match_read pol_config_control_policy_match_community_list_read \
     pol_config_route_policy_read pol_config_route_policy_seq_read \
     pol_config_membership_policy_read pol_config_membership_policy_seq_read \
+    pol_config_policy_sla_class_read pol_config_policy_app_id_read pol_config_app_list_read pol_config_app_list_app_read pol_config_app_list_app_family_read pol_config_policy_app_probe_class_name_read pol_config_policy_app_probe_class_color_read pol_config_fwd_pfx_list_read pol_config_fwd_pfx6_list_read pol_config_fwd_pfx_list_ip_read pol_config_fwd_pfx6_list_ip_read pol_config_fwd_policer_read pol_config_cflowd_template_read pol_config_cflowd_collector_read \
+    pol_config_fwd_read pol_config_fwd_vpn_list_read pol_config_fwd_seq_read pol_config_read_fwd_policy pol_config_cdb_read_ops_set \
     pol_config_update_tloc_list pol_config_error pol_config_error_clear pol_config_subscriptions pol_yang_enum_to_filter_mask pol_test_parse_cfg \
     pol_fwd_eval_label \
     pol_dump_memory_info pol_dump_route_policies pol_dump_membership_policies \
@@ -67,8 +69,9 @@ done
 if echo "$symbols" | grep -q '^_Z'; then echo "C++ symbols exported:"; echo "$symbols" | grep '^_Z' | head; status=1; fi
 readelf -d "$lib" | grep -q 'Library soname: \[libpolicy.so.0\]' || { echo "wrong soname"; status=1; }
 # The subscription table is plain data: the datastore and its schema
-# library stay the host's.
-if readelf -d "$lib" | grep NEEDED | grep -Eq 'libyang|libzenmgmtds'; then
+# library stay the host's, and so does the daemon's client library (the
+# start-up read takes its calls from the host).
+if readelf -d "$lib" | grep NEEDED | grep -Eq 'libyang|libzenmgmtds|libzenmaapi'; then
   echo "links the configuration datastore:"; readelf -d "$lib" | grep NEEDED; status=1
 fi
 exit $status

@@ -67,6 +67,14 @@ keys &keys::u16(uint16_t value)
     return *this;
 }
 
+keys &keys::u64(uint64_t value)
+{
+    mgmtd_value_t v = of_type(C_UINT64);
+    v.val.u64 = value;
+    keys_.push_back(v);
+    return *this;
+}
+
 keys &keys::enum_value(int32_t value)
 {
     mgmtd_value_t v = of_type(C_ENUM_VALUE);
@@ -127,6 +135,13 @@ values &values::u8(uint32_t tag, uint8_t value)
     return add(tag, v);
 }
 
+values &values::u16(uint32_t tag, uint16_t value)
+{
+    mgmtd_value_t v = of_type(C_UINT16);
+    v.val.u16 = value;
+    return add(tag, v);
+}
+
 values &values::u32(uint32_t tag, uint32_t value)
 {
     mgmtd_value_t v = of_type(C_UINT32);
@@ -173,6 +188,38 @@ values &values::texts(uint32_t tag, std::initializer_list<const char *> items)
     std::vector<mgmtd_value_t> &list = lists_.emplace_back();
     for (const char *item : items) {
         list.push_back(buf_value(texts_, item));
+    }
+    mgmtd_value_t v = of_type(C_LIST);
+    v.val.list.size = static_cast<uint32_t>(list.size());
+    v.val.list.ptr = list.data();
+    return add(tag, v);
+}
+
+}  // namespace mgmtd_builder
+
+namespace mgmtd_builder {
+
+values &values::enums(uint32_t tag, std::initializer_list<int32_t> items)
+{
+    std::vector<mgmtd_value_t> &list = lists_.emplace_back();
+    for (int32_t item : items) {
+        mgmtd_value_t v = of_type(C_ENUM_VALUE);
+        v.val.enumvalue = item;
+        list.push_back(v);
+    }
+    mgmtd_value_t v = of_type(C_LIST);
+    v.val.list.size = static_cast<uint32_t>(list.size());
+    v.val.list.ptr = list.data();
+    return add(tag, v);
+}
+
+values &values::bytes(uint32_t tag, std::initializer_list<uint8_t> items)
+{
+    std::vector<mgmtd_value_t> &list = lists_.emplace_back();
+    for (uint8_t item : items) {
+        mgmtd_value_t v = of_type(C_UINT8);
+        v.val.u8 = item;
+        list.push_back(v);
     }
     mgmtd_value_t v = of_type(C_LIST);
     v.val.list.size = static_cast<uint32_t>(list.size());

@@ -29,6 +29,7 @@ public:
 
     keys &text(const char *s);
     keys &u16(uint16_t v);
+    keys &u64(uint64_t v);
     keys &enum_value(int32_t v);
     keys &ipv4(const char *addr);  // dotted text, stored in network order
     keys &ipv6(const char *addr);
@@ -51,6 +52,7 @@ public:
 
     values &text(uint32_t tag, const char *s);
     values &u8(uint32_t tag, uint8_t v);
+    values &u16(uint32_t tag, uint16_t v);
     values &u32(uint32_t tag, uint32_t v);
     values &boolean(uint32_t tag, bool v);
     values &enum_leaf(uint32_t tag, int32_t v);
@@ -59,6 +61,8 @@ public:
     values &begin(uint32_t tag);  // start of a container
     values &end(uint32_t tag);
     values &texts(uint32_t tag, std::initializer_list<const char *> items);  // leaf-list
+    values &enums(uint32_t tag, std::initializer_list<int32_t> items);       // leaf-list
+    values &bytes(uint32_t tag, std::initializer_list<uint8_t> items);       // leaf-list
 
     mgmtd_tag_value_t *data() { return values_.data(); }
     uint16_t size() const { return static_cast<uint16_t>(values_.size()); }

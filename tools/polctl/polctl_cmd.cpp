@@ -207,7 +207,7 @@ namespace {
 struct count_row {
     const char *what;
     const char *xpath;
-    const char *entries_what;
+    const char *entries_what;   // null: the row counts no entries
     const char *entries_xpath;
 };
 
@@ -234,6 +234,23 @@ constexpr count_row kCountRows[] = {
      "/zen-policy:policy/route-policy/sequence"},
     {"membership-policies", "/zen-policy:policy/membership-policy", "sequences",
      "/zen-policy:policy/membership-policy/sequence"},
+    {"data-prefix-lists", "/zen-policy:policy/lists/data-prefix-list", "entries",
+     "/zen-policy:policy/lists/data-prefix-list/entry"},
+    {"data-ipv6-prefix-lists", "/zen-policy:policy/lists/data-ipv6-prefix-list", "entries",
+     "/zen-policy:policy/lists/data-ipv6-prefix-list/entry"},
+    {"app-lists", "/zen-policy:policy/lists/app-list", "entries",
+     "/zen-policy:policy/lists/app-list/*"},
+    {"app-probe-classes", "/zen-policy:policy/lists/app-probe-class", "colors",
+     "/zen-policy:policy/lists/app-probe-class/color"},
+    {"app-ids", "/zen-policy:policy/app-id", nullptr, nullptr},
+    {"sla-classes", "/zen-policy:policy/sla-class", nullptr, nullptr},
+    {"policers", "/zen-policy:policy/policer", nullptr, nullptr},
+    {"data-policies", "/zen-policy:policy/data-policy", "sequences",
+     "/zen-policy:policy/data-policy/vpn-list/sequence"},
+    {"app-route-policies", "/zen-policy:policy/app-route-policy", "sequences",
+     "/zen-policy:policy/app-route-policy/vpn-list/sequence"},
+    {"cflowd-templates", "/zen-policy:policy/cflowd-template", "collectors",
+     "/zen-policy:policy/cflowd-template/collector"},
 };
 
 /* ---- show ---- */
@@ -292,14 +309,17 @@ int cmd_check(const options &opt, const std::string &config, std::ostream &out,
     }
     std::vector<input_error> errors;
     mgmtd_ds_tree_t *tree = nullptr;
+    // Per row: the nodes, then their entries when the row counts them.
     std::vector<std::pair<std::string, long>> counts;
     if (mgmtd_ds_load(h.ds(), config.c_str(), &tree) != MGMTD_DS_OK) {
         errors.push_back(ds_error(config, mgmtd_ds_error(h.ds())));
     } else {
         for (const count_row &row : kCountRows) {
             counts.emplace_back(row.what, mgmtd_ds_tree_count(tree, row.xpath));
-            counts.emplace_back(std::string(row.what) + "." + row.entries_what,
-                                mgmtd_ds_tree_count(tree, row.entries_xpath));
+            if (row.entries_xpath != nullptr) {
+                counts.emplace_back(std::string(row.what) + "." + row.entries_what,
+                                    mgmtd_ds_tree_count(tree, row.entries_xpath));
+            }
         }
         // The library must take it too.
         std::string message;
@@ -324,11 +344,19 @@ int cmd_check(const options &opt, const std::string &config, std::ostream &out,
         out << j.end().str();
     } else if (errors.empty()) {
         out << config << ": valid, " << delivered << " callbacks\n";
-        for (size_t i = 0; i + 1 < counts.size(); i += 2) {
+        for (size_t i = 0; i < counts.size(); i++) {
             char line[128];
-            std::snprintf(line, sizeof(line), "  %-26s %4ld  (%ld %s)\n", counts[i].first.c_str(),
-                          counts[i].second, counts[i + 1].second,
-                          counts[i + 1].first.substr(counts[i + 1].first.find('.') + 1).c_str());
+            const bool has_entries =
+                i + 1 < counts.size() && counts[i + 1].first.find('.') != std::string::npos;
+            if (has_entries) {
+                const auto &entries = counts[++i];
+                std::snprintf(line, sizeof(line), "  %-26s %4ld  (%ld %s)\n",
+                              counts[i - 1].first.c_str(), counts[i - 1].second, entries.second,
+                              entries.first.substr(entries.first.find('.') + 1).c_str());
+            } else {
+                std::snprintf(line, sizeof(line), "  %-26s %4ld\n", counts[i].first.c_str(),
+                              counts[i].second);
+            }
             out << line;
         }
     }
@@ -362,6 +390,9 @@ int cmd_show(const options &opt, const std::string &what, const std::string &con
         if (what == "policies") {
             pol_dump_route_policies(cli, 1, argv);
             pol_dump_membership_policies(cli, 1, argv);
+            pol_dump_policies(cli, POL_TYPE_DATA);
+            pol_dump_policies(cli, POL_TYPE_PFR);
+            pol_dump_cflowd_policies(cli, 1, argv);
         } else if (what == "lists") {
             pol_dump_pfx_list_all(cli);
             pol_dump_site_list_all(cli);
@@ -370,6 +401,13 @@ int cmd_show(const options &opt, const std::string &what, const std::string &con
             pol_dump_color_list_all(cli);
             pol_dump_community_list_all(cli);
             pol_dump_expanded_community_list_all(cli);
+            pol_dump_fwd_pfx_list_all(cli);
+            pol_dump_fwd_pfx6_list_all(cli);
+            pol_dump_app_list_all(cli);
+            pol_dump_app_probe_class_all(cli);
+            pol_dump_fwd_app_id_all(cli);
+            pol_dump_fwd_sla_class_all(cli);
+            pol_dump_fwd_policer_all(cli);
         } else if (what == "users") {
             pol_cli_dump_heading(cli, "USERS");
             for (auto *user = static_cast<t_pol_user *>(avl_first(&h.ctx()->pol_users));

@@ -145,6 +145,109 @@ int32_t pol_config_membership_policy_seq_read(t_vmgmtd_context *vmgmtd_ctx_p,
                                               uint8_t num_keys, mgmtd_value_t *key_p,
                                               uint16_t num_values, mgmtd_tag_value_t *val_p);
 
+/* ---- data and app-route policies ----
+ *
+ * pol_type (POL_TYPE_DATA or POL_TYPE_PFR, given by the host's
+ * registration) comes first; any other type, or another key count, stops
+ * the process. */
+
+/* Key: policy name. A deleted policy notifies nobody from here. */
+int32_t pol_config_fwd_read(e_pol_type pol_type, t_vmgmtd_context *vmgmtd_ctx_p,
+    t_pol_ctx *pol_ctx_p, mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
+    uint16_t num_values, mgmtd_tag_value_t *val_p);
+/* Keys: policy name, VPN-list name; leaves: default action and its SLA class. */
+int32_t pol_config_fwd_vpn_list_read(e_pol_type pol_type, t_vmgmtd_context *vmgmtd_ctx_p,
+    t_pol_ctx *pol_ctx_p, mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
+    uint16_t num_values, mgmtd_tag_value_t *val_p);
+/* Keys: policy name, VPN-list name, sequence number; leaves: match and actions. */
+int32_t pol_config_fwd_seq_read(e_pol_type pol_type, t_vmgmtd_context *vmgmtd_ctx_p,
+    t_pol_ctx *pol_ctx_p, mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p,
+    uint16_t num_values, mgmtd_tag_value_t *val_p);
+
+/*
+ * The management daemon's read calls pol_config_read_fwd_policy makes on
+ * the host's open read session. The library does not link the daemon's
+ * client library: the host, which does, hands these over (normally
+ * cdb_num_instances, cdb_get_str and cdb_pushd themselves).
+ */
+typedef struct _t_pol_cdb_read_ops {
+    int (*num_instances)(int sock, const char *fmt, ...);
+    int (*get_str)(int sock, char *buf, int n, const char *fmt, ...);
+    int (*pushd)(int sock, const char *fmt, ...);
+} t_pol_cdb_read_ops;
+
+/* The calls to read with from now on (copied); null forgets them. */
+void pol_config_cdb_read_ops_set(const t_pol_cdb_read_ops *ops);
+
+/*
+ * At start-up, on vmgmtd_ctx_p->data_socket inside a read session the host
+ * opened at the policy container: creates every configured data policy,
+ * whose contents then arrive through the callbacks. 1 when a policy cannot
+ * be created or no read calls were handed over, else 0.
+ */
+int32_t pol_config_read_fwd_policy(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *ctx_p);
+
+/* ---- objects of the data side ---- */
+
+/* Key: SLA-class name; leaves: loss, latency, jitter, app-probe class. */
+int32_t pol_config_policy_sla_class_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+/* Key: app-id name. */
+int32_t pol_config_policy_app_id_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+/* Key: application-list name. */
+int32_t pol_config_app_list_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+/* Keys: application-list name, application name. */
+int32_t pol_config_app_list_app_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+/* Keys: application-list name, application family name. */
+int32_t pol_config_app_list_app_family_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+/* Key: app-probe-class name; leaf: forwarding class. */
+int32_t pol_config_policy_app_probe_class_name_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+/* Keys: app-probe-class name, colour; leaf: DSCP. */
+int32_t pol_config_policy_app_probe_class_color_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+/* Key: list name (IPv4, then IPv6 data-prefix lists). */
+int32_t pol_config_fwd_pfx_list_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+int32_t pol_config_fwd_pfx6_list_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+/* Keys: list name, prefix. */
+int32_t pol_config_fwd_pfx_list_ip_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+int32_t pol_config_fwd_pfx6_list_ip_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+/* Key: policer name; leaves: rate, burst, exceed. */
+int32_t pol_config_fwd_policer_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+/* Key: template name; leaves: timeouts, sampling interval, refresh, protocol. */
+int32_t pol_config_cflowd_template_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+/* Keys: template name, VPN, address, port, transport; leaf: source interface. */
+int32_t pol_config_cflowd_collector_read(t_vmgmtd_context *vmgmtd_ctx_p, t_pol_ctx *pol_ctx_p,
+    mgmtd_iter_op oper, uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+    mgmtd_tag_value_t *val_p);
+
+/* Copies the template leaves among the values into the template; 0. */
+int32_t pol_config_cflowd_read(t_cflowd_entry *pol_cflowd_entry, uint16_t num_values,
+                               mgmtd_tag_value_t *val_p);
+
 /* ---- binding to the configuration datastore ---- */
 
 /*
