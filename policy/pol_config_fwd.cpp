@@ -18,6 +18,7 @@
 #include <span>
 
 #include "pol_config_internal.hpp"
+#include "pol_fwd_label.h"
 
 using namespace pol::config;
 
@@ -531,8 +532,8 @@ private:
 /* ---- label refresh ---- */
 
 // Recomputes one sequence's labels after its TLOC, TLOC list, service or
-// local TLOC changed; set by the label code.
-fwd_label_hook_f g_label_hook = nullptr;
+// local TLOC changed.
+fwd_label_hook_f g_label_hook = pol_fwd_upd_label;
 
 /* ---- one sequence's change ---- */
 
@@ -573,7 +574,7 @@ public:
         if (set_changed_) {
             pol_fwd_entry_seq_mod(at_.ctx, k.name, at_.type, k.vpn, k.seq);
         }
-        if (steering_changed_ && g_label_hook != nullptr) {
+        if (steering_changed_) {
             g_label_hook(at_.vmgmtd_ctx_p, at_.ctx, k.name, at_.type, k.vpn, k.seq);
         }
         return POL_CONFIG_OK;
@@ -881,7 +882,7 @@ namespace pol::config {
 
 void set_fwd_label_hook(fwd_label_hook_f hook)
 {
-    g_label_hook = hook;
+    g_label_hook = hook != nullptr ? hook : pol_fwd_upd_label;
 }
 
 }  // namespace pol::config

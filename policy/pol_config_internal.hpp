@@ -230,8 +230,8 @@ t_pol_entry *sequence_for(t_pol_ctx *ctx, t_pol_block *block, uint32_t seq, mgmt
 
 // Recomputes the labels of one data-policy sequence (context, policy name,
 // type, VPN list, sequence number); the sequence reader calls it after a
-// TLOC, TLOC-list, service or local-TLOC change. The label code sets it;
-// null (the default) refreshes nothing.
+// TLOC, TLOC-list, service or local-TLOC change. pol_fwd_upd_label unless
+// a test puts its own; null puts pol_fwd_upd_label back.
 using fwd_label_hook_f = void (*)(t_vmgmtd_context *, t_pol_ctx *, const char *, e_pol_type,
                                   const char *, uint32_t);
 void set_fwd_label_hook(fwd_label_hook_f hook);

@@ -112,10 +112,13 @@ void label_targets(t_pol_ctx *ctx, t_pol_set_entry *set, t_pol_te_info &te)
     }
 }
 
+// The reader also refreshes app-route sequences: each policy is rendered
+// as its own kind.
 void rerender(t_pol_block *block)
 {
     pol_xml_free_buf(&block->pol_xml);
-    pol_xml_convert(block, &block->pol_xml, POL_XML_TYPE_DATA_POLICY);
+    pol_xml_convert(block, &block->pol_xml,
+                    block->pol_type == POL_TYPE_PFR ? POL_XML_TYPE_PFR_POLICY : POL_XML_TYPE_DATA_POLICY);
 }
 
 /* ---- name sets ---- */

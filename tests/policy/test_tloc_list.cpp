@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 
 #include <map>
+#include <utility>
 
 #include "pol_test_support.hpp"
 
@@ -140,17 +141,21 @@ TEST_F(TlocListTest, PreferenceAndLabelFlagRules)
     // Only a data-policy action user lets the refresh clear the flag.
     uint8_t changed = 0;
     t_pol_fwd_vpn_entry vpn{};
-    t_pol_set_entry control{}, fwd{};
+    t_pol_set_entry control{};
     control.pol_vpn_p = &vpn;
     control.pol_block_p = sequence("R", 1)->set_entry.pol_block_p;
-    fwd.pol_block_p = pol_block_find_or_create(ctx_, "D", POL_TYPE_DATA, &changed);
+    // A data sequence, at first as if it had no VPN entry.
+    pol_block_find_or_create(ctx_, "D", POL_TYPE_DATA, &changed);
+    ASSERT_NE(pol_fwd_vpn_find_or_create(ctx_, "D", POL_TYPE_DATA, "V"), nullptr);
+    t_pol_set_entry &fwd = pol_fwd_entry_find_or_create(ctx_, "D", POL_TYPE_DATA, "V", 10)->set_entry;
+    t_pol_fwd_vpn_entry *fwd_vpn = std::exchange(fwd.pol_vpn_p, nullptr);
     pol_tloc_list_action_user_add(ctx_, "N", &control);
     pol_tloc_list_update_fwd_pol_label(ctx_, 0);
     EXPECT_TRUE(list->update_fwd_policy_label);
     pol_tloc_list_action_user_add(ctx_, "N", &fwd);
     pol_tloc_list_update_fwd_pol_label(ctx_, 0);
     EXPECT_TRUE(list->update_fwd_policy_label);  // no VPN entry yet
-    fwd.pol_vpn_p = &vpn;
+    fwd.pol_vpn_p = fwd_vpn;
     Calls calls;
     register_user("w", "R", POL_TYPE_ROUTE, POL_DIR_OUT, record_cb, &calls);
     pol_block_users_add_to_chg_list(ctx_, control.pol_block_p);
