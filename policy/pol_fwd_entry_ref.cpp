@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "pol_fwd_internal.hpp"
+#include "pol_fwd_label.h"
 
 namespace {
 
@@ -35,8 +36,10 @@ struct tloc_list_ref : pol::fwd::ref_hooks {
         pol::fwd::set_block_flag(e->pol_block_p, POL_FWD_BLOCK_FLAG_SETS_TLOC_LIST, true);
         pol_fwd_upd_set_internal_tloc_list(ctx, &e->set_entry, held(e));
     }
+    // Without its list the sequence may aim at its service again.
     static void on_delete(t_pol_ctx *ctx, t_pol_entry *e)
     {
+        g_pol_fwd_target_changes++;
         pol_fwd_entry_set_tloc_list_del_internal_list(ctx, &e->set_entry);
         pol::fwd::set_block_flag(e->pol_block_p, POL_FWD_BLOCK_FLAG_SETS_TLOC_LIST, false);
     }

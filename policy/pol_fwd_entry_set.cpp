@@ -3,6 +3,7 @@
 // targets with the labels the host gave), rebuilt wholesale from a TLOC
 // list or from the host's answer for a service.
 #include "pol_fwd_internal.hpp"
+#include "pol_fwd_label.h"
 
 namespace {
 
@@ -37,6 +38,9 @@ void set_tloc_merge(t_tloc_id &stored, const t_tloc_id &given, bool encap_set)
 bool service_change(t_pol_entry *entry, t_pol_block *block, uint16_t svc_type, bool svc_del)
 {
     t_pol_set_entry &s = entry->set_entry;
+    if (svc_type != 0 || svc_del) {
+        g_pol_fwd_target_changes++;
+    }
     if (svc_type != 0) {
         s.set_fwd_service = svc_type;
         entry->entry_set_flags |= POL_FWD_SET_FLAG_SERVICE;
@@ -100,6 +104,7 @@ int pol_fwd_entry_set_tloc_list_del_internal_list(t_pol_ctx *, t_pol_set_entry *
 // node cannot be had the sequence drops its TLOC list altogether.
 int pol_fwd_upd_set_internal_tloc_list(t_pol_ctx *ctx, t_pol_set_entry *set, t_tloc_list *tloc_list)
 {
+    g_pol_fwd_target_changes++;
     pol_fwd_entry_set_tloc_list_del_internal_list(ctx, set);
     t_tloc_entry *e;
     TAILQ_FOREACH(e, &tloc_list->tloc_entry_head, tloc_entry) {
@@ -128,6 +133,7 @@ e_err pol_fwd_entry_tloc_upd(struct _t_vmgmtd_context *, t_pol_ctx *ctx, const c
         return ERR_NOT_FOUND;
     }
     t_pol_set_entry &s = entry->set_entry;
+    g_pol_fwd_target_changes++;
     if (tloc != nullptr) {
         set_tloc_merge(s.set_fwd_tloc, *tloc, encap_set);
         entry->entry_set_flags |= POL_FWD_SET_FLAG_TLOC;

@@ -4,12 +4,16 @@
 // change for an originator only the sequences aiming at that originator
 // or at the service are refreshed; each refresh re-renders the policy's
 // document and queues its users, who hear once per evaluation.
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "pol_fwd_internal.hpp"
 #include "pol_fwd_label.h"
 #include "pol_xml.hpp"
+
+uint64_t g_pol_fwd_target_changes = 0;
 
 namespace {
 
@@ -119,6 +123,234 @@ void rerender(t_pol_block *block)
     pol_xml_free_buf(&block->pol_xml);
     pol_xml_convert(block, &block->pol_xml,
                     block->pol_type == POL_TYPE_PFR ? POL_XML_TYPE_PFR_POLICY : POL_XML_TYPE_DATA_POLICY);
+}
+
+originator_t make_originator(uint32_t originator, uint8_t color, uint64_t vpn_id, uint16_t service)
+{
+    originator_t o{};
+    IPADDR_SET_V4(&o.tloc.addr, originator);
+    o.tloc.color = color;
+    o.vpn_id = vpn_id;
+    o.service = service;
+    return o;
+}
+
+bool evaluated(const t_pol_block *block)
+{
+    return (block->pol_flags & kLabelBlockFlags) != 0;
+}
+
+verdict eval_sequence(t_pol_ctx *ctx, t_pol_block *block, t_pol_entry *entry, const originator_t &o)
+{
+    if (!aims_at(entry, o)) {
+        return verdict::unaffected;
+    }
+    const verdict v = evaluate(ctx, entry, o);
+    if (v == verdict::affected) {
+        pol_fwd_upd_label_set_entry(ctx, &entry->set_entry);
+        pol_block_users_add_to_chg_list(ctx, block);
+    }
+    return v;
+}
+
+/* ---- target index ---- */
+
+// The data sequences by what they aim at, so that an originator's change
+// looks at its own sequences only: a sequence that sets a TLOC under the
+// TLOC's IPv4 address, else one that sets a TLOC list under the address of
+// each of its targets, else one that sets a service under the service.
+// That is the precedence of evaluate(), so every sequence an originator
+// affects is under its address or its service; what else is found there
+// is weeded out by the same tests as in the walk.
+//
+// Sequences are kept by name (policy, VPN list, number) and found again
+// when asked for, so the index never points at a freed record. It is
+// rebuilt when the targets of some sequence may have changed
+// (g_pol_fwd_target_changes moved) or for another context. Candidates are
+// taken in their walk order (policy name, VPN list name, sequence
+// number), so the host is asked in the same order as by the walk.
+constexpr uint64_t kAddrKey = 1ull << 32;
+constexpr uint64_t kServiceKey = 2ull << 32;
+
+struct target_ref {
+    uint64_t key;
+    uint32_t ordinal;  // position of the sequence in walk order
+};
+
+struct target_seq {
+    char pol_name[POL_NAME_SIZE];
+    char vpn_name[POL_NAME_SIZE];
+    uint32_t seq_num;
+};
+
+struct target_index {
+    const t_pol_ctx *ctx;
+    uint64_t changes;
+    target_ref *refs;  // by key, then ordinal
+    uint32_t n_refs;
+    target_seq *seqs;  // by ordinal
+    uint32_t n_seqs;
+};
+
+target_index g_index{};
+bool g_index_valid = false;
+
+bool addr_key(const t_ipaddr &addr, uint64_t *key)
+{
+    if (addr.addr_type != IP_ADDR_V4) {
+        return false;
+    }
+    *key = kAddrKey | ipv4_word(addr);
+    return true;
+}
+
+// Hands fn every key the sequence is found under.
+template <typename F>
+void for_each_key(const t_pol_entry *entry, F &&fn)
+{
+    const t_pol_set_entry &s = entry->set_entry;
+    uint64_t key = 0;
+    if (has(entry, POL_FWD_SET_FLAG_TLOC)) {
+        if (addr_key(s.set_fwd_tloc.addr, &key)) {
+            fn(key);
+        }
+    } else if (has(entry, POL_FWD_SET_FLAG_TLOC_LIST)) {
+        const t_tloc_entry *node;
+        TAILQ_FOREACH(node, &s.fwd_tloc_entry_head, tloc_entry) {
+            if (addr_key(node->tloc.addr, &key)) {
+                fn(key);
+            }
+        }
+    } else if (has(entry, POL_FWD_SET_FLAG_SERVICE)) {
+        fn(kServiceKey | s.set_fwd_service);
+    }
+}
+
+// Every data sequence in walk order with its block and VPN record.
+template <typename F>
+void for_each_data_sequence(t_pol_ctx *ctx, F &&fn)
+{
+    for (t_pol_block *block = pol_block_first(ctx, POL_TYPE_DATA); block != nullptr;
+         block = pol_block_next(ctx, block, POL_TYPE_DATA)) {
+        pol::tree<t_pol_fwd_vpn_entry> vpns(&block->pol_fwd_vpn_list_entries);
+        for (t_pol_fwd_vpn_entry *vpn = vpns.first(); vpn != nullptr; vpn = vpns.next(vpn)) {
+            pol::tree<t_pol_entry>(&vpn->pol_entries).for_each([&](t_pol_entry *entry) { fn(block, vpn, entry); });
+        }
+    }
+}
+
+int target_ref_cmp(const void *a, const void *b)
+{
+    const auto *x = static_cast<const target_ref *>(a);
+    const auto *y = static_cast<const target_ref *>(b);
+    return x->key != y->key ? pol::cmp3(x->key, y->key) : pol::cmp3(x->ordinal, y->ordinal);
+}
+
+void drop_index()
+{
+    std::free(g_index.refs);
+    std::free(g_index.seqs);
+    g_index = target_index{};
+    g_index_valid = false;
+}
+
+bool build_index(t_pol_ctx *ctx)
+{
+    uint32_t n_seqs = 0, n_refs = 0;
+    for_each_data_sequence(ctx, [&](t_pol_block *, t_pol_fwd_vpn_entry *, t_pol_entry *entry) {
+        uint32_t keys = 0;
+        for_each_key(entry, [&](uint64_t) { keys++; });
+        n_refs += keys;
+        n_seqs += keys != 0 ? 1 : 0;
+    });
+    auto *refs = static_cast<target_ref *>(std::calloc(n_refs + 1, sizeof(target_ref)));
+    auto *seqs = static_cast<target_seq *>(std::calloc(n_seqs + 1, sizeof(target_seq)));
+    if (refs == nullptr || seqs == nullptr) {
+        std::free(refs);
+        std::free(seqs);
+        return false;
+    }
+    uint32_t ordinal = 0, r = 0;
+    for_each_data_sequence(ctx, [&](t_pol_block *block, t_pol_fwd_vpn_entry *vpn, t_pol_entry *entry) {
+        const uint32_t before = r;
+        for_each_key(entry, [&](uint64_t key) { refs[r++] = {key, ordinal}; });
+        if (r != before) {
+            target_seq &t = seqs[ordinal++];
+            pol::copy_name(t.pol_name, block->pol_name);
+            pol::copy_name(t.vpn_name, vpn->vpn_name);
+            t.seq_num = entry->entry_num;
+        }
+    });
+    std::qsort(refs, n_refs, sizeof(target_ref), target_ref_cmp);
+    g_index = {ctx, g_pol_fwd_target_changes, refs, n_refs, seqs, n_seqs};
+    g_index_valid = true;
+    return true;
+}
+
+// Null when the index cannot be had; the caller walks instead.
+const target_index *current_index(t_pol_ctx *ctx)
+{
+    if (g_index_valid && g_index.ctx == ctx && g_index.changes == g_pol_fwd_target_changes) {
+        return &g_index;
+    }
+    drop_index();
+    return build_index(ctx) ? &g_index : nullptr;
+}
+
+// The run of references under key.
+std::pair<const target_ref *, const target_ref *> refs_under(const target_index &index, uint64_t key)
+{
+    const target_ref *first = index.refs, *last = index.refs + index.n_refs;
+    const target_ref probe{key, 0};
+    while (first != last) {  // lower bound
+        const target_ref *mid = first + (last - first) / 2;
+        if (target_ref_cmp(mid, &probe) < 0) {
+            first = mid + 1;
+        } else {
+            last = mid;
+        }
+    }
+    last = first;
+    while (last != index.refs + index.n_refs && last->key == key) {
+        last++;
+    }
+    return {first, last};
+}
+
+// The sequences under the originator's address and under its service,
+// merged in walk order, each once; a policy whose evaluation stopped is
+// left for the rest of this one.
+void eval_candidates(t_pol_ctx *ctx, const target_index &index, const originator_t &o)
+{
+    uint64_t key = 0;
+    auto by_addr = addr_key(o.tloc.addr, &key) ? refs_under(index, key)
+                                               : std::pair<const target_ref *, const target_ref *>{};
+    auto by_service = refs_under(index, kServiceKey | o.service);
+    const char *stopped = nullptr;
+    uint32_t last = UINT32_MAX;
+    while (by_addr.first != by_addr.second || by_service.first != by_service.second) {
+        auto &from = by_service.first == by_service.second ||
+                             (by_addr.first != by_addr.second && by_addr.first->ordinal < by_service.first->ordinal)
+                         ? by_addr
+                         : by_service;
+        const uint32_t ordinal = (from.first++)->ordinal;
+        if (ordinal == last) {
+            continue;
+        }
+        last = ordinal;
+        const target_seq &t = index.seqs[ordinal];
+        if (stopped != nullptr && std::strncmp(stopped, t.pol_name, POL_NAME_SIZE) == 0) {
+            continue;
+        }
+        t_pol_block *block = pol_block_find(ctx, t.pol_name, POL_TYPE_DATA, nullptr);
+        if (block == nullptr || !evaluated(block)) {
+            continue;
+        }
+        t_pol_entry *entry = pol_fwd_pol_entry_get(ctx, t.pol_name, POL_TYPE_DATA, t.vpn_name, t.seq_num, nullptr);
+        if (entry != nullptr && eval_sequence(ctx, block, entry, o) == verdict::stop_block) {
+            stopped = t.pol_name;
+        }
+    }
 }
 
 /* ---- name sets ---- */
@@ -277,13 +509,20 @@ bool hash_add(name_set *set, const char *name)
 
 extern "C" {
 
+// Through the target index when it can be had, else by walking every
+// data policy that has TLOC, TLOC-list or service sequences.
 void pol_fwd_eval_label(t_pol_ctx *ctx, struct _t_vmgmtd_context *vmgmtd_ctx_p, uint32_t originator,
                         uint8_t color, uint64_t vpn_id, uint16_t service, bool service_local)
 {
+    if (const target_index *index = current_index(ctx)) {
+        eval_candidates(ctx, *index, make_originator(originator, color, vpn_id, service));
+        pol_user_chg_list_notify_all(ctx);
+        return;
+    }
     t_pol_block *next = nullptr;
     for (t_pol_block *block = pol_block_first(ctx, POL_TYPE_DATA); block != nullptr; block = next) {
         next = pol_block_next(ctx, block, POL_TYPE_DATA);
-        if ((block->pol_flags & kLabelBlockFlags) != 0) {
+        if (evaluated(block)) {
             pol_fwd_eval_block(ctx, vmgmtd_ctx_p, block, originator, color, vpn_id, service,
                                service_local);
         }
@@ -294,25 +533,13 @@ void pol_fwd_eval_label(t_pol_ctx *ctx, struct _t_vmgmtd_context *vmgmtd_ctx_p, 
 void pol_fwd_eval_block(t_pol_ctx *ctx, struct _t_vmgmtd_context *, t_pol_block *block,
                         uint32_t originator, uint8_t color, uint64_t vpn_id, uint16_t service, bool)
 {
-    originator_t o{};
-    IPADDR_SET_V4(&o.tloc.addr, originator);
-    o.tloc.color = color;
-    o.vpn_id = vpn_id;
-    o.service = service;
+    const originator_t o = make_originator(originator, color, vpn_id, service);
     pol::tree<t_pol_fwd_vpn_entry> vpns(&block->pol_fwd_vpn_list_entries);
     for (t_pol_fwd_vpn_entry *vpn = vpns.first(); vpn != nullptr; vpn = vpns.next(vpn)) {
         pol::tree<t_pol_entry> entries(&vpn->pol_entries);
         for (t_pol_entry *entry = entries.first(); entry != nullptr; entry = entries.next(entry)) {
-            if (!aims_at(entry, o)) {
-                continue;
-            }
-            const verdict v = evaluate(ctx, entry, o);
-            if (v == verdict::stop_block) {
+            if (eval_sequence(ctx, block, entry, o) == verdict::stop_block) {
                 return;
-            }
-            if (v == verdict::affected) {
-                pol_fwd_upd_label_set_entry(ctx, &entry->set_entry);
-                pol_block_users_add_to_chg_list(ctx, block);
             }
         }
     }

@@ -28,6 +28,12 @@ typedef struct _t_pol_mgmtd_thread_label_params {
 
 struct _t_vmgmtd_context;
 
+/* Moves whenever a data sequence may have changed what it aims at (its
+ * TLOC, its service, or the targets copied from its TLOC list); the label
+ * evaluation's index of sequences by target is current while it has not
+ * moved. */
+extern uint64_t g_pol_fwd_target_changes;
+
 /* Re-evaluates one data block for the originator TLOC (IPv4 word as
  * t_ipaddr stores it, colour, encapsulation 0): the sequences of VPN id
  * vpn_id that steer to it or to the service are refreshed and the block's

@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -122,6 +123,27 @@ protected:
         return buf != nullptr && std::string(buf) != "stale" && std::string(buf).find("<data-policy") != std::string::npos;
     }
 
+    // What the host is asked by an originator's evaluation, and by the
+    // plain walk of every data policy that has such sequences.
+    std::vector<std::string> evaluate(uint32_t host, uint64_t vpn, uint16_t service)
+    {
+        g_host.calls.clear();
+        pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000000u | host), 1, vpn, service, false);
+        return g_host.calls;
+    }
+    std::vector<std::string> walk(uint32_t host, uint64_t vpn, uint16_t service)
+    {
+        g_host.calls.clear();
+        for (t_pol_block *b = pol_block_first(ctx_, POL_TYPE_DATA); b != nullptr;
+             b = pol_block_next(ctx_, b, POL_TYPE_DATA)) {
+            if (b->pol_flags & 0x38) {
+                pol_fwd_eval_block(ctx_, nullptr, b, htonl(0x0a000000u | host), 1, vpn, service, false);
+            }
+        }
+        notified();
+        return g_host.calls;
+    }
+
     t_pol_user *other_user_ = nullptr;
     int other_calls_ = 0;
 };
@@ -149,15 +171,73 @@ TEST_F(FwdLabelTest, OriginatorReachesOnlyTheSequencesAimingAtIt)
         SCOPED_TRACE(c.originator * 1000 + c.service);
         g_host.calls.clear();
         stale_document();
-        pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000000u | c.originator), 1, c.vpn, c.service, false);
-        EXPECT_EQ(g_host.calls, c.asked);
+        EXPECT_EQ(evaluate(c.originator, c.vpn, c.service), c.asked);
         EXPECT_EQ(calls_, c.asked.empty() ? 0 : 1);  // once, however many sequences
         EXPECT_EQ(rerendered(), !c.asked.empty());
         EXPECT_EQ(other_calls_, 0);  // a policy with no such sequence is never evaluated
         calls_ = 0;
+        EXPECT_EQ(walk(c.originator, c.vpn, c.service), c.asked);
     }
     EXPECT_EQ(seq(10)->set_entry.set_fwd_label, 101u);
     EXPECT_EQ(targets(seq(20)), (std::vector<std::string>{"1/1:101:10", "2/2:102:20"}));
+}
+
+// What a sequence aims at may change between two evaluations: each sees
+// the sequences as they are then, in the same order as the walk.
+TEST_F(FwdLabelTest, ChangesBetweenEvaluationsAreSeen)
+{
+    const t_tloc_id t1{v4(1), 1, 2};
+    struct Step {
+        std::function<void()> change;
+        std::vector<std::string> asked;  // for 10.0.0.1, VPN 12, service 9
+    };
+    const Step steps[] = {
+        {[] {}, {"1/1:12:0", "1/1:12:0", "2/2:12:0"}},
+        {[&] { set_tloc(50, 1); }, {"1/1:12:0", "1/1:12:0", "2/2:12:0", "1/1:12:0"}},
+        {[&] { pol_fwd_entry_find_and_delete(ctx_, "D", POL_TYPE_DATA, "V", 10); },
+         {"1/1:12:0", "2/2:12:0", "1/1:12:0"}},
+        {[&] {
+             pol_tloc_list_del_entry(ctx_, "TL", &t1);
+             pol_config_update_tloc_list(nullptr, ctx_);
+         },
+         {"1/1:12:0"}},
+        {[&] { pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 40, 9, false); },
+         {"0/0:12:9", "1/1:12:0"}},
+        {[&] {
+             pol_fwd_entry_tloc_list_upd(ctx_, "D", POL_TYPE_DATA, "V", 20, "");
+             pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 20, 9, false);
+         },
+         {"0/0:12:9", "0/0:12:9", "1/1:12:0"}},
+    };
+    for (size_t i = 0; i < std::size(steps); i++) {
+        SCOPED_TRACE(i);
+        steps[i].change();
+        EXPECT_EQ(evaluate(1, 12, 9), steps[i].asked);
+        EXPECT_EQ(walk(1, 12, 9), steps[i].asked);
+    }
+}
+
+// Policy "B" holds 20,000 sequences aiming elsewhere: 10,000 evaluations
+// that each looked at all of them would take seconds.
+TEST_F(FwdLabelTest, EvaluationLooksOnlyAtItsOwnSequences)
+{
+    const t_tloc_id far{v4(200), 1, 2};
+    uint8_t changed = 0;
+    ASSERT_NE(pol_block_find_or_create(ctx_, "B", POL_TYPE_DATA, &changed), nullptr);
+    ASSERT_NE(pol_fwd_vpn_find_or_create(ctx_, "B", POL_TYPE_DATA, "W"), nullptr);
+    for (uint32_t n = 1000; n < 21000; n++) {
+        ASSERT_NE(pol_fwd_entry_find_or_create(ctx_, "B", POL_TYPE_DATA, "W", uint16_t(n)), nullptr);
+        pol_fwd_entry_vpn_upd(ctx_, "B", POL_TYPE_DATA, "W", n, 12, true);
+        ASSERT_EQ(pol_fwd_entry_tloc_upd(nullptr, ctx_, "B", POL_TYPE_DATA, "W", n, true, &far), ERR_OK);
+    }
+    notified();
+    EXPECT_EQ(evaluate(3, 12, 9), std::vector<std::string>{"3/1:12:0"});  // the index is made here
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 10000; i++) {
+        pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000009u), 1, 12, 7, false);  // aimed at by none
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1000));
+    EXPECT_EQ(g_host.calls.size(), 1u);
 }
 
 // The service sequence's targets become the host's answer for the
