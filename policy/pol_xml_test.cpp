@@ -13,7 +13,13 @@ namespace {
 
 constexpr const char *kRule = "================================";
 
-// The address the samples use.
+// The sample TLOC has the default colour over IPsec: its document names
+// both, and a zero code has no name in the schema.
+constexpr uint8_t kSampleColorDefault = 1;
+
+// The address the samples use. Where a sample holds it as a prefix, the
+// prefix is that one host: a zero length would print the address with
+// "/0", which no document of a real list carries.
 t_ipaddr sample_v4_addr()
 {
     t_ipaddr addr{};
@@ -66,6 +72,7 @@ void show_pfx_list_sample(mgmtd_cli_user_info *uinfo, const t_ipaddr &addr, e_po
     pol::copy_name(list.fwd_pfx_list_name, "test-data-prefix-list");
     t_fwd_pfx_list_entry entry{};
     entry.ip_prefix.addr = addr;
+    entry.ip_prefix.prefixlen = addr.addr_type == IP_ADDR_V4 ? 32 : 128;
     one_record_tree tree(&list.ip_fwd_pfx_entry_db, pol_fwd_pfx_list_entry_cmp,
                          offsetof(t_fwd_pfx_list_entry, avl_node), &entry);
     show_sample(uinfo, &list, type);
@@ -165,6 +172,8 @@ void pol_xml_test_tloc_list(struct mgmtd_cli_user_info *uinfo)
     TAILQ_INIT(&list.tloc_entry_head);
     t_tloc_entry entry{};
     entry.tloc.addr = sample_v4_addr();
+    entry.tloc.color = kSampleColorDefault;
+    entry.tloc.encap = ZEN_TLOC_ENCAP_IPSEC_TUNNEL;
     TAILQ_INSERT_TAIL(&list.tloc_entry_head, &entry, tloc_entry);
     show_sample(uinfo, &list, POL_XML_TYPE_TLOCLIST);
 }
