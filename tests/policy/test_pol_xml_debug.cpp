@@ -56,10 +56,12 @@ TEST(PolXmlStatText, UnitsAndBoundaries)
 
 class PolXmlDebugTest : public PolContextTest {
 protected:
-    // A document rendered into the object's own record; its cost and size
-    // then set to chosen values (the tables read nothing else).
+    // A document rendered into the object's own record (its previous one
+    // released first, as the publisher does); its cost and size then set to
+    // chosen values (the tables read nothing else).
     void render(const void *object, pol_xml_t *doc, e_pol_xml_type type, time_t nsecs, uint32_t bytes = 0)
     {
+        pol_xml_free_buf(doc);
         ASSERT_NE(pol_xml_convert(object, doc, type), nullptr);
         doc->time_spent = nsecs;
         if (bytes != 0) {
