@@ -4,7 +4,6 @@
 // failure path (nothing half-written) and the table's checks.
 #include <arpa/inet.h>
 #include <libxml/parser.h>
-#include <libyang/libyang.h>
 
 #include <algorithm>
 #include <cstring>
@@ -14,98 +13,11 @@
 #include "pol_test_support.hpp"
 #include "pol_util.hpp"
 #include "pol_xml.hpp"
+#include "xml_test_support.hpp"
 
 namespace {
 
 using namespace poltest;
-
-/* ---- reading documents ---- */
-
-// An element as name, "=text" when it holds text, and "{children}" in
-// order, or sorted by name (stable) where sibling order carries no meaning.
-std::string compact(xmlNodePtr el, bool sorted)
-{
-    std::string text;
-    std::vector<std::pair<std::string, std::string>> kids;
-    for (xmlNodePtr c = el->children; c != nullptr; c = c->next) {
-        if (c->type == XML_ELEMENT_NODE) {
-            kids.emplace_back(reinterpret_cast<const char *>(c->name), compact(c, sorted));
-        } else if (c->type == XML_TEXT_NODE) {
-            text += reinterpret_cast<const char *>(c->content);
-        }
-    }
-    text.erase(text.find_last_not_of(" \n") + 1);
-    if (sorted) {
-        std::stable_sort(kids.begin(), kids.end(),
-                         [](const auto &a, const auto &b) { return a.first < b.first; });
-    }
-    std::string out = reinterpret_cast<const char *>(el->name);
-    out += text.empty() ? "" : "=" + text;
-    for (std::size_t i = 0; i < kids.size(); i++) {
-        out += (i == 0 ? "{" : " ") + kids[i].second + (i + 1 == kids.size() ? "}" : "");
-    }
-    return out;
-}
-
-// The compact form of a document's root element, or of the element depth
-// levels below it.
-std::string compact(const std::string &xml, bool sorted = false, int depth = 0)
-{
-    xmlDocPtr doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr,
-                                  XML_PARSE_NOBLANKS);
-    if (doc == nullptr) {
-        return "unparsable: " + xml;
-    }
-    xmlNodePtr el = xmlDocGetRootElement(doc);
-    for (int i = 0; i < depth && el != nullptr; i++) {
-        el = xmlFirstElementChild(el);
-    }
-    std::string out = el != nullptr ? compact(el, sorted) : "empty";
-    xmlFreeDoc(doc);
-    return out;
-}
-
-/* ---- the edge router's schema ---- */
-
-enum class Place { top, lists, text_only };
-
-// The document's body under /policy-from-qarmon (and lists), parsed
-// strictly, validated and printed back; the printed element in sorted
-// compact form, or the schema's complaint.
-class EdgeSchema {
-public:
-    EdgeSchema()
-    {
-        ly_ctx_new(ZEN_EDGE_YANG_DIR, 0, &ctx_);
-        module_ = ly_ctx_load_module(ctx_, "zen-policy-edge", nullptr, nullptr);
-    }
-    ~EdgeSchema() { ly_ctx_destroy(ctx_); }
-    bool loaded() const { return module_ != nullptr; }
-
-    std::string round_trip(const std::string &doc, Place place) const
-    {
-        const bool lists = place == Place::lists;
-        const std::string body = doc.substr(doc.find("?>") + 2);
-        const std::string wrapped = "<policy-from-qarmon xmlns=\"urn:zen:params:xml:ns:yang:zen-policy-edge\">" +
-                                    std::string(lists ? "<lists>" : "") + body +
-                                    (lists ? "</lists>" : "") + "</policy-from-qarmon>";
-        lyd_node *tree = nullptr;
-        if (lyd_parse_data_mem(ctx_, wrapped.c_str(), LYD_XML, LYD_PARSE_STRICT, LYD_VALIDATE_PRESENT,
-                               &tree) != LY_SUCCESS) {
-            return std::string("schema: ") + ly_errmsg(ctx_);
-        }
-        char *printed = nullptr;
-        lyd_print_mem(&printed, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS);
-        std::string out = compact(printed, true, lists ? 2 : 1);
-        std::free(printed);
-        lyd_free_all(tree);
-        return out;
-    }
-
-private:
-    ly_ctx *ctx_ = nullptr;
-    const lys_module *module_ = nullptr;
-};
 
 /* ---- values and hand-built records ---- */
 

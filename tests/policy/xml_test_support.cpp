@@ -1,0 +1,85 @@
+#include "xml_test_support.hpp"
+
+#include <libxml/parser.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <utility>
+#include <vector>
+
+namespace poltest {
+
+std::string compact(xmlNodePtr el, bool sorted)
+{
+    std::string text;
+    std::vector<std::pair<std::string, std::string>> kids;
+    for (xmlNodePtr c = el->children; c != nullptr; c = c->next) {
+        if (c->type == XML_ELEMENT_NODE) {
+            kids.emplace_back(reinterpret_cast<const char *>(c->name), compact(c, sorted));
+        } else if (c->type == XML_TEXT_NODE) {
+            text += reinterpret_cast<const char *>(c->content);
+        }
+    }
+    text.erase(text.find_last_not_of(" \n") + 1);
+    if (sorted) {
+        std::stable_sort(kids.begin(), kids.end(),
+                         [](const auto &a, const auto &b) { return a.first < b.first; });
+    }
+    std::string out = reinterpret_cast<const char *>(el->name);
+    out += text.empty() ? "" : "=" + text;
+    for (std::size_t i = 0; i < kids.size(); i++) {
+        out += (i == 0 ? "{" : " ") + kids[i].second + (i + 1 == kids.size() ? "}" : "");
+    }
+    return out;
+}
+
+std::string compact(const std::string &xml, bool sorted, int depth)
+{
+    xmlDocPtr doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr,
+                                  XML_PARSE_NOBLANKS);
+    if (doc == nullptr) {
+        return "unparsable: " + xml;
+    }
+    xmlNodePtr el = xmlDocGetRootElement(doc);
+    for (int i = 0; i < depth && el != nullptr; i++) {
+        el = xmlFirstElementChild(el);
+    }
+    std::string out = el != nullptr ? compact(el, sorted) : "empty";
+    xmlFreeDoc(doc);
+    return out;
+}
+
+EdgeSchema::EdgeSchema()
+{
+    ly_ctx_new(ZEN_EDGE_YANG_DIR, 0, &ctx_);
+    module_ = ly_ctx_load_module(ctx_, "zen-policy-edge", nullptr, nullptr);
+}
+
+EdgeSchema::~EdgeSchema()
+{
+    ly_ctx_destroy(ctx_);
+}
+
+// The document may come with its XML declaration or without it.
+std::string EdgeSchema::round_trip(const std::string &doc, Place place) const
+{
+    const bool lists = place == Place::lists;
+    const std::size_t decl_end = doc.find("?>");
+    const std::string body = decl_end == std::string::npos ? doc : doc.substr(decl_end + 2);
+    const std::string wrapped = "<policy-from-qarmon xmlns=\"urn:zen:params:xml:ns:yang:zen-policy-edge\">" +
+                                std::string(lists ? "<lists>" : "") + body + (lists ? "</lists>" : "") +
+                                "</policy-from-qarmon>";
+    lyd_node *tree = nullptr;
+    if (lyd_parse_data_mem(ctx_, wrapped.c_str(), LYD_XML, LYD_PARSE_STRICT, LYD_VALIDATE_PRESENT, &tree) !=
+        LY_SUCCESS) {
+        return std::string("schema: ") + ly_errmsg(ctx_);
+    }
+    char *printed = nullptr;
+    lyd_print_mem(&printed, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS);
+    std::string out = compact(printed, true, lists ? 2 : 1);
+    std::free(printed);
+    lyd_free_all(tree);
+    return out;
+}
+
+}  // namespace poltest
