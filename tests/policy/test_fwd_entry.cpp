@@ -457,7 +457,8 @@ const ListRef kListRefs[] = {
     LIST_REF("application list", pol_fwd_entry_app_list_upd, entry_match_flags, 0x80000, match_entry.match_app_list_p,
              t_app_list, pol_app_list_find, match_list_head, pol_app_list_cfg_del),
     LIST_REF("DNS application list", pol_fwd_entry_dns_app_list_upd, entry_match_flags, 0x400000,
-             match_entry.match_dns_app_list_p, t_app_list, pol_app_list_find, match_dns_list_head, pol_app_list_cfg_del),
+             match_entry.match_dns_app_list_p, t_app_list, pol_app_list_find, match_dns_list_head,
+             pol_app_list_cfg_del),
     LIST_REF("policer", pol_fwd_entry_policer_upd, entry_set_flags, 0x800, set_entry.set_fwd_policer_p, t_fwd_policer,
              pol_fwd_policer_find, set_policer_head, pol_fwd_policer_cfg_del),
 };
