@@ -1,13 +1,16 @@
 #include "xml_test_support.hpp"
 
 #include <libxml/parser.h>
+#include <libyang/libyang.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <utility>
 #include <vector>
 
 namespace poltest {
+namespace {
 
 std::string compact(xmlNodePtr el, bool sorted)
 {
@@ -22,8 +25,7 @@ std::string compact(xmlNodePtr el, bool sorted)
     }
     text.erase(text.find_last_not_of(" \n") + 1);
     if (sorted) {
-        std::stable_sort(kids.begin(), kids.end(),
-                         [](const auto &a, const auto &b) { return a.first < b.first; });
+        std::stable_sort(kids.begin(), kids.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
     }
     std::string out = reinterpret_cast<const char *>(el->name);
     out += text.empty() ? "" : "=" + text;
@@ -33,10 +35,27 @@ std::string compact(xmlNodePtr el, bool sorted)
     return out;
 }
 
+// One schema context for the whole run, released at exit; none when the
+// schema cannot be read.
+ly_ctx *edge_schema()
+{
+    static const std::unique_ptr<ly_ctx, void (*)(ly_ctx *)> ctx([] {
+        ly_ctx *c = nullptr;
+        ly_ctx_new(ZEN_EDGE_YANG_DIR, 0, &c);
+        if (ly_ctx_load_module(c, "zen-policy-edge", nullptr, nullptr) == nullptr) {
+            ly_ctx_destroy(c);
+            c = nullptr;
+        }
+        return c;
+    }(), ly_ctx_destroy);
+    return ctx.get();
+}
+
+}  // namespace
+
 std::string compact(const std::string &xml, bool sorted, int depth)
 {
-    xmlDocPtr doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr,
-                                  XML_PARSE_NOBLANKS);
+    xmlDocPtr doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr, XML_PARSE_NOBLANKS);
     if (doc == nullptr) {
         return "unparsable: " + xml;
     }
@@ -49,20 +68,12 @@ std::string compact(const std::string &xml, bool sorted, int depth)
     return out;
 }
 
-EdgeSchema::EdgeSchema()
+std::string schema_round_trip(const std::string &doc, Place place)
 {
-    ly_ctx_new(ZEN_EDGE_YANG_DIR, 0, &ctx_);
-    module_ = ly_ctx_load_module(ctx_, "zen-policy-edge", nullptr, nullptr);
-}
-
-EdgeSchema::~EdgeSchema()
-{
-    ly_ctx_destroy(ctx_);
-}
-
-// The document may come with its XML declaration or without it.
-std::string EdgeSchema::round_trip(const std::string &doc, Place place) const
-{
+    ly_ctx *ctx = edge_schema();
+    if (ctx == nullptr) {
+        return "schema: zen-policy-edge not loaded from " ZEN_EDGE_YANG_DIR;
+    }
     const bool lists = place == Place::lists;
     const std::size_t decl_end = doc.find("?>");
     const std::string body = decl_end == std::string::npos ? doc : doc.substr(decl_end + 2);
@@ -70,9 +81,9 @@ std::string EdgeSchema::round_trip(const std::string &doc, Place place) const
                                 std::string(lists ? "<lists>" : "") + body + (lists ? "</lists>" : "") +
                                 "</policy-from-qarmon>";
     lyd_node *tree = nullptr;
-    if (lyd_parse_data_mem(ctx_, wrapped.c_str(), LYD_XML, LYD_PARSE_STRICT, LYD_VALIDATE_PRESENT, &tree) !=
+    if (lyd_parse_data_mem(ctx, wrapped.c_str(), LYD_XML, LYD_PARSE_STRICT, LYD_VALIDATE_PRESENT, &tree) !=
         LY_SUCCESS) {
-        return std::string("schema: ") + ly_errmsg(ctx_);
+        return std::string("schema: ") + ly_errmsg(ctx);
     }
     char *printed = nullptr;
     lyd_print_mem(&printed, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS);

@@ -4,42 +4,23 @@
 #ifndef POL_XML_TEST_SUPPORT_HPP
 #define POL_XML_TEST_SUPPORT_HPP
 
-#include <libxml/tree.h>
-#include <libyang/libyang.h>
-
 #include <string>
 
 namespace poltest {
 
-// An element as name, "=text" when it holds text, and "{children}" in
-// order, or sorted by name (stable) where sibling order carries no meaning.
-std::string compact(xmlNodePtr el, bool sorted);
-
-// The compact form of a document's root element, or of the element depth
-// levels below it.
+// The element depth levels below a document's root as name, "=text" when it
+// holds text, and "{children}" in order, or sorted by name (stable) where
+// sibling order carries no meaning.
 std::string compact(const std::string &xml, bool sorted = false, int depth = 0);
 
 // Where a document sits under /policy-from-qarmon: directly, under its
 // lists, or nowhere (text checks only).
 enum class Place { top, lists, text_only };
 
-// The document's body under /policy-from-qarmon (and lists), parsed
-// strictly, validated and printed back; the printed element in sorted
-// compact form, or the schema's complaint.
-class EdgeSchema {
-public:
-    EdgeSchema();
-    ~EdgeSchema();
-    EdgeSchema(const EdgeSchema &) = delete;
-    EdgeSchema &operator=(const EdgeSchema &) = delete;
-    bool loaded() const { return module_ != nullptr; }
-
-    std::string round_trip(const std::string &doc, Place place) const;
-
-private:
-    ly_ctx *ctx_ = nullptr;
-    const lys_module *module_ = nullptr;
-};
+// The document (with or without its XML declaration) put at its place,
+// parsed strictly by the schema, validated and printed back: the printed
+// element in sorted compact form, or the schema's complaint.
+std::string schema_round_trip(const std::string &doc, Place place);
 
 }  // namespace poltest
 
