@@ -29,14 +29,8 @@ std::string render_value(const mgmtd_ds_t *ds, const mgmtd_tag_value_t &tv)
 {
     const char *name = mgmtd_ds_tag_name(ds, tv.tag.tag);
     std::string out = name != nullptr ? name : "?";
-    if (tv.v.type == C_XMLBEGIN) {
-        return out + "{";
-    }
-    if (tv.v.type == C_XMLEND) {
-        return "}";
-    }
-    if (tv.v.type == C_NOEXISTS) {
-        return out + "=-";
+    if (tv.v.type == C_XMLBEGIN || tv.v.type == C_XMLEND || tv.v.type == C_NOEXISTS) {
+        return tv.v.type == C_XMLEND ? "}" : out + (tv.v.type == C_XMLBEGIN ? "{" : "=-");
     }
     static const std::pair<mgmtd_vtype, const char *> kShort[] = {
         {C_BUF, "buf"},   {C_UINT8, "u8"},        {C_UINT16, "u16"},  {C_UINT32, "u32"},
@@ -265,7 +259,8 @@ TEST_F(DatastoreTest, FailedCallbackStopsTheCommitAndRunningKeepsWhatWasDelivere
 {
     subscribe({"control-match"});
     rec_.fail_status = 2;
-    const std::string body = policy("<preference>1</preference>") + "<membership-policy><name>m</name></membership-policy>";
+    const std::string body =
+        policy("<preference>1</preference>") + "<membership-policy><name>m</name></membership-policy>";
     const Calls first = commit(body, MGMTD_DS_STOPPED);
     ASSERT_EQ(first.size(), 5u);
     EXPECT_EQ(first.back(), "control-match create [hs 10 0] site-list:buf=spokes");
@@ -318,42 +313,32 @@ TEST_F(DatastoreTest, TableAndSchemaAreChecked)
     EXPECT_NE(std::string(err).find("has no tag"), std::string::npos) << err;
 }
 
+std::string presence_tree(int depth, bool module)
+{
+    std::string out;
+    for (const std::string name : {"l", "r"}) {
+        if (depth > 0) {
+            out += module ? "container " + name + " { presence \"p\";\n" + presence_tree(depth - 1, true) + "}\n"
+                          : "<" + name + ">" + presence_tree(depth - 1, false) + "</" + name + ">";
+        }
+    }
+    return out;
+}
+
 // A module whose container "top" holds `leaves` leaves and a tree of
-// presence containers `depth` levels deep (an "l" and an "r" in each), and
-// a configuration that fills it: top hands over leaves + 2 x (2^(depth+1)
+// presence containers `depth` levels deep (an "l" and an "r" in each), or
+// the configuration that fills it: top hands over leaves + 2 x (2^(depth+1)
 // - 2) values.
-struct wide_module {
-    wide_module(int depth, int leaves)
-    {
-        module = "module wide { yang-version 1.1; namespace \"urn:wide\"; prefix w;\ncontainer top {\n";
-        config = "<top xmlns=\"urn:wide\">";
-        for (int i = 0; i < leaves; i++) {
-            const std::string name = "v" + std::to_string(i);
-            module += "leaf " + name + " { type string; }\n";
-            config += "<" + name + ">x</" + name + ">";
-        }
-        fill(depth);
-        module += "}\n}\n";
-        config += "</top>\n";
+std::string wide(int depth, int leaves, bool module)
+{
+    std::string out = module ? "module wide { yang-version 1.1; namespace \"urn:wide\"; prefix w;\ncontainer top {\n"
+                             : "<top xmlns=\"urn:wide\">";
+    for (int i = 0; i < leaves; i++) {
+        const std::string name = "v" + std::to_string(i);
+        out += module ? "leaf " + name + " { type string; }\n" : "<" + name + ">x</" + name + ">";
     }
-
-    void fill(int depth)
-    {
-        for (const char *name : {"l", "r"}) {
-            if (depth == 0) {
-                return;
-            }
-            module += std::string("container ") + name + " { presence \"p\";\n";
-            config += std::string("<") + name + ">";
-            fill(depth - 1);
-            module += "}\n";
-            config += std::string("</") + name + ">";
-        }
-    }
-
-    std::string module;
-    std::string config;
-};
+    return out + presence_tree(depth, module) + (module ? "}\n}\n" : "</top>\n");
+}
 
 int32_t count_values(t_vmgmtd_context *, void *host, mgmtd_iter_op, uint8_t, mgmtd_value_t *, uint16_t num_values,
                      mgmtd_tag_value_t *, int32_t)
@@ -381,8 +366,8 @@ TEST(DatastoreValueCount, NodesBeyondTheCountOfOneCallAreRefused)
         {14, 4, -1, MGMTD_DS_FAILED},
     };
     for (const count_case &c : cases) {
-        const wide_module wide(c.depth, c.leaves);
-        const mgmtd_ds_schema_t schema = {"wide", wide.module.c_str(), kTags, std::size(kTags)};
+        const std::string module = wide(c.depth, c.leaves, true);
+        const mgmtd_ds_schema_t schema = {"wide", module.c_str(), kTags, std::size(kTags)};
         char err[256] = "";
         mgmtd_ds_t *ds = mgmtd_ds_open(&schema, err, sizeof(err));
         ASSERT_NE(ds, nullptr) << err;
@@ -390,7 +375,7 @@ TEST(DatastoreValueCount, NodesBeyondTheCountOfOneCallAreRefused)
         EXPECT_EQ(mgmtd_ds_subscribe(ds, top, 1, &handed), c.status) << mgmtd_ds_error(ds);
         if (c.values >= 0) {
             const std::string path = ::testing::TempDir() + "mgmtd_ds_wide_" + std::to_string(getpid()) + ".xml";
-            std::ofstream(path) << wide.config;
+            std::ofstream(path) << wide(c.depth, c.leaves, false);
             EXPECT_EQ(mgmtd_ds_commit_file(ds, path.c_str()), MGMTD_DS_OK) << mgmtd_ds_error(ds);
             std::remove(path.c_str());
             EXPECT_EQ(handed, c.values);
@@ -457,7 +442,8 @@ TEST_F(DatastoreTest, ModifiedNodeGetsOneCallWithItsRemovalsFirst)
         {'R', "<omp-tag>5</omp-tag><metric>9</metric>", "", "route-sequence modify [rp 1] omp-tag=- metric=-"},
         {'B', "<vpn>5</vpn>", "", "membership-sequence modify [m 1] vpn=-"},
         // one leaf gives way to another: the removal first
-        {'R', "<ospf-tag>5</ospf-tag>", "<omp-tag>5</omp-tag>", "route-sequence modify [rp 1] ospf-tag=- omp-tag:u32=5"},
+        {'R', "<ospf-tag>5</ospf-tag>", "<omp-tag>5</omp-tag>",
+         "route-sequence modify [rp 1] ospf-tag=- omp-tag:u32=5"},
         {'M', "<color-list>c</color-list>", "<color>red</color>",
          "control-match modify [hs 10 0] color-list=- color:enum=8"},
         {'B', "<vpn-list>v</vpn-list>", "<vpn>5</vpn>", "membership-sequence modify [m 1] vpn-list=- vpn:u32=5"},
@@ -470,7 +456,8 @@ TEST_F(DatastoreTest, ModifiedNodeGetsOneCallWithItsRemovalsFirst)
          "control-sequence modify [hs 10] set{ omp-tag=- preference:u32=300 service{ type:enum=2 vpn:u32=40 } }"},
         {'P', "<eq>24</eq>", "<ge>16</ge>", "prefix-list-entry modify [p 10.0.0.0/8] ge:u8=16"},
         // a leaf changes: a whole subscription gets every value, a leaf-list comes whole
-        {'P', "<ge>16</ge><le>24</le>", "<ge>16</ge><le>28</le>", "prefix-list-entry modify [p 10.0.0.0/8] ge:u8=16 le:u8=28"},
+        {'P', "<ge>16</ge><le>24</le>", "<ge>16</ge><le>28</le>",
+         "prefix-list-entry modify [p 10.0.0.0/8] ge:u8=16 le:u8=28"},
         {'S', "<community>1:1</community><additive>true</additive>",
          "<community>1:1</community><community>1:2</community>",
          "control-sequence modify [hs 10] set{ community:list=[1:1 1:2] additive:bool=false }"},
