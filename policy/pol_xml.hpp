@@ -78,6 +78,51 @@ const char *pol_xml_loss_protect_str(uint32_t value);
  * other code) "transport_tcp". */
 const char *pol_cflowd_transport_type(uint32_t type);
 
+/* ---- documents and their cost on the command line ---- */
+
+/* The kind name of a document type ("data-policy" ... "app-list"), the
+ * words the statistics command takes; "UNKNOWN" outside the table. */
+const char *pol_xml_type_str(uint32_t type);
+/* A duration in nanoseconds, or a size in bytes, in the largest unit that
+ * keeps it at least 1 ("%3.2f usec", "%3.2f Kb"); zero and negative values
+ * print in seconds (gigabytes). Both render into one shared static buffer:
+ * print a result before asking for the next. */
+const char *nsec_to_str(int64_t nsecs);
+const char *bytes_to_str(int64_t bytes);
+
+/* Every document of one kind, each without its XML declaration (the
+ * single-object handlers are in pol_api.h). */
+void pol_dump_xml_data_policy_all(struct mgmtd_cli_user_info *uinfo);
+void pol_dump_xml_pfr_policy_all(struct mgmtd_cli_user_info *uinfo);
+void pol_dump_xml_cflowd_all(struct mgmtd_cli_user_info *uinfo);
+void pol_dump_xml_policer_all(struct mgmtd_cli_user_info *uinfo);
+void pol_dump_xml_sla_class_all(struct mgmtd_cli_user_info *uinfo);
+void pol_dump_xml_app_probe_class_all(struct mgmtd_cli_user_info *uinfo);
+void pol_dump_xml_fwd_prefix_list_all(struct mgmtd_cli_user_info *uinfo);
+void pol_dump_xml_fwd_prefix_ipv6_list_all(struct mgmtd_cli_user_info *uinfo);
+void pol_dump_xml_vpn_list_all(struct mgmtd_cli_user_info *uinfo);
+void pol_dump_xml_tloc_list_all(struct mgmtd_cli_user_info *uinfo);
+void pol_dump_xml_app_list_all(struct mgmtd_cli_user_info *uinfo);
+/* The (approximately) five most expensive documents of one kind; nothing
+ * when the kind has no object. */
+void pol_dump_obj_xml_statistics(struct mgmtd_cli_user_info *uinfo, e_pol_xml_type type);
+
+/* The sample generator: one sample object per document type, rendered and
+ * printed (the policy types have no sample). */
+typedef void (*t_pol_xml_test_f)(struct mgmtd_cli_user_info *uinfo);
+extern const t_pol_xml_test_f pol_xml_gen_test_vector[POL_XML_TYPE_MAX];
+void pol_xml_gen_test(struct mgmtd_cli_user_info *uinfo);
+void pol_xml_test_stub(struct mgmtd_cli_user_info *uinfo);
+void pol_xml_test_cflowd(struct mgmtd_cli_user_info *uinfo);
+void pol_xml_test_policer(struct mgmtd_cli_user_info *uinfo);
+void pol_xml_test_sla_class(struct mgmtd_cli_user_info *uinfo);
+void pol_xml_test_app_probe_class(struct mgmtd_cli_user_info *uinfo);
+void pol_xml_test_fwd_prefix_list(struct mgmtd_cli_user_info *uinfo);
+void pol_xml_test_fwd_prefix_ipv6_list(struct mgmtd_cli_user_info *uinfo);
+void pol_xml_test_vpn_list(struct mgmtd_cli_user_info *uinfo);
+void pol_xml_test_tloc_list(struct mgmtd_cli_user_info *uinfo);
+void pol_xml_test_app_list(struct mgmtd_cli_user_info *uinfo);
+
 }  // extern "C"
 
 namespace pol::xml {
@@ -85,6 +130,10 @@ namespace pol::xml {
 // Formatted values (numbers, addresses, prefixes) are rendered into a
 // buffer of this size; names are copied whole.
 constexpr std::size_t kTextSize = 54;
+
+// Every document text starts with the declaration "<?xml version="1.0"?>"
+// and a newline; what is shown to the operator leaves it out.
+constexpr uint32_t kXmlDeclSize = 22;
 
 // Colour codes a document names, and encapsulation codes.
 constexpr bool is_color(uint32_t c) { return c >= 1 && c <= ZEN_TLOC_COLOR_MAX; }

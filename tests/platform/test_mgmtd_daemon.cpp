@@ -14,11 +14,11 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -37,14 +37,19 @@ constexpr int kShowFlags = 65;        // its show data load
 // A configuration document for the edge subtree, in the config envelope.
 std::string config_doc(const std::string &inner)
 {
-    return std::string("<config xmlns=\"") + MGMTD_CONFIG_NS + "\"><policy-from-qarmon xmlns=\"" +
-           kEdgeNs + "\">" + inner + "</policy-from-qarmon></config>";
+    return std::string("<config xmlns=\"") + MGMTD_CONFIG_NS + "\"><policy-from-qarmon xmlns=\"" + kEdgeNs +
+           "\">" + inner + "</policy-from-qarmon></config>";
+}
+
+// A show data document for the operational edge subtree.
+std::string show_doc(const std::string &inner)
+{
+    return std::string("<policy xmlns=\"") + kEdgeNs + "\"><from-qarmon>" + inner + "</from-qarmon></policy>";
 }
 
 std::string vpn_list(const std::string &name, int vpn)
 {
-    return "<lists><vpn-list><name>" + name + "</name><vpn>" + std::to_string(vpn) +
-           "</vpn></vpn-list></lists>";
+    return "<lists><vpn-list><name>" + name + "</name><vpn>" + std::to_string(vpn) + "</vpn></vpn-list></lists>";
 }
 
 std::string data_policy(const std::string &name, const std::string &vpn_list_name)
@@ -53,29 +58,21 @@ std::string data_policy(const std::string &name, const std::string &vpn_list_nam
            "</name></vpn-list></data-policy>";
 }
 
-sockaddr_in loopback(int port)
-{
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-}
+// 127.0.0.1:port.
+struct endpoint {
+    explicit endpoint(int port)
+    {
+        in.sin_family = AF_INET;
+        in.sin_port = htons(static_cast<uint16_t>(port));
+        in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    }
+    sockaddr *addr() { return reinterpret_cast<sockaddr *>(&in); }
+    sockaddr_in in{};
+};
 
 // The daemon process: started on a free port, stopped with SIGTERM.
 class daemon_process {
 public:
-    // Under the sanitizer build, the daemon's allocations are not traced
-    // with full stack unwinding (which `make test-asan` asks for): the
-    // daemon allocates per request and would make the concurrency test
-    // take minutes. Its leak check at exit stays on.
-    static void allow_fast_unwinding()
-    {
-        if (const char *asan = std::getenv("ASAN_OPTIONS")) {
-            setenv("ASAN_OPTIONS", (std::string(asan) + ":fast_unwind_on_malloc=1").c_str(), 1);
-        }
-    }
-
     bool start(const fs::path &db, std::string *output = nullptr)
     {
         int out[2];
@@ -88,13 +85,23 @@ public:
             dup2(out[1], STDERR_FILENO);
             close(out[0]);
             close(out[1]);
-            allow_fast_unwinding();
+            // Under the sanitizer build, the daemon allocates per request and
+            // full stack unwinding (which `make test-asan` asks for) would make
+            // the concurrency test take minutes; its leak check at exit stays on.
+            if (const char *asan = std::getenv("ASAN_OPTIONS")) {
+                setenv("ASAN_OPTIONS", (std::string(asan) + ":fast_unwind_on_malloc=1").c_str(), 1);
+            }
             execl(ZEN_MGMTD_PATH, "zen-mgmtd", "--port", "0", "--db", db.c_str(), "--no-fsync",
                   static_cast<char *>(nullptr));
             _exit(127);
         }
         close(out[1]);
-        const std::string line = read_line(out[0]);
+        std::string line;
+        char c;
+        pollfd p{out[0], POLLIN, 0};
+        while (poll(&p, 1, 20000) > 0 && read(out[0], &c, 1) == 1 && c != '\n') {
+            line.push_back(c);
+        }
         close(out[0]);
         if (output != nullptr) {
             *output = line;
@@ -102,18 +109,15 @@ public:
         return std::sscanf(line.c_str(), "zen-mgmtd: listening on 127.0.0.1:%d", &port_) == 1;
     }
 
-    // Exit status after SIGTERM (or the signal that ended it, negated).
+    // The exit status after the signal (none: 0), or the signal that ended it, negated.
     int stop(int sig = SIGTERM)
     {
         if (pid_ <= 0) {
             return 0;
         }
-        kill(pid_, sig);
-        return wait_exit();
-    }
-
-    int wait_exit()
-    {
+        if (sig != 0) {
+            kill(pid_, sig);
+        }
         int status = 0;
         waitpid(pid_, &status, 0);
         pid_ = -1;
@@ -124,52 +128,14 @@ public:
     bool running() const { return pid_ > 0; }
 
 private:
-    static std::string read_line(int fd)
-    {
-        std::string line;
-        char c;
-        pollfd p{fd, POLLIN, 0};
-        while (poll(&p, 1, 20000) > 0 && read(fd, &c, 1) == 1 && c != '\n') {
-            line.push_back(c);
-        }
-        return line;
-    }
-
     pid_t pid_ = -1;
     int port_ = 0;
 };
 
-// A connected socket of either kind; closed at the end of its scope.
-class conn {
-public:
-    static conn maapi(int port, bool session = true)
-    {
-        conn c;
-        const sockaddr_in a = loopback(port);
-        EXPECT_EQ(maapi_connect(c.fd, reinterpret_cast<const sockaddr *>(&a), sizeof a), MGMTD_OK)
-            << mgmtd_lasterr();
-        if (session) {
-            EXPECT_EQ(maapi_start_user_session3(c.fd, "zen-policy", "system", nullptr, 0, "127.0.0.1", 0),
-                      MGMTD_OK)
-                << mgmtd_lasterr();
-        }
-        return c;
-    }
-
-    static conn cdb(int port, mgmtd_dbname db)
-    {
-        conn c;
-        const sockaddr_in a = loopback(port);
-        EXPECT_EQ(cdb_connect(c.fd, CDB_DATA_SOCKET, reinterpret_cast<const sockaddr *>(&a), sizeof a),
-                  MGMTD_OK)
-            << mgmtd_lasterr();
-        EXPECT_EQ(cdb_start_session2(c.fd, db, 0), MGMTD_OK) << mgmtd_lasterr();
-        return c;
-    }
-
+// A TCP socket; closed at the end of its scope.
+struct conn {
     conn() : fd(socket(AF_INET, SOCK_STREAM, 0)) {}
-    conn(conn &&o) noexcept : fd(o.fd) { o.fd = -1; }
-    conn(const conn &) = delete;
+    conn(conn &&o) noexcept : fd(std::exchange(o.fd, -1)) {}
     ~conn()
     {
         if (fd >= 0) {
@@ -179,31 +145,37 @@ public:
     int fd;
 };
 
-// The calls of one publication: session, candidate transaction, load,
-// apply, commit, finish, end. Returns the failing call's errno, or 0.
-int publish(int port, const std::string &text, int flags = kConfigFlags)
+// A management connection with a user session, or without when asked.
+conn maapi_conn(int port, bool session = true)
 {
-    conn c = conn::maapi(port);
-    const int th = maapi_start_trans_flags2(c.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
-    if (th < 0) {
-        return mgmtd_errno;
-    }
-    int err = 0;
-    if (maapi_load_config_cmds(c.fd, th, flags, text.c_str()) != MGMTD_OK ||
-        maapi_apply_trans(c.fd, th, 1) != MGMTD_OK || maapi_candidate_commit(c.fd) != MGMTD_OK) {
-        err = mgmtd_errno;
-    }
-    EXPECT_EQ(maapi_finish_trans(c.fd, th), MGMTD_OK);
-    EXPECT_EQ(maapi_end_user_session(c.fd), MGMTD_OK);
-    return err;
+    conn c;
+    endpoint a(port);
+    EXPECT_EQ(maapi_connect(c.fd, a.addr(), sizeof a.in), MGMTD_OK) << mgmtd_lasterr();
+    EXPECT_TRUE(!session || maapi_start_user_session3(c.fd, "zen-policy", "system", nullptr, 0, "127.0.0.1", 0) ==
+                                MGMTD_OK)
+        << mgmtd_lasterr();
+    return c;
 }
 
-int count(int port, mgmtd_dbname db, const std::string &path)
+// A data connection with a session on db, or without when asked.
+conn cdb_conn(int port, mgmtd_dbname db, bool session = true)
 {
-    conn c = conn::cdb(port, db);
-    const int n = cdb_num_instances(c.fd, "%s", path.c_str());
-    EXPECT_EQ(cdb_end_session(c.fd), MGMTD_OK);
-    return n;
+    conn c;
+    endpoint a(port);
+    EXPECT_EQ(cdb_connect(c.fd, CDB_DATA_SOCKET, a.addr(), sizeof a.in), MGMTD_OK) << mgmtd_lasterr();
+    EXPECT_TRUE(!session || cdb_start_session2(c.fd, db, 0) == MGMTD_OK) << mgmtd_lasterr();
+    return c;
+}
+
+int start_trans(const conn &c, mgmtd_dbname db = MGMTD_CANDIDATE)
+{
+    return maapi_start_trans_flags2(c.fd, db, MAAPI_READ_WRITE, 0, 0);
+}
+
+// The errno a call failed with; 0 when it succeeded.
+int err(int rc)
+{
+    return rc == MGMTD_ERR ? mgmtd_errno : 0;
 }
 
 std::string running_file(const fs::path &db)
@@ -216,9 +188,8 @@ class MgmtdDaemon : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        dir_ = fs::temp_directory_path() /
-               ("mgmtd-test-" + std::to_string(getpid()) + "-" +
-                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        dir_ = fs::temp_directory_path() / ("mgmtd-test-" + std::to_string(getpid()) + "-" +
+                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
         fs::remove_all(dir_);
         fs::create_directories(dir_);
         ASSERT_TRUE(daemon_.start(dir_));
@@ -239,29 +210,54 @@ protected:
     // clients that just went away are given a moment to close.
     void expect_idle()
     {
-        mgmtd_status_t st{};
-        for (int i = 0; i < 200; i++) {
-            conn c = conn::maapi(port(), false);
-            ASSERT_EQ(mgmtd_get_status(c.fd, &st), MGMTD_OK) << mgmtd_lasterr();
-            if (st.connections == 1 && st.user_sessions == 0 && st.data_sessions == 0 &&
-                st.transactions == 0 && st.locks == 0) {
-                return;
-            }
+        auto still_open = [this] {
+            const mgmtd_status_t st = status();
+            return std::vector<long>{st.connections - 1, st.user_sessions, st.data_sessions, st.transactions, st.locks};
+        };
+        for (int i = 0; i < 200 && still_open() != std::vector<long>(5, 0); i++) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        ADD_FAILURE() << "still open: " << st.connections << " connections, " << st.user_sessions
-                      << " user sessions, " << st.data_sessions << " data sessions, "
-                      << st.transactions << " transactions, " << st.locks << " locks";
+        EXPECT_EQ(still_open(), std::vector<long>(5, 0))
+            << "other connections, user sessions, data sessions, transactions, locks";
+    }
+
+    mgmtd_status_t status()
+    {
+        conn c = maapi_conn(port(), false);
+        mgmtd_status_t st{};
+        EXPECT_EQ(mgmtd_get_status(c.fd, &st), MGMTD_OK) << mgmtd_lasterr();
+        return st;
+    }
+
+    // The calls of one publication: session, transaction, load, apply,
+    // commit (of the candidate), finish, end. The failing call's errno, or 0.
+    int publish(const std::string &text, int flags = kConfigFlags, mgmtd_dbname db = MGMTD_CANDIDATE)
+    {
+        conn c = maapi_conn(port());
+        const int th = start_trans(c, db);
+        if (th < 0) {
+            return mgmtd_errno;
+        }
+        int failed = 0;
+        if (maapi_load_config_cmds(c.fd, th, flags, text.c_str()) != MGMTD_OK ||
+            maapi_apply_trans(c.fd, th, 1) != MGMTD_OK ||
+            (db == MGMTD_CANDIDATE && maapi_candidate_commit(c.fd) != MGMTD_OK)) {
+            failed = mgmtd_errno;
+        }
+        EXPECT_EQ(maapi_finish_trans(c.fd, th), MGMTD_OK);
+        EXPECT_EQ(maapi_end_user_session(c.fd), MGMTD_OK);
+        return failed;
+    }
+
+    int count(const std::string &path, mgmtd_dbname db = MGMTD_RUNNING)
+    {
+        conn c = cdb_conn(port(), db);
+        const int n = cdb_num_instances(c.fd, "%s", path.c_str());
+        EXPECT_EQ(cdb_end_session(c.fd), MGMTD_OK);
+        return n;
     }
 
     int port() const { return daemon_.port(); }
-    long commits()
-    {
-        conn c = conn::maapi(port(), false);
-        mgmtd_status_t st{};
-        EXPECT_EQ(mgmtd_get_status(c.fd, &st), MGMTD_OK);
-        return st.commits;
-    }
 
     fs::path dir_;
     daemon_process daemon_;
@@ -269,123 +265,123 @@ protected:
 
 TEST_F(MgmtdDaemon, TransactionAppliesToCandidateAndCommitMakesItRunning)
 {
-    conn c = conn::maapi(port());
-    const int th = maapi_start_trans_flags2(c.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
+    conn c = maapi_conn(port());
+    const int th = start_trans(c);
     ASSERT_GT(th, 0) << mgmtd_lasterr();
-    ASSERT_EQ(maapi_load_config_cmds(c.fd, th, kConfigFlags,
-                                     config_doc(data_policy("dp1", "vl1") + vpn_list("vl1", 1)).c_str()),
-              MGMTD_OK)
-        << mgmtd_lasterr();
-    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/data-policy"), 0) << "before apply";
+    auto load = [&](int t, const std::string &inner) {
+        return maapi_load_config_cmds(c.fd, t, kConfigFlags, config_doc(inner).c_str());
+    };
+    ASSERT_EQ(load(th, data_policy("dp1", "vl1") + vpn_list("vl1", 1)), MGMTD_OK) << mgmtd_lasterr();
+    EXPECT_EQ(count("/policy-from-qarmon/data-policy"), 0) << "before apply";
     ASSERT_EQ(maapi_apply_trans(c.fd, th, 1), MGMTD_OK) << mgmtd_lasterr();
-    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/data-policy"), 0) << "before commit";
+    EXPECT_EQ(count("/policy-from-qarmon/data-policy"), 0) << "before commit";
     ASSERT_EQ(maapi_candidate_commit(c.fd), MGMTD_OK) << mgmtd_lasterr();
-    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/data-policy"), 1);
-    EXPECT_NE(running_file(dir_).find("<name>dp1</name>"), std::string::npos);
+    EXPECT_EQ(count("/policy-from-qarmon/data-policy"), 1);
 
     // The replacing load (0x4401) takes the subtree as a whole: vl1 goes.
-    ASSERT_EQ(maapi_load_config_cmds(c.fd, th, kConfigFlags, config_doc(vpn_list("vl2", 2)).c_str()),
-              MGMTD_OK);
+    ASSERT_EQ(load(th, vpn_list("vl2", 2)), MGMTD_OK);
     ASSERT_EQ(maapi_apply_trans(c.fd, th, 1), MGMTD_OK) << mgmtd_lasterr();
     ASSERT_EQ(maapi_candidate_commit(c.fd), MGMTD_OK);
-    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/data-policy"), 0);
-    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/lists/vpn-list{vl2}"), 1);
+    EXPECT_EQ(count("/policy-from-qarmon/data-policy"), 0);
+    EXPECT_EQ(count("/policy-from-qarmon/lists/vpn-list{vl2}"), 1);
 
     // Deleting the subtree, then committing, empties it; the unapplied
     // load of a finished transaction never lands.
     ASSERT_EQ(maapi_delete(c.fd, th, "/policy-from-qarmon"), MGMTD_OK) << mgmtd_lasterr();
     ASSERT_EQ(maapi_apply_trans(c.fd, th, 0), MGMTD_OK) << mgmtd_lasterr();
-    EXPECT_EQ(maapi_finish_trans(c.fd, th), MGMTD_ERR) << "apply without keep-open finishes";
-    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_NOTRANS);
-    const int th2 = maapi_start_trans_flags2(c.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
-    ASSERT_EQ(maapi_load_config_cmds(c.fd, th2, kConfigFlags, config_doc(vpn_list("vl3", 3)).c_str()),
-              MGMTD_OK);
+    EXPECT_EQ(err(maapi_finish_trans(c.fd, th)), MGMTD_ERR_NOTRANS) << "apply without keep-open finishes";
+    const int th2 = start_trans(c);
+    ASSERT_EQ(load(th2, vpn_list("vl3", 3)), MGMTD_OK);
     ASSERT_EQ(maapi_finish_trans(c.fd, th2), MGMTD_OK);
     ASSERT_EQ(maapi_candidate_commit(c.fd), MGMTD_OK);
-    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/lists/vpn-list"), 0);
-    EXPECT_EQ(commits(), 3);
+    EXPECT_EQ(count("/policy-from-qarmon/lists/vpn-list"), 0);
     EXPECT_EQ(maapi_end_user_session(c.fd), MGMTD_OK);
 }
 
-// Each load flag combination on each database: accepted or refused with
-// the error it gets, and what the database holds afterwards.
-TEST_F(MgmtdDaemon, LoadFlagsDecideFormatDatabaseMergeAndStrictness)
+// Each load flag combination on each database, and payloads that do not
+// parse or validate: accepted, or refused with the error they get while the
+// transaction stays usable; what the database holds afterwards. A refused
+// payload leaves the running configuration as it was.
+TEST_F(MgmtdDaemon, LoadFlagsAndPayloadsDecideWhatTheDatabaseHolds)
 {
-    const std::string show = std::string("<policy xmlns=\"") + kEdgeNs +
-                             "\"><from-qarmon><lists><vpn-list><name>s1</name></vpn-list>"
-                             "</lists></from-qarmon></policy>";
-    const std::string show2 = std::string("<policy xmlns=\"") + kEdgeNs +
-                              "\"><from-qarmon><lists><vpn-list><name>s2</name></vpn-list>"
-                              "</lists></from-qarmon></policy>";
+    const std::string show = show_doc("<lists><vpn-list><name>s1</name></vpn-list></lists>");
     const std::string unknown = config_doc(vpn_list("u1", 1) + "<future-leaf>1</future-leaf>");
+    const std::string vpn_b = config_doc(vpn_list("b", 1));
+    constexpr mgmtd_dbname C = MGMTD_CANDIDATE, O = MGMTD_OPERATIONAL;
+    constexpr int kUsage = MGMTD_ERR_PROTOUSAGE, kXml = MGMTD_ERR_XML;
     struct row {
         const char *what;
         mgmtd_dbname db;
         int flags;
         std::string text;
-        int err;              // of the load
-        const char *path;     // counted after apply
-        int count;
+        int load_err, apply_err;
+        int count;  // of the VPN lists after the commit; -1: running stays as it was
     } rows[] = {
-        {"config, replace, strict", MGMTD_CANDIDATE, kConfigFlags, config_doc(vpn_list("a", 1)), 0,
-         "/policy-from-qarmon/lists/vpn-list", 1},
-        {"show data merged", MGMTD_OPERATIONAL, kShowFlags, show, 0, "/policy/from-qarmon/lists/vpn-list", 1},
-        {"second show data merged", MGMTD_OPERATIONAL, kShowFlags, show2, 0,
-         "/policy/from-qarmon/lists/vpn-list", 2},
-        {"show flags on configuration", MGMTD_CANDIDATE, kShowFlags, show, MGMTD_ERR_PROTOUSAGE, nullptr, 0},
-        {"config flags on operational", MGMTD_OPERATIONAL, kConfigFlags, show, MGMTD_ERR_PROTOUSAGE, nullptr, 0},
-        {"no format", MGMTD_CANDIDATE, 0x4400, config_doc(vpn_list("b", 1)), MGMTD_ERR_PROTOUSAGE, nullptr, 0},
-        {"unknown bit", MGMTD_CANDIDATE, kConfigFlags | 0x8000, config_doc(vpn_list("b", 1)),
-         MGMTD_ERR_PROTOUSAGE, nullptr, 0},
-        {"state data in configuration", MGMTD_CANDIDATE, MAAPI_CONFIG_XML, show, MGMTD_ERR_XML, nullptr, 0},
-        {"unknown element, strict", MGMTD_CANDIDATE, kConfigFlags, unknown, MGMTD_ERR_XML, nullptr, 0},
-        {"unknown element skipped", MGMTD_CANDIDATE, MAAPI_CONFIG_XML, unknown, 0,
-         "/policy-from-qarmon/lists/vpn-list", 2},
-        {"merge keeps what is there", MGMTD_CANDIDATE, MAAPI_CONFIG_XML, config_doc(vpn_list("c", 1)), 0,
-         "/policy-from-qarmon/lists/vpn-list", 3},
+        {"config, replace, strict", C, kConfigFlags, config_doc(vpn_list("a", 1)), 0, 0, 1},
+        {"show data merged", O, kShowFlags, show, 0, 0, 1},
+        {"second show data merged", O, kShowFlags, show_doc("<lists><vpn-list><name>s2</name></vpn-list></lists>"),
+         0, 0, 2},
+        {"show flags on configuration", C, kShowFlags, show, kUsage, 0, -1},
+        {"config flags on operational", O, kConfigFlags, show, kUsage, 0, -1},
+        {"no format", C, 0x4400, vpn_b, kUsage, 0, -1},
+        {"unknown bit", C, kConfigFlags | 0x8000, vpn_b, kUsage, 0, -1},
+        {"state data in configuration", C, MAAPI_CONFIG_XML, show, kXml, 0, -1},
+        {"unknown element, strict", C, kConfigFlags, unknown, kXml, 0, -1},
+        {"not XML", C, kConfigFlags, "<config xmlns=\"" + std::string(MGMTD_CONFIG_NS) + "\"><policy-from", kXml, 0,
+         -1},
+        {"unclosed element", C, kConfigFlags, config_doc("<lists><vpn-list><name>z</name>"), kXml, 0, -1},
+        {"value of the wrong type", C, kConfigFlags,
+         config_doc("<lists><vpn-list><name>z</name><vpn>many</vpn></vpn-list></lists>"), kXml, 0, -1},
+        {"missing list key", C, kConfigFlags, config_doc("<lists><vpn-list><vpn>1</vpn></vpn-list></lists>"), kXml, 0,
+         -1},
+        {"duplicate leaf-list values", C, kConfigFlags,
+         config_doc("<lists><vpn-list><name>z</name><vpn>1</vpn><vpn>1</vpn></vpn-list></lists>"), 0,
+         MGMTD_ERR_VALIDATION, -1},
+        {"unknown element skipped", C, MAAPI_CONFIG_XML, unknown, 0, 0, 2},
+        {"merge keeps what is there", C, MAAPI_CONFIG_XML, config_doc(vpn_list("c", 1)), 0, 0, 3},
     };
-    conn c = conn::maapi(port());
+    conn c = maapi_conn(port());
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
-        const int th = maapi_start_trans_flags2(c.fd, r.db, MAAPI_READ_WRITE, 0, 0);
+        const std::string before = running_file(dir_);
+        const int th = start_trans(c, r.db);
         ASSERT_GT(th, 0) << mgmtd_lasterr();
-        const int rc = maapi_load_config_cmds(c.fd, th, r.flags, r.text.c_str());
-        EXPECT_EQ(rc == MGMTD_OK ? 0 : mgmtd_errno, r.err) << mgmtd_lasterr();
-        ASSERT_EQ(maapi_apply_trans(c.fd, th, 0), MGMTD_OK) << mgmtd_lasterr();
-        if (r.path != nullptr) {
-            const mgmtd_dbname read_db = r.db == MGMTD_OPERATIONAL ? MGMTD_OPERATIONAL : MGMTD_RUNNING;
-            if (read_db == MGMTD_RUNNING) {
-                ASSERT_EQ(maapi_candidate_commit(c.fd), MGMTD_OK) << mgmtd_lasterr();
-            }
-            EXPECT_EQ(count(port(), read_db, r.path), r.count);
+        EXPECT_EQ(err(maapi_load_config_cmds(c.fd, th, r.flags, r.text.c_str())), r.load_err) << mgmtd_lasterr();
+        const int apply_err = err(maapi_apply_trans(c.fd, th, 0));
+        EXPECT_EQ(apply_err, r.apply_err) << mgmtd_lasterr();
+        EXPECT_TRUE(apply_err == 0 || maapi_finish_trans(c.fd, th) == MGMTD_OK) << "the transaction stays usable";
+        ASSERT_TRUE(r.db == O || maapi_candidate_commit(c.fd) == MGMTD_OK) << mgmtd_lasterr();
+        if (r.count >= 0) {
+            EXPECT_EQ(r.db == O ? count("/policy/from-qarmon/lists/vpn-list", O)
+                                : count("/policy-from-qarmon/lists/vpn-list"),
+                      r.count);
+        } else {
+            EXPECT_EQ(running_file(dir_), before);
         }
     }
     // Loading from a file reads it on the client's side.
     const fs::path file = dir_ / "show.xml";
     std::ofstream(file) << show;
-    const int th = maapi_start_trans_flags2(c.fd, MGMTD_OPERATIONAL, MAAPI_READ_WRITE, 0, 0);
+    const int th = start_trans(c, O);
     EXPECT_EQ(maapi_load_config(c.fd, th, kShowFlags, file.c_str()), MGMTD_OK) << mgmtd_lasterr();
-    EXPECT_EQ(maapi_load_config(c.fd, th, kShowFlags, (dir_ / "missing.xml").c_str()), MGMTD_ERR);
-    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_OS);
+    EXPECT_EQ(err(maapi_load_config(c.fd, th, kShowFlags, (dir_ / "missing.xml").c_str())), MGMTD_ERR_OS);
     EXPECT_EQ(maapi_finish_trans(c.fd, th), MGMTD_OK);
+    EXPECT_EQ(maapi_end_user_session(c.fd), MGMTD_OK);
 }
 
 // The locked database gives the other session the in-use error (10); the
-// same transaction applies once the lock is released, and a session that
-// goes away releases its locks.
+// same transaction applies once the lock is released. (A client that goes
+// away with its lock: ClientKilledMidTransactionLeavesNothingBehind.)
 TEST_F(MgmtdDaemon, LockedDatabaseIsInUseForOtherSessionsUntilReleased)
 {
-    conn holder = conn::maapi(port());
-    conn other = conn::maapi(port());
+    conn holder = maapi_conn(port());
+    conn other = maapi_conn(port());
     ASSERT_EQ(maapi_lock(holder.fd, MGMTD_CANDIDATE), MGMTD_OK) << mgmtd_lasterr();
-    EXPECT_EQ(maapi_lock(other.fd, MGMTD_CANDIDATE), MGMTD_ERR);
-    EXPECT_EQ(mgmtd_errno, 10);
+    EXPECT_EQ(err(maapi_lock(other.fd, MGMTD_CANDIDATE)), 10);
 
-    const int th = maapi_start_trans_flags2(other.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
-    ASSERT_EQ(maapi_load_config_cmds(other.fd, th, kConfigFlags, config_doc(vpn_list("x", 1)).c_str()),
-              MGMTD_OK);
-    EXPECT_EQ(maapi_apply_trans(other.fd, th, 1), MGMTD_ERR);
-    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_INUSE);
+    const int th = start_trans(other);
+    ASSERT_EQ(maapi_load_config_cmds(other.fd, th, kConfigFlags, config_doc(vpn_list("x", 1)).c_str()), MGMTD_OK);
+    EXPECT_EQ(err(maapi_apply_trans(other.fd, th, 1)), MGMTD_ERR_INUSE);
     EXPECT_STREQ(mgmtd_strerror(mgmtd_errno), "database is in use (locked by another session)");
     EXPECT_NE(std::string(mgmtd_lasterr()).find("locked"), std::string::npos);
 
@@ -394,115 +390,60 @@ TEST_F(MgmtdDaemon, LockedDatabaseIsInUseForOtherSessionsUntilReleased)
 
     // A lock on running stops the commit; the holder's own commit passes.
     ASSERT_EQ(maapi_lock(holder.fd, MGMTD_RUNNING), MGMTD_OK);
-    EXPECT_EQ(maapi_candidate_commit(other.fd), MGMTD_ERR);
-    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_INUSE);
-    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/lists/vpn-list"), 0);
+    EXPECT_EQ(err(maapi_candidate_commit(other.fd)), MGMTD_ERR_INUSE);
+    EXPECT_EQ(count("/policy-from-qarmon/lists/vpn-list"), 0);
     EXPECT_EQ(maapi_candidate_commit(holder.fd), MGMTD_OK) << mgmtd_lasterr();
-    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/lists/vpn-list"), 1);
+    EXPECT_EQ(count("/policy-from-qarmon/lists/vpn-list"), 1);
 
-    // The holder's connection goes away with its lock.
-    ASSERT_EQ(maapi_lock(holder.fd, MGMTD_CANDIDATE), MGMTD_OK);
-    { conn gone = std::move(holder); }
-    bool locked = true;
-    for (int i = 0; i < 200 && locked; i++) {
-        locked = maapi_lock(other.fd, MGMTD_CANDIDATE) != MGMTD_OK;
-        std::this_thread::sleep_for(std::chrono::milliseconds(locked ? 10 : 0));
-    }
-    EXPECT_FALSE(locked);
     EXPECT_EQ(maapi_finish_trans(other.fd, th), MGMTD_OK);
-    EXPECT_EQ(maapi_end_user_session(other.fd), MGMTD_OK) << "ends the session and its locks";
+    EXPECT_EQ(maapi_end_user_session(other.fd), MGMTD_OK);
+    EXPECT_EQ(maapi_end_user_session(holder.fd), MGMTD_OK) << "ends the session and its lock on running";
 }
 
-// A payload that does not parse or validate is refused and changes
-// nothing: the transaction stays usable, the running configuration stays.
-TEST_F(MgmtdDaemon, MalformedPayloadCommitsNothing)
+std::string be32(uint32_t v)
 {
-    ASSERT_EQ(publish(port(), config_doc(vpn_list("keep", 7))), 0);
-    const std::string before = running_file(dir_);
-    struct row {
-        const char *what;
-        std::string text;
-        int load_err;
-        int apply_err;
-    } rows[] = {
-        {"not XML", "<config xmlns=\"" + std::string(MGMTD_CONFIG_NS) + "\"><policy-from", MGMTD_ERR_XML, 0},
-        {"unclosed element", config_doc("<lists><vpn-list><name>z</name>"), MGMTD_ERR_XML, 0},
-        {"value of the wrong type", config_doc("<lists><vpn-list><name>z</name><vpn>many</vpn></vpn-list></lists>"),
-         MGMTD_ERR_XML, 0},
-        {"missing list key", config_doc("<lists><vpn-list><vpn>1</vpn></vpn-list></lists>"), MGMTD_ERR_XML, 0},
-        {"duplicate leaf-list values", config_doc("<lists><vpn-list><name>z</name><vpn>1</vpn><vpn>1</vpn>"
-                                                  "</vpn-list></lists>"),
-         0, MGMTD_ERR_VALIDATION},
-    };
-    conn c = conn::maapi(port());
-    for (const row &r : rows) {
-        SCOPED_TRACE(r.what);
-        const int th = maapi_start_trans_flags2(c.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
-        const int load = maapi_load_config_cmds(c.fd, th, kConfigFlags, r.text.c_str());
-        EXPECT_EQ(load == MGMTD_OK ? 0 : mgmtd_errno, r.load_err) << mgmtd_lasterr();
-        const int apply = maapi_apply_trans(c.fd, th, 0);
-        EXPECT_EQ(apply == MGMTD_OK ? 0 : mgmtd_errno, r.apply_err) << mgmtd_lasterr();
-        if (apply != MGMTD_OK) {
-            EXPECT_EQ(maapi_finish_trans(c.fd, th), MGMTD_OK);
-        }
-        ASSERT_EQ(maapi_candidate_commit(c.fd), MGMTD_OK) << mgmtd_lasterr();
-        EXPECT_EQ(running_file(dir_), before);
+    std::string s;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        s.push_back(char((v >> shift) & 0xff));
     }
-    EXPECT_EQ(maapi_end_user_session(c.fd), MGMTD_OK);
+    return s;
+}
+
+// A frame header with request id 7.
+std::string header(uint16_t op, uint32_t length, uint32_t magic = MGMTD_WIRE_MAGIC,
+                   uint8_t version = MGMTD_WIRE_VERSION)
+{
+    return be32(magic) + char(version) + '\0' + char(op >> 8) + char(op & 0xff) + be32(7) + be32(length);
 }
 
 // Frames that break the protocol: the daemon answers MGMTD_ERR_PROTO (or
 // just closes a cut frame), drops that connection and serves the others.
 TEST_F(MgmtdDaemon, BrokenFramesCloseTheirConnectionOnly)
 {
-    auto header = [](uint32_t magic, uint8_t version, uint16_t op, uint32_t length) {
-        std::string h;
-        for (uint32_t v : {magic}) {
-            for (int s = 24; s >= 0; s -= 8) h.push_back(char((v >> s) & 0xff));
-        }
-        h.push_back(char(version));
-        h.push_back(0);
-        h.push_back(char(op >> 8));
-        h.push_back(char(op & 0xff));
-        h.append("\0\0\0\x07", 4);
-        for (int s = 24; s >= 0; s -= 8) h.push_back(char((length >> s) & 0xff));
-        return h;
-    };
-    auto i32 = [](int32_t v) {
-        std::string s;
-        for (int sh = 24; sh >= 0; sh -= 8) s.push_back(char((uint32_t(v) >> sh) & 0xff));
-        return s;
-    };
-    const std::string hello = i32(MGMTD_CONN_MAAPI) + i32(1) + "t";
+    const std::string hello = be32(MGMTD_CONN_MAAPI) + be32(1) + "t";
     struct row {
         const char *what;
         std::string bytes;
         bool proto_answer;
     } rows[] = {
-        {"bad magic", header(0x12345678, MGMTD_WIRE_VERSION, MGMTD_OP_HELLO, 0), true},
-        {"other version", header(MGMTD_WIRE_MAGIC, 9, MGMTD_OP_HELLO, 0), true},
-        {"frame too large", header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, MGMTD_OP_HELLO,
-                                   MGMTD_WIRE_MAX_PAYLOAD + 1), true},
-        {"fields cut short", header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, MGMTD_OP_HELLO, 3) + "abc", true},
-        {"string longer than the frame",
-         header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, MGMTD_OP_HELLO, 8) + i32(1) + i32(100), true},
-        {"request before hello", header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, MGMTD_OP_COMMIT, 0), true},
-        {"unknown operation",
-         header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, MGMTD_OP_HELLO, uint32_t(hello.size())) + hello +
-             header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, 999, 0),
-         true},
-        {"peer leaves inside a frame", header(MGMTD_WIRE_MAGIC, MGMTD_WIRE_VERSION, MGMTD_OP_HELLO, 100) + "ab",
-         false},
+        {"bad magic", header(MGMTD_OP_HELLO, 0, 0x12345678), true},
+        {"other version", header(MGMTD_OP_HELLO, 0, MGMTD_WIRE_MAGIC, 9), true},
+        {"frame too large", header(MGMTD_OP_HELLO, MGMTD_WIRE_MAX_PAYLOAD + 1), true},
+        {"fields cut short", header(MGMTD_OP_HELLO, 3) + "abc", true},
+        {"string longer than the frame", header(MGMTD_OP_HELLO, 8) + be32(1) + be32(100), true},
+        {"request before hello", header(MGMTD_OP_COMMIT, 0), true},
+        {"unknown operation", header(MGMTD_OP_HELLO, uint32_t(hello.size())) + hello + header(999, 0), true},
+        {"peer leaves inside a frame", header(MGMTD_OP_HELLO, 100) + "ab", false},
     };
-    ASSERT_EQ(publish(port(), config_doc(vpn_list("keep", 7))), 0);
+    ASSERT_EQ(publish(config_doc(vpn_list("keep", 7))), 0);
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
         conn raw;
-        const sockaddr_in a = loopback(port());
-        ASSERT_EQ(connect(raw.fd, reinterpret_cast<const sockaddr *>(&a), sizeof a), 0);
+        endpoint a(port());
+        ASSERT_EQ(connect(raw.fd, a.addr(), sizeof a.in), 0);
         ASSERT_EQ(send(raw.fd, r.bytes.data(), r.bytes.size(), MSG_NOSIGNAL), ssize_t(r.bytes.size()));
         if (!r.proto_answer) {
-            continue;   // closed here with the frame unfinished
+            continue;  // closed here with the frame unfinished
         }
         // Read every answer up to the close; the last one says MGMTD_ERR_PROTO.
         std::string in;
@@ -519,10 +460,10 @@ TEST_F(MgmtdDaemon, BrokenFramesCloseTheirConnectionOnly)
             const auto *h = reinterpret_cast<const unsigned char *>(in.data() + at + 12);
             at += MGMTD_WIRE_HEADER_SIZE + ((h[0] << 24) | (h[1] << 16) | (h[2] << 8) | h[3]);
         }
-        EXPECT_EQ(in.substr(last + MGMTD_WIRE_HEADER_SIZE, 4), i32(MGMTD_ERR_PROTO));
+        EXPECT_EQ(in.substr(last + MGMTD_WIRE_HEADER_SIZE, 4), be32(uint32_t(MGMTD_ERR_PROTO)));
     }
-    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/lists/vpn-list{keep}/vpn"), 1);
-    EXPECT_EQ(publish(port(), config_doc(vpn_list("after", 1)), MAAPI_CONFIG_XML), 0);
+    EXPECT_EQ(count("/policy-from-qarmon/lists/vpn-list{keep}/vpn"), 1);
+    EXPECT_EQ(publish(config_doc(vpn_list("after", 1)), MAAPI_CONFIG_XML), 0);
 }
 
 // A client process killed in the middle of a transaction (after its load,
@@ -530,33 +471,25 @@ TEST_F(MgmtdDaemon, BrokenFramesCloseTheirConnectionOnly)
 // keeps serving; neither running nor candidate gets the load.
 TEST_F(MgmtdDaemon, ClientKilledMidTransactionLeavesNothingBehind)
 {
-    ASSERT_EQ(publish(port(), config_doc(vpn_list("keep", 7))), 0);
+    ASSERT_EQ(publish(config_doc(vpn_list("keep", 7))), 0);
     const std::string before = running_file(dir_);
     for (const bool with_lock : {false, true}) {
         SCOPED_TRACE(with_lock ? "holding the lock" : "after the load");
-        int ready[2];
-        ASSERT_EQ(pipe(ready), 0);
         const pid_t child = fork();
         if (child == 0) {
-            conn c = conn::maapi(port());
-            const int th = maapi_start_trans_flags2(c.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
+            conn c = maapi_conn(port());
+            const int th = start_trans(c);
             maapi_load_config_cmds(c.fd, th, kConfigFlags, config_doc(vpn_list("lost", 1)).c_str());
             if (with_lock) {
                 maapi_lock(c.fd, MGMTD_CANDIDATE);
             }
-            const char byte = 1;
-            (void)!write(ready[1], &byte, 1);
-            pause();
-            _exit(0);
+            raise(SIGKILL);
         }
-        close(ready[1]);
-        char byte;
-        ASSERT_EQ(read(ready[0], &byte, 1), 1);
-        close(ready[0]);
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
+        int st = 0;
+        ASSERT_EQ(waitpid(child, &st, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
         expect_idle();
-        ASSERT_EQ(publish(port(), config_doc(vpn_list("keep", 7))), 0) << "the daemon serves on";
+        ASSERT_EQ(publish(config_doc(vpn_list("keep", 7))), 0) << "the daemon serves on";
         EXPECT_EQ(running_file(dir_), before);
     }
 }
@@ -565,17 +498,17 @@ TEST_F(MgmtdDaemon, ClientKilledMidTransactionLeavesNothingBehind)
 // running file that no longer loads stops the daemon from starting.
 TEST_F(MgmtdDaemon, RunningConfigurationPersistsAcrossRestarts)
 {
-    ASSERT_EQ(publish(port(), config_doc(data_policy("dp1", "vl1") + vpn_list("vl1", 1))), 0);
+    const std::string first = config_doc(data_policy("dp1", "vl1") + vpn_list("vl1", 1));
+    ASSERT_EQ(publish(first), 0);
     for (const int sig : {SIGTERM, SIGKILL}) {
         SCOPED_TRACE(sig);
-        const int status = daemon_.stop(sig);
-        EXPECT_EQ(status, sig == SIGTERM ? 0 : -SIGKILL);
+        EXPECT_EQ(daemon_.stop(sig), sig == SIGTERM ? 0 : -SIGKILL);
         ASSERT_TRUE(daemon_.start(dir_));
-        EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/data-policy{dp1}"), 1);
+        EXPECT_EQ(count("/policy-from-qarmon/data-policy{dp1}"), 1);
         // The candidate starts as the running configuration.
-        EXPECT_EQ(publish(port(), config_doc(vpn_list("vl2", 2)), MAAPI_CONFIG_XML), 0);
-        EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/lists/vpn-list"), 2);
-        EXPECT_EQ(publish(port(), config_doc(data_policy("dp1", "vl1") + vpn_list("vl1", 1))), 0);
+        EXPECT_EQ(publish(config_doc(vpn_list("vl2", 2)), MAAPI_CONFIG_XML), 0);
+        EXPECT_EQ(count("/policy-from-qarmon/lists/vpn-list"), 2);
+        EXPECT_EQ(publish(first), 0);
     }
     expect_idle();
     ASSERT_EQ(daemon_.stop(), 0);
@@ -584,31 +517,27 @@ TEST_F(MgmtdDaemon, RunningConfigurationPersistsAcrossRestarts)
     daemon_process broken;
     EXPECT_FALSE(broken.start(dir_, &output));
     EXPECT_NE(output.find("running.xml"), std::string::npos) << output;
-    EXPECT_EQ(broken.wait_exit(), 1);
+    EXPECT_EQ(broken.stop(0), 1);
 }
 
 // The reads of the policy library's start-up and of its show-data
 // clean-up, and the schema look-ups of its compatibility filter.
 TEST_F(MgmtdDaemon, DataSessionsReadAndSchemaLookupsAnswer)
 {
-    const std::string long_name(40, 'n');
-    ASSERT_EQ(publish(port(), config_doc(data_policy("dp1", "vl1") + data_policy(long_name, "vl2") +
+    ASSERT_EQ(publish(config_doc(data_policy("dp1", "vl1") + data_policy(std::string(40, 'n'), "vl2") +
                                          "<data-policy><name>dp3</name><vpn-list><name>va</name></vpn-list>"
                                          "<vpn-list><name>vb</name></vpn-list></data-policy>")),
               0);
-    conn c = conn::cdb(port(), MGMTD_RUNNING);
+    conn c = cdb_conn(port(), MGMTD_RUNNING);
     ASSERT_EQ(cdb_pushd(c.fd, "/policy-from-qarmon"), MGMTD_OK) << mgmtd_lasterr();
     ASSERT_EQ(cdb_num_instances(c.fd, "data-policy"), 3);
     char name[33];
-    std::vector<std::string> names;
+    std::vector<std::string> names;  // the 40-character name does not fit
     for (int i = 0; i < 3; i++) {
-        if (cdb_get_str(c.fd, name, sizeof name, "data-policy[%d]/name", i) == MGMTD_OK) {
-            names.push_back(name);
-        } else {
-            EXPECT_EQ(mgmtd_errno, MGMTD_ERR_TOOBIG);
-        }
+        const int failed = err(cdb_get_str(c.fd, name, sizeof name, "data-policy[%d]/name", i));
+        names.push_back(failed == 0 ? name : failed == MGMTD_ERR_TOOBIG ? "(too big)" : "(failed)");
     }
-    EXPECT_EQ(names, (std::vector<std::string>{"dp1", "dp3"}));
+    EXPECT_EQ(names, (std::vector<std::string>{"dp1", "(too big)", "dp3"}));
     EXPECT_EQ(cdb_num_instances(c.fd, "data-policy[%d]/vpn-list", 2), 2);
     ASSERT_EQ(cdb_pushd(c.fd, "data-policy[%d]/vpn-list[%d]", 2, 1), MGMTD_OK) << mgmtd_lasterr();
     ASSERT_EQ(cdb_get_str(c.fd, name, sizeof name, "name"), MGMTD_OK);
@@ -616,38 +545,27 @@ TEST_F(MgmtdDaemon, DataSessionsReadAndSchemaLookupsAnswer)
     ASSERT_EQ(cdb_popd(c.fd), MGMTD_OK);
     EXPECT_EQ(cdb_get_str(c.fd, name, sizeof name, "data-policy{dp3}/vpn-list[0]/name"), MGMTD_OK);
     EXPECT_STREQ(name, "va");
-    EXPECT_EQ(cdb_get_str(c.fd, name, sizeof name, "data-policy[7]/name"), MGMTD_ERR);
-    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_NOEXISTS);
-    EXPECT_EQ(cdb_num_instances(c.fd, "no-such-node"), MGMTD_ERR);
-    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_BADPATH);
-    EXPECT_EQ(cdb_delete(c.fd, "/policy-from-qarmon"), MGMTD_ERR) << "running is read-only here";
-    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_NOT_WRITABLE);
+    EXPECT_EQ(err(cdb_get_str(c.fd, name, sizeof name, "data-policy[7]/name")), MGMTD_ERR_NOEXISTS);
+    EXPECT_EQ(err(cdb_num_instances(c.fd, "no-such-node")), MGMTD_ERR_BADPATH);
+    EXPECT_EQ(err(cdb_delete(c.fd, "/policy-from-qarmon")), MGMTD_ERR_NOT_WRITABLE) << "running is read-only here";
     EXPECT_EQ(cdb_end_session(c.fd), MGMTD_OK);
 
     // Show-data clean-up: count, then delete what is there.
-    conn m = conn::maapi(port());
-    const int th = maapi_start_trans_flags2(m.fd, MGMTD_OPERATIONAL, MAAPI_READ_WRITE, 0, 0);
-    ASSERT_EQ(maapi_load_config_cmds(m.fd, th, kShowFlags,
-                                     (std::string("<policy xmlns=\"") + kEdgeNs + "\"><from-qarmon>" +
-                                      data_policy("dp1", "vl1") + vpn_list("vl1", 1) + "</from-qarmon></policy>")
-                                         .c_str()),
-              MGMTD_OK)
-        << mgmtd_lasterr();
-    ASSERT_EQ(maapi_apply_trans(m.fd, th, 0), MGMTD_OK) << mgmtd_lasterr();
-    EXPECT_EQ(maapi_end_user_session(m.fd), MGMTD_OK);
-    conn o = conn::cdb(port(), MGMTD_OPERATIONAL);
+    ASSERT_EQ(publish(show_doc(data_policy("dp1", "vl1") + vpn_list("vl1", 1)), kShowFlags,
+                      MGMTD_OPERATIONAL),
+              0);
+    conn o = cdb_conn(port(), MGMTD_OPERATIONAL);
     for (const char *path : {"/policy/from-qarmon/data-policy", "/policy/from-qarmon/lists/vpn-list"}) {
         ASSERT_EQ(cdb_num_instances(o.fd, "%s", path), 1) << path;
         EXPECT_EQ(cdb_delete(o.fd, "%s", path), MGMTD_OK) << mgmtd_lasterr();
         EXPECT_EQ(cdb_num_instances(o.fd, "%s", path), 0) << path;
-        EXPECT_EQ(cdb_delete(o.fd, "%s", path), MGMTD_ERR);
-        EXPECT_EQ(mgmtd_errno, MGMTD_ERR_NOEXISTS);
+        EXPECT_EQ(err(cdb_delete(o.fd, "%s", path)), MGMTD_ERR_NOEXISTS);
     }
     EXPECT_EQ(cdb_end_session(o.fd), MGMTD_OK);
 
     struct lookup {
         const char *path;
-        int kind;   // 0: unknown
+        int kind;  // 0: unknown
         int config;
     } lookups[] = {
         {"/zentrak-policy:policy-from-qarmon/zentrak-policy:data-policy/zentrak-policy:name", MGMTD_CS_LEAF, 1},
@@ -660,15 +578,11 @@ TEST_F(MgmtdDaemon, DataSessionsReadAndSchemaLookupsAnswer)
     };
     for (const lookup &l : lookups) {
         SCOPED_TRACE(l.path);
-        for (int again = 0; again < 2; again++) {   // the second answer comes from the cache
+        for (int again = 0; again < 2; again++) {  // the second answer comes from the cache
             const mgmtd_cs_node_t *node = mgmtd_cs_node_cd(nullptr, "%s", l.path);
-            ASSERT_EQ(node != nullptr, l.kind != 0) << mgmtd_lasterr();
-            if (node != nullptr) {
-                EXPECT_EQ(node->kind, l.kind);
-                EXPECT_EQ(node->config, l.config);
-            } else {
-                EXPECT_EQ(mgmtd_errno, MGMTD_ERR_BADPATH);
-            }
+            EXPECT_EQ(node != nullptr ? 0 : mgmtd_errno, l.kind != 0 ? 0 : MGMTD_ERR_BADPATH) << mgmtd_lasterr();
+            EXPECT_EQ(node != nullptr ? node->kind : 0, l.kind);
+            EXPECT_EQ(node != nullptr ? node->config : 0, l.config);
         }
     }
     const mgmtd_cs_node_t *dp = mgmtd_cs_node_cd(nullptr, "/policy-from-qarmon/data-policy");
@@ -683,19 +597,16 @@ TEST_F(MgmtdDaemon, DataSessionsReadAndSchemaLookupsAnswer)
 TEST_F(MgmtdDaemon, ClientTimesOutOnASilentPeer)
 {
     conn listener;
-    const int one = 1;
-    setsockopt(listener.fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in a = loopback(0);
-    ASSERT_EQ(bind(listener.fd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+    endpoint a(0);
+    ASSERT_EQ(bind(listener.fd, a.addr(), sizeof a.in), 0);
     ASSERT_EQ(listen(listener.fd, 1), 0);
-    socklen_t len = sizeof a;
-    getsockname(listener.fd, reinterpret_cast<sockaddr *>(&a), &len);
+    socklen_t len = sizeof a.in;
+    getsockname(listener.fd, a.addr(), &len);
     mgmtd_set_timeout_ms(200);
     conn c;
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(maapi_connect(c.fd, reinterpret_cast<const sockaddr *>(&a), sizeof a), MGMTD_ERR);
+    EXPECT_EQ(err(maapi_connect(c.fd, a.addr(), sizeof a.in)), MGMTD_ERR_TIMEOUT);
     const auto waited = std::chrono::steady_clock::now() - start;
-    EXPECT_EQ(mgmtd_errno, MGMTD_ERR_TIMEOUT);
     EXPECT_GE(waited, std::chrono::milliseconds(150));
     EXPECT_LT(waited, std::chrono::milliseconds(5000));
 }
@@ -711,14 +622,11 @@ TEST_F(MgmtdDaemon, ConcurrentClientsLoseAndDuplicateNoCommit)
     std::vector<int> failures(kClients, 0);
     for (int i = 0; i < kClients; i++) {
         threads.emplace_back([&, i] {
-            conn c = conn::maapi(port());
-            conn reader;
-            const sockaddr_in a = loopback(port());
-            EXPECT_EQ(cdb_connect(reader.fd, CDB_DATA_SOCKET, reinterpret_cast<const sockaddr *>(&a), sizeof a),
-                      MGMTD_OK);
+            conn c = maapi_conn(port());
+            conn reader = cdb_conn(port(), MGMTD_RUNNING, false);
             const std::string name = "c" + std::to_string(i);
             for (int j = 0; j < kTransactions; j++) {
-                const int th = maapi_start_trans_flags2(c.fd, MGMTD_CANDIDATE, MAAPI_READ_WRITE, 0, 0);
+                const int th = start_trans(c);
                 const std::string text = config_doc("<sla-class><name>" + name + "</name><latency>" +
                                                     std::to_string(j) + "</latency></sla-class>");
                 char latency[16] = "";
@@ -739,8 +647,8 @@ TEST_F(MgmtdDaemon, ConcurrentClientsLoseAndDuplicateNoCommit)
         t.join();
     }
     EXPECT_EQ(failures, std::vector<int>(kClients, 0));
-    EXPECT_EQ(commits(), long(kClients) * kTransactions);
-    EXPECT_EQ(count(port(), MGMTD_RUNNING, "/policy-from-qarmon/sla-class"), kClients);
+    EXPECT_EQ(status().commits, long(kClients) * kTransactions);
+    EXPECT_EQ(count("/policy-from-qarmon/sla-class"), kClients);
 }
 
 }  // namespace

@@ -42,6 +42,10 @@ for required in \
     pol_fwd_eval_label \
     pol_dump_memory_info pol_dump_route_policies pol_dump_membership_policies \
     pol_dump_cflowd_policies pol_dump_users_change_list pol_dump_all \
+    pol_dump_xml_data_policy pol_dump_xml_pfr_policy pol_dump_xml_cflowd pol_dump_xml_policer \
+    pol_dump_xml_sla_class pol_dump_xml_app_probe_class pol_dump_xml_fwd_prefix_list \
+    pol_dump_xml_fwd_prefix_ipv6_list pol_dump_xml_vpn_list pol_dump_xml_tloc_list pol_dump_xml_app_list \
+    pol_dump_xml_summary pol_dump_xml_statistics pol_dump_test_xml_gen \
     g_pol_ctx_p g_pol_dbg_level g_pol_mem_info g_polbuf1 g_pol_list_head \
     pol_show_data_pol_from_qarmon; do
   echo "$symbols" | grep -qx "$required" || { echo "missing export: $required"; status=1; }
@@ -51,6 +55,7 @@ done
 for internal in pol_block_find_or_create pol_user_chg_list_notify_all pol_site_list_add_entry \
                 pol_exec_route avl_add pol_config_policy_get_match_type \
                 pol_config_set_bgp_community_upd pol_test_get_tokens pol_test_parse_get_type \
+                pol_dump_xml_data_policy_all pol_dump_obj_xml_statistics pol_xml_gen_test nsec_to_str \
                 pol_fwd_eval_block pol_fwd_upd_label_set_entry pol_fwd_list_exists; do
   if echo "$symbols" | grep -qx "$internal"; then echo "internal symbol exported: $internal"; status=1; fi
 done

@@ -252,19 +252,17 @@ TEST_F(FwdEntryTest, SetTlocMergesPartialTloc)
         return pol_fwd_entry_tloc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 10, encap_set, t);
     };
     const t_tloc_id *stored = &entry_->set_entry.set_fwd_tloc;
-    const t_tloc_id full{v4(1), 3, 2};
-    ASSERT_EQ(upd(true, &full), ERR_OK);
-    EXPECT_EQ(TLOC_CMP(stored, &full), 0);
-    EXPECT_TRUE((entry_->entry_set_flags & 0x80) && (block_->pol_flags & 0x8) && notified() == 1);
-    const t_tloc_id addr_only{v4(2), 0, 1};
-    ASSERT_EQ(upd(false, &addr_only), ERR_OK);
-    const t_tloc_id merged{v4(2), 3, 2};
-    EXPECT_EQ(TLOC_CMP(stored, &merged), 0);
-    const t_tloc_id colour_encap{t_ipaddr{}, 9, 0};
-    ASSERT_EQ(upd(true, &colour_encap), ERR_OK);
-    const t_tloc_id merged2{v4(2), 9, 0};
-    EXPECT_EQ(TLOC_CMP(stored, &merged2), 0);
-    EXPECT_EQ(notified(), 1);  // always told
+    const t_tloc_id full{v4(1), 3, 2}, addr_only{v4(2), 0, 1}, colour_encap{t_ipaddr{}, 9, 0};
+    const struct {
+        bool encap_set;
+        const t_tloc_id *given;
+        t_tloc_id want;
+    } steps[] = {{true, &full, full}, {false, &addr_only, {v4(2), 3, 2}}, {true, &colour_encap, {v4(2), 9, 0}}};
+    for (const auto &step : steps) {
+        ASSERT_EQ(upd(step.encap_set, step.given), ERR_OK);
+        EXPECT_EQ(TLOC_CMP(stored, &step.want), 0) << &step - steps;
+        EXPECT_TRUE((entry_->entry_set_flags & 0x80) && (block_->pol_flags & 0x8) && notified() == 1);  // always told
+    }
     ASSERT_EQ(upd(false, nullptr), ERR_OK);
     EXPECT_TRUE(IPADDR_IS_ZERO(&stored->addr) && stored->addr.addr_type == 0 && stored->color == 0);
     EXPECT_TRUE(!(entry_->entry_set_flags & 0x80) && !(block_->pol_flags & 0x8) && notified() == 1);
@@ -429,7 +427,7 @@ TEST_F(FwdEntryTest, TlocListReference)
 struct ListRef {
     const char *what;
     void (*upd)(t_pol_ctx *, const char *, e_pol_type, const char *, uint32_t, const char *);
-    bool on_match;
+    uint64_t t_pol_entry::*flags;
     uint64_t bit;
     const void *(*held)(const t_pol_entry &);
     const void *(*find)(t_pol_ctx *, const char *);
@@ -437,53 +435,32 @@ struct ListRef {
     e_err (*cfg_del)(t_pol_ctx *, const char *);
 };
 
-template <typename L, typename H>
-bool no_user(const void *list, H L::*head)
-{
-    return TAILQ_EMPTY(&(static_cast<const L *>(list)->*head));
-}
+#define LIST_REF(what, upd, flags, bit, held, T, find, users, cfg_del)                                    \
+    ListRef{what, upd, &t_pol_entry::flags, bit, [](const t_pol_entry &e) -> const void * { return e.held; }, \
+            [](t_pol_ctx *c, const char *n) -> const void * { return find(c, n); },                        \
+            [](const void *l) { return TAILQ_EMPTY(&static_cast<const T *>(l)->users); }, cfg_del}
 
 const ListRef kListRefs[] = {
-    {"source prefix list", pol_fwd_entry_src_pfx_upd, true, 0x1000,
-     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_src_list_p; },
-     [](t_pol_ctx *c, const char *n) -> const void * { return pol_fwd_pfx_list_find(c, n); },
-     [](const void *l) { return no_user(l, &t_fwd_pfx_list::match_src_list_head); },
-     pol_fwd_pfx_list_cfg_del},
-    {"destination prefix list", pol_fwd_entry_dst_pfx_upd, true, 0x2000,
-     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_dst_list_p; },
-     [](t_pol_ctx *c, const char *n) -> const void * { return pol_fwd_pfx_list_find(c, n); },
-     [](const void *l) { return no_user(l, &t_fwd_pfx_list::match_dst_list_head); },
-     pol_fwd_pfx_list_cfg_del},
-    {"IPv6 source prefix list", pol_fwd_entry_src_pfx6_upd, true, 0x800000,
-     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_src6_list_p; },
-     [](t_pol_ctx *c, const char *n) -> const void * { return pol_fwd_pfx6_list_find(c, n); },
-     [](const void *l) { return no_user(l, &t_fwd_pfx_list::match_src_list_head); },
-     pol_fwd_pfx6_list_cfg_del},
-    {"IPv6 destination prefix list", pol_fwd_entry_dst_pfx6_upd, true, 0x1000000,
-     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_dst6_list_p; },
-     [](t_pol_ctx *c, const char *n) -> const void * { return pol_fwd_pfx6_list_find(c, n); },
-     [](const void *l) { return no_user(l, &t_fwd_pfx_list::match_dst_list_head); },
-     pol_fwd_pfx6_list_cfg_del},
-    {"app-id", pol_fwd_entry_app_id_upd, true, 0x40000,
-     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_app_id_p; },
-     [](t_pol_ctx *c, const char *n) -> const void * { return pol_fwd_app_id_find(c, n); },
-     [](const void *l) { return no_user(l, &t_fwd_app_id::match_app_id_head); },
-     pol_fwd_app_id_cfg_del},
-    {"application list", pol_fwd_entry_app_list_upd, true, 0x80000,
-     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_app_list_p; },
-     [](t_pol_ctx *c, const char *n) -> const void * { return pol_app_list_find(c, n); },
-     [](const void *l) { return no_user(l, &t_app_list::match_list_head); },
-     pol_app_list_cfg_del},
-    {"DNS application list", pol_fwd_entry_dns_app_list_upd, true, 0x400000,
-     [](const t_pol_entry &e) -> const void * { return e.match_entry.match_dns_app_list_p; },
-     [](t_pol_ctx *c, const char *n) -> const void * { return pol_app_list_find(c, n); },
-     [](const void *l) { return no_user(l, &t_app_list::match_dns_list_head); },
-     pol_app_list_cfg_del},
-    {"policer", pol_fwd_entry_policer_upd, false, 0x800,
-     [](const t_pol_entry &e) -> const void * { return e.set_entry.set_fwd_policer_p; },
-     [](t_pol_ctx *c, const char *n) -> const void * { return pol_fwd_policer_find(c, n); },
-     [](const void *l) { return no_user(l, &t_fwd_policer::set_policer_head); },
-     pol_fwd_policer_cfg_del},
+    LIST_REF("source prefix list", pol_fwd_entry_src_pfx_upd, entry_match_flags, 0x1000, match_entry.match_src_list_p,
+             t_fwd_pfx_list, pol_fwd_pfx_list_find, match_src_list_head, pol_fwd_pfx_list_cfg_del),
+    LIST_REF("destination prefix list", pol_fwd_entry_dst_pfx_upd, entry_match_flags, 0x2000,
+             match_entry.match_dst_list_p, t_fwd_pfx_list, pol_fwd_pfx_list_find, match_dst_list_head,
+             pol_fwd_pfx_list_cfg_del),
+    LIST_REF("IPv6 source prefix list", pol_fwd_entry_src_pfx6_upd, entry_match_flags, 0x800000,
+             match_entry.match_src6_list_p, t_fwd_pfx_list, pol_fwd_pfx6_list_find, match_src_list_head,
+             pol_fwd_pfx6_list_cfg_del),
+    LIST_REF("IPv6 destination prefix list", pol_fwd_entry_dst_pfx6_upd, entry_match_flags, 0x1000000,
+             match_entry.match_dst6_list_p, t_fwd_pfx_list, pol_fwd_pfx6_list_find, match_dst_list_head,
+             pol_fwd_pfx6_list_cfg_del),
+    LIST_REF("app-id", pol_fwd_entry_app_id_upd, entry_match_flags, 0x40000, match_entry.match_app_id_p, t_fwd_app_id,
+             pol_fwd_app_id_find, match_app_id_head, pol_fwd_app_id_cfg_del),
+    LIST_REF("application list", pol_fwd_entry_app_list_upd, entry_match_flags, 0x80000, match_entry.match_app_list_p,
+             t_app_list, pol_app_list_find, match_list_head, pol_app_list_cfg_del),
+    LIST_REF("DNS application list", pol_fwd_entry_dns_app_list_upd, entry_match_flags, 0x400000,
+             match_entry.match_dns_app_list_p, t_app_list, pol_app_list_find, match_dns_list_head,
+             pol_app_list_cfg_del),
+    LIST_REF("policer", pol_fwd_entry_policer_upd, entry_set_flags, 0x800, set_entry.set_fwd_policer_p, t_fwd_policer,
+             pol_fwd_policer_find, set_policer_head, pol_fwd_policer_cfg_del),
 };
 
 TEST_F(FwdEntryTest, NamedListReferences)
@@ -493,7 +470,7 @@ TEST_F(FwdEntryTest, NamedListReferences)
         entry_ = pol_fwd_entry_find_or_create(ctx_, "D", POL_TYPE_DATA, "V", 10);
         notified();
         auto upd = [&](const char *name) { r.upd(ctx_, "D", POL_TYPE_DATA, "V", 10, name); };
-        auto bit = [&] { return ((r.on_match ? entry_->entry_match_flags : entry_->entry_set_flags) & r.bit) != 0; };
+        auto bit = [&] { return ((*entry_).*r.flags & r.bit) != 0; };
         upd("A");
         const void *a = r.find(ctx_, "A");
         EXPECT_TRUE(a != nullptr && r.held(*entry_) == a && bit() && !r.used_by_nobody(a) && notified() == 1);

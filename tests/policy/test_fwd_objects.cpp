@@ -61,38 +61,32 @@ mgmtd_tag_value_t leaf(uint32_t tag, mgmtd_vtype type, uint64_t value = 0)
 constexpr uint32_t kRate = 0x31c4ad27, kBurst = 0x4b124597, kExceed = 0x3fe4de6;
 
 // One value-object family (policer, SLA class, app-id) on the object "X",
-// through its own C functions.
+// through its own C functions, pol_fwd_<family>_*.
 struct Family {
     const char *what;
     e_pol_mem row;
-    std::function<e_err()> change;
-    std::function<void *()> find;
-    std::function<void *(DataSequence &)> user_add;
-    std::function<e_err(void *, DataSequence &)> user_remove;
-    std::function<e_err()> cfg_del;
-    std::function<void(void *)> del;
+    e_err (*change)();
+    void *(*find)();
+    void *(*user_add)(DataSequence &);
+    e_err (*user_remove)(void *, DataSequence &);
+    e_err (*cfg_del)();
+    void (*del)(void *);
     bool last_user_deletes;
 };
 
-template <typename T, typename User>
-Family family(const char *what, e_pol_mem row, std::function<e_err()> change,
-              T *(*find)(t_pol_ctx *, const char *), T *(*user_add)(t_pol_ctx *, const char *, User *),
-              e_err (*user_remove)(t_pol_ctx *, T *, User *), e_err (*cfg_del)(t_pol_ctx *, const char *),
-              void (*del)(t_pol_ctx *, T **, uint8_t), User DataSequence::*user, bool last_user_deletes)
-{
-    return {what,
-            row,
-            std::move(change),
-            [=] { return find(g_pol_ctx_p, "X"); },
-            [=](DataSequence &s) { return user_add(g_pol_ctx_p, "X", &(s.*user)); },
-            [=](void *o, DataSequence &s) { return user_remove(g_pol_ctx_p, static_cast<T *>(o), &(s.*user)); },
-            [=] { return cfg_del(g_pol_ctx_p, "X"); },
-            [=](void *o) {
-                auto *rec = static_cast<T *>(o);
-                del(g_pol_ctx_p, &rec, 1);
-            },
-            last_user_deletes};
-}
+#define FAMILY(fam, T, row, change, user, last_user_deletes)                                               \
+    Family{#fam, row, [] { return change; },                                                                   \
+           []() -> void * { return pol_fwd_##fam##_find(g_pol_ctx_p, "X"); },                                 \
+           [](DataSequence &s) -> void * { return pol_fwd_##fam##_user_add(g_pol_ctx_p, "X", &s.user); },     \
+           [](void *o, DataSequence &s) {                                                                      \
+               return pol_fwd_##fam##_user_remove(g_pol_ctx_p, static_cast<T *>(o), &s.user);                 \
+           },                                                                                                  \
+           [] { return pol_fwd_##fam##_cfg_del(g_pol_ctx_p, "X"); },                                          \
+           [](void *o) {                                                                                       \
+               T *rec = static_cast<T *>(o);                                                                   \
+               pol_fwd_##fam##_del(g_pol_ctx_p, &rec, 1);                                                      \
+           },                                                                                                  \
+           last_user_deletes}
 
 // Policers, SLA classes and app-ids share one life cycle: made by
 // entry_change or a user, kept by users, gone with cfg_del once unused.
@@ -100,15 +94,11 @@ Family family(const char *what, e_pol_mem row, std::function<e_err()> change,
 TEST_F(FwdObjectsTest, ValueObjectsLiveWhileConfiguredOrUsed)
 {
     const Family families[] = {
-        family("policer", POL_MEM_TYPE_POLICER, [] { return pol_fwd_policer_entry_change(g_pol_ctx_p, "X", 0, nullptr); },
-               pol_fwd_policer_find, pol_fwd_policer_user_add, pol_fwd_policer_user_remove,
-               pol_fwd_policer_cfg_del, pol_fwd_policer_del, &DataSequence::set, false),
-        family("sla class", POL_MEM_TYPE_PFR, [] { return pol_fwd_sla_class_entry_change(g_pol_ctx_p, "X"); },
-               pol_fwd_sla_class_find, pol_fwd_sla_class_user_add, pol_fwd_sla_class_user_remove,
-               pol_fwd_sla_class_cfg_del, pol_fwd_sla_class_del, &DataSequence::set, false),
-        family("app-id", POL_MEM_ENTRY_APPID, [] { return pol_fwd_app_id_entry_change(g_pol_ctx_p, "X"); },
-               pol_fwd_app_id_find, pol_fwd_app_id_user_add, pol_fwd_app_id_user_remove,
-               pol_fwd_app_id_cfg_del, pol_fwd_app_id_del, &DataSequence::match, true),
+        FAMILY(policer, t_fwd_policer, POL_MEM_TYPE_POLICER, pol_fwd_policer_entry_change(g_pol_ctx_p, "X", 0, nullptr),
+               set, false),
+        FAMILY(sla_class, t_fwd_sla_class, POL_MEM_TYPE_PFR, pol_fwd_sla_class_entry_change(g_pol_ctx_p, "X"), set,
+               false),
+        FAMILY(app_id, t_fwd_app_id, POL_MEM_ENTRY_APPID, pol_fwd_app_id_entry_change(g_pol_ctx_p, "X"), match, true),
     };
     Calls calls;
     register_user("ar", "AR", POL_TYPE_PFR, POL_DIR_OUT, record_cb, &calls);
@@ -163,27 +153,27 @@ TEST_F(FwdObjectsTest, DumpsOfFilledObjects)
     apc->fetch_xml = 0;
     t_fwd_app_id *app_id = pol_fwd_app_id_user_add(ctx_, "zoom", &d.match);
 
-    const std::string rule = "\n================================";
     const struct {
         void (*dump)(mgmtd_cli_user_info *);
         std::string expected;
     } cases[] = {
         {pol_dump_fwd_policer_all,
-         rule + "\n  FORWARDING POLICERS      " + rule + "\nfwd-policer: pol1 (" + ptr(policer) +
+         heading("FORWARDING POLICERS      ") + "\nfwd-policer: pol1 (" + ptr(policer) +
              ", 1)\n  Policy Config: rate 1000000, burst 15000, exceed_action 1\n  Policer User: DP\nend \n"},
         {pol_dump_fwd_sla_class_all,
-         rule + "\n  SLA CLASSES         " + rule + "\nsla-class: fresh (" + ptr(fresh) +
+         heading("SLA CLASSES         ") + "\nsla-class: fresh (" + ptr(fresh) +
              ", 1)\n  Loss: Not Configured\n  Latency: Not Configured\n  Jitter: Not Configured"
              "\n  App Probe Class: Not Configured\nend \n" +
              "\nsla-class: voice (" + ptr(sla) +
              ", 1)\n  Loss: 2\n  Latency: 150\n  Jitter: 0\n  App Probe Class: apc"
              "\n  SLA CLASS User: AR1\n  SLA CLASS User: AR2\nend \n"},
         {pol_dump_app_probe_class_all,
-         rule + "\n APP PROBE CLASS LISTS" + rule + "\napp_probe_class: apc (0x" + ptr(apc) +
+         "\n================================\n APP PROBE CLASS LISTS\n================================"
+             "\napp_probe_class: apc (0x" + ptr(apc) +
              ", 0)\n  Forwarding-Class: fc-voice\n  Color: 3\n  DSCP: Not Configured\n  Color: 5\n  DSCP: 46"
              "\n App Probe Class apc is referenced in : voice\nend \n"},
         {pol_dump_fwd_app_id_all,
-         rule + "\n  FORWARDING APP IDS" + rule + "\napp-id: zoom (" + ptr(app_id) + ")\n  APP ID User: DP\nend \n"},
+         heading("FORWARDING APP IDS") + "\napp-id: zoom (" + ptr(app_id) + ")\n  APP ID User: DP\nend \n"},
     };
     for (const auto &c : cases) {
         EXPECT_EQ(dump(c.dump), c.expected);

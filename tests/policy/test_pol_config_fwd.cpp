@@ -2,8 +2,6 @@
 // management layer drives them: the objects data policies refer to, data
 // and app-route policies with their VPN lists and sequences, and the
 // start-up read through the host's read calls.
-#include <arpa/inet.h>
-
 #include <cstdarg>
 #include <cstdio>
 #include <functional>
@@ -12,6 +10,7 @@
 
 #include <policy/pol_config.h>
 #include <zen/zen_policy_tags.h>
+#include <zen/zen_util.h>
 
 #include "mgmtd_builder.hpp"
 #include "pol_config_internal.hpp"
@@ -22,6 +21,7 @@ namespace {
 using mgmtd_builder::keys;
 using mgmtd_builder::values;
 using poltest::LogCapture;
+using U64s = std::vector<uint64_t>;
 
 enum schema_tag : uint32_t {
 #define TEST_POLICY_TAG(id, name, tag) T_##id = tag,
@@ -31,49 +31,36 @@ enum schema_tag : uint32_t {
 
 bool logged(const LogCapture &log, const std::string &text)
 {
-    for (const std::string &line : log.lines) {
-        if (line.find("[POL] " + text) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(log.lines.begin(), log.lines.end(),
+                       [&](const std::string &line) { return line.find("[POL] " + text) != std::string::npos; });
 }
 
+// Keys and values are taken as variables or as built inside the call.
 class ConfigFwdTest : public poltest::PolContextTest {
 protected:
-    template <typename Reader>
-    int32_t run(Reader reader, mgmtd_iter_op op, keys &k, values &v)
+    template <typename Reader, typename K, typename V = values>
+    int32_t run(Reader reader, mgmtd_iter_op op, K &&k, V &&v = V())
     {
         return reader(&host_, ctx_, op, k.size(), k.data(), v.size(), v.data());
     }
 
-    int32_t named(pol_config_cb_f reader, mgmtd_iter_op op, const char *name, values &v)
+    template <typename V = values>
+    int32_t named(pol_config_cb_f reader, mgmtd_iter_op op, const char *name, V &&v = V())
     {
-        keys k;
-        k.text(name);
-        return run(reader, op, k, v);
+        return run(reader, op, keys().text(name), v);
     }
 
-    int32_t named(pol_config_cb_f reader, mgmtd_iter_op op, const char *name)
-    {
-        values v;
-        return named(reader, op, name, v);
-    }
-
-    int32_t sla(mgmtd_iter_op op, const char *name, values &v)
+    template <typename V = values>
+    int32_t sla(mgmtd_iter_op op, const char *name, V &&v = V())
     {
         return named(pol_config_policy_sla_class_read, op, name, v);
     }
 
     int32_t probe_class(const char *name, int color, uint8_t dscp)
     {
-        values none;
-        named(pol_config_policy_app_probe_class_name_read, MOP_CREATED, name, none);
-        keys k;
-        k.text(name).enum_value(color);
-        values v;
-        v.u8(T_DSCP, dscp);
-        return run(pol_config_policy_app_probe_class_color_read, MOP_CREATED, k, v);
+        named(pol_config_policy_app_probe_class_name_read, MOP_CREATED, name);
+        return run(pol_config_policy_app_probe_class_color_read, MOP_CREATED, keys().text(name).enum_value(color),
+                   values().u8(T_DSCP, dscp));
     }
 
     t_vmgmtd_context host_{};
@@ -81,110 +68,70 @@ protected:
 
 /* ---- objects of one key: create, change, delete ---- */
 
-struct named_case {
-    const char *what;
-    pol_config_cb_f reader;
-    std::function<bool(t_pol_ctx *, const char *)> exists;
-};
-
-TEST_F(ConfigFwdTest, ObjectsOfOneKeyAreCreatedAndDeleted)
+// Each is created, changed and deleted by its reader; a failed allocation
+// fails the creation with a text of its own, logged and kept for the host.
+TEST_F(ConfigFwdTest, ObjectsOfOneKeyLifeAndFailure)
 {
-    const named_case cases[] = {
-        {"app id", pol_config_policy_app_id_read,
-         [](t_pol_ctx *c, const char *n) { return pol_fwd_app_id_find(c, n) != nullptr; }},
-        {"app list", pol_config_app_list_read,
-         [](t_pol_ctx *c, const char *n) { return pol_app_list_find(c, n) != nullptr; }},
-        {"data-prefix list", pol_config_fwd_pfx_list_read,
-         [](t_pol_ctx *c, const char *n) { return pol_fwd_pfx_list_find(c, n) != nullptr; }},
-        {"data-ipv6-prefix list", pol_config_fwd_pfx6_list_read,
-         [](t_pol_ctx *c, const char *n) { return pol_fwd_pfx6_list_find(c, n) != nullptr; }},
-        {"app-probe class", pol_config_policy_app_probe_class_name_read,
-         [](t_pol_ctx *c, const char *n) { return pol_app_probe_class_find(c, n) != nullptr; }},
-        {"policer", pol_config_fwd_policer_read,
-         [](t_pol_ctx *c, const char *n) { return pol_fwd_policer_find(c, n) != nullptr; }},
-        {"sla class", pol_config_policy_sla_class_read,
-         [](t_pol_ctx *c, const char *n) { return pol_fwd_sla_class_find(c, n) != nullptr; }},
-        {"cflowd template", pol_config_cflowd_template_read, [](t_pol_ctx *c, const char *n) {
-             return pol_block_find(c, n, POL_TYPE_CFLOWD, nullptr) != nullptr;
-         }},
-    };
-    for (const named_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(named(c.reader, MOP_CREATED, "obj"), POL_CONFIG_OK);
-        EXPECT_TRUE(c.exists(ctx_, "obj"));
-        EXPECT_EQ(named(c.reader, MOP_MODIFIED, "obj"), POL_CONFIG_OK);
-        EXPECT_TRUE(c.exists(ctx_, "obj"));
-        EXPECT_EQ(named(c.reader, MOP_DELETED, "obj"), POL_CONFIG_OK);
-        EXPECT_FALSE(c.exists(ctx_, "obj"));
-    }
-}
-
-TEST_F(ConfigFwdTest, FailuresOfOneKeyObjectsCarryTheirTexts)
-{
-    struct failing {
-        const char *what;
+#define FOUND(find) [](t_pol_ctx *c, const char *n) { return (find) != nullptr; }
+    const struct {
         pol_config_cb_f reader;
+        bool (*exists)(t_pol_ctx *, const char *);
         e_pol_mem row;
-        const char *message;
-    };
-    const failing cases[] = {
-        {"app id", pol_config_policy_app_id_read, POL_MEM_ENTRY_APPID,
+        const char *failure;  // on creation of "x"; nullptr: not checked
+    } cases[] = {
+        {pol_config_policy_app_id_read, FOUND(pol_fwd_app_id_find(c, n)), POL_MEM_ENTRY_APPID,
          "Failed to create fwd app id: x"},
-        {"app list", pol_config_app_list_read, POL_MEM_LIST_APP,
+        {pol_config_app_list_read, FOUND(pol_app_list_find(c, n)), POL_MEM_LIST_APP,
          "Failed to create fwd app-list: x"},
-        {"pfx list", pol_config_fwd_pfx_list_read, POL_MEM_LIST_FWD_PREFIX,
+        {pol_config_fwd_pfx_list_read, FOUND(pol_fwd_pfx_list_find(c, n)), POL_MEM_LIST_FWD_PREFIX,
          "Failed to create fwd pfx-list - pfx: x"},
-        {"pfx6 list", pol_config_fwd_pfx6_list_read, POL_MEM_LIST_FWD_PREFIX,
+        {pol_config_fwd_pfx6_list_read, FOUND(pol_fwd_pfx6_list_find(c, n)), POL_MEM_LIST_FWD_PREFIX,
          "Failed to create fwd pfx6-list - pfx: x"},
         // The policer's failure deliberately reads as the SLA class's.
-        {"policer", pol_config_fwd_policer_read, POL_MEM_TYPE_POLICER,
+        {pol_config_fwd_policer_read, FOUND(pol_fwd_policer_find(c, n)), POL_MEM_TYPE_POLICER,
          "Failed to create fwd sla class: x"},
+        {pol_config_policy_app_probe_class_name_read, FOUND(pol_app_probe_class_find(c, n)), POL_MEM_MAX, nullptr},
+        {pol_config_policy_sla_class_read, FOUND(pol_fwd_sla_class_find(c, n)), POL_MEM_MAX, nullptr},
+        {pol_config_cflowd_template_read, FOUND(pol_block_find(c, n, POL_TYPE_CFLOWD, nullptr)), POL_MEM_MAX, nullptr},
     };
-    for (const failing &c : cases) {
-        SCOPED_TRACE(c.what);
-        LogCapture log;
-        poltest::AllocFailure fail(c.row);
-        EXPECT_EQ(named(c.reader, MOP_CREATED, "x"), POL_CONFIG_NOT_FOUND);
-        EXPECT_TRUE(logged(log, c.message));
-        EXPECT_STREQ(pol_config_error(), c.message);
+#undef FOUND
+    for (const auto &c : cases) {
+        SCOPED_TRACE(&c - cases);
+        for (mgmtd_iter_op op : {MOP_CREATED, MOP_MODIFIED, MOP_DELETED}) {
+            EXPECT_EQ(named(c.reader, op, "obj"), POL_CONFIG_OK);
+            EXPECT_EQ(c.exists(ctx_, "obj"), op != MOP_DELETED) << op;
+        }
+        if (c.failure != nullptr) {
+            LogCapture log;
+            poltest::AllocFailure fail(c.row);
+            EXPECT_EQ(named(c.reader, MOP_CREATED, "x"), POL_CONFIG_NOT_FOUND);
+            EXPECT_TRUE(logged(log, c.failure));
+            EXPECT_STREQ(pol_config_error(), c.failure);
+        }
     }
 }
 
 /* ---- SLA classes ---- */
 
+// A removed limit reads as unset (all ones) and marks the class for fetching.
 TEST_F(ConfigFwdTest, SlaClassLimitsAndRemovedLeaves)
 {
-    values v;
-    v.u8(T_SLA_LOSS, 3).u16(T_SLA_LATENCY, 150).u16(T_SLA_JITTER, 20);
-    ASSERT_EQ(sla(MOP_CREATED, "voice", v), POL_CONFIG_OK);
+    ASSERT_EQ(sla(MOP_CREATED, "voice", values().u8(T_SLA_LOSS, 3).u16(T_SLA_LATENCY, 150).u16(T_SLA_JITTER, 20)),
+              POL_CONFIG_OK);
     t_fwd_sla_class *c = pol_fwd_sla_class_find(ctx_, "voice");
     ASSERT_NE(c, nullptr);
-    EXPECT_EQ(c->loss, 3);
-    EXPECT_EQ(c->latency, 150);
-    EXPECT_EQ(c->jitter, 20);
-    c->fetch_xml = 0;
-
-    const struct {
-        uint32_t tag;
-        uint8_t t_fwd_sla_class::*u8;
-        uint16_t t_fwd_sla_class::*u16;
-        unsigned want;
-    } removals[] = {
-        {T_SLA_LOSS, &t_fwd_sla_class::loss, nullptr, 255},
-        {T_SLA_LATENCY, nullptr, &t_fwd_sla_class::latency, 65535},
-        {T_SLA_JITTER, nullptr, &t_fwd_sla_class::jitter, 65535},
-    };
-    for (const auto &r : removals) {
-        values gone;
-        gone.removed(r.tag);
-        EXPECT_EQ(sla(MOP_MODIFIED, "voice", gone), POL_CONFIG_OK);
-        EXPECT_EQ(r.u8 != nullptr ? unsigned(c->*r.u8) : unsigned(c->*r.u16), r.want);
-        EXPECT_EQ(c->fetch_xml, 1);
+    auto limits = [&] { return U64s{c->loss, c->latency, c->jitter}; };
+    EXPECT_EQ(limits(), (U64s{3, 150, 20}));
+    const std::pair<uint32_t, U64s> removals[] = {
+        {T_SLA_LOSS, {255, 150, 20}}, {T_SLA_LATENCY, {255, 65535, 20}}, {T_SLA_JITTER, {255, 65535, 65535}}};
+    for (const auto &[tag, want] : removals) {
         c->fetch_xml = 0;
+        EXPECT_EQ(sla(MOP_MODIFIED, "voice", values().removed(tag)), POL_CONFIG_OK);
+        EXPECT_TRUE(limits() == want && c->fetch_xml == 1) << tag;
     }
-    EXPECT_EQ(sla(MOP_DELETED, "voice", v), POL_CONFIG_OK);
+    EXPECT_EQ(sla(MOP_DELETED, "voice"), POL_CONFIG_OK);
     EXPECT_EQ(pol_fwd_sla_class_find(ctx_, "voice"), nullptr);
-    EXPECT_EQ(sla(MOP_DELETED, "voice", v), POL_CONFIG_NOT_FOUND);
+    EXPECT_EQ(sla(MOP_DELETED, "voice"), POL_CONFIG_NOT_FOUND);
 }
 
 // A change from app-probe class A to B leaves A before B is named, and a
@@ -193,25 +140,16 @@ TEST_F(ConfigFwdTest, SlaClassLeavesItsOldAppProbeClassFirst)
 {
     ASSERT_EQ(probe_class("A", 2, 46), POL_CONFIG_OK);
     ASSERT_EQ(probe_class("B", 4, 34), POL_CONFIG_OK);
-    values to_a;
-    to_a.text(T_APP_PROBE_CLASS, "A");
-    ASSERT_EQ(sla(MOP_CREATED, "voice", to_a), POL_CONFIG_OK);
+    ASSERT_EQ(sla(MOP_CREATED, "voice", values().text(T_APP_PROBE_CLASS, "A")), POL_CONFIG_OK);
     t_fwd_sla_class *c = pol_fwd_sla_class_find(ctx_, "voice");
-    t_app_probe_class *a = pol_app_probe_class_find(ctx_, "A");
-    t_app_probe_class *b = pol_app_probe_class_find(ctx_, "B");
+    t_app_probe_class *a = pol_app_probe_class_find(ctx_, "A"), *b = pol_app_probe_class_find(ctx_, "B");
     ASSERT_EQ(c->pol_app_probe_class_p, a);
 
-    values to_b;
-    to_b.text(T_APP_PROBE_CLASS, "B");
-    ASSERT_EQ(sla(MOP_MODIFIED, "voice", to_b), POL_CONFIG_OK);
-    EXPECT_EQ(pol_app_probe_class_find_sla_entry(ctx_, a, c), nullptr);
+    ASSERT_EQ(sla(MOP_MODIFIED, "voice", values().text(T_APP_PROBE_CLASS, "B")), POL_CONFIG_OK);
     EXPECT_TRUE(TAILQ_EMPTY(&a->sla_class_head));
-    EXPECT_EQ(c->pol_app_probe_class_p, b);
-    EXPECT_EQ(pol_app_probe_class_find_sla_entry(ctx_, b, c), c);
+    EXPECT_TRUE(c->pol_app_probe_class_p == b && pol_app_probe_class_find_sla_entry(ctx_, b, c) == c);
 
-    values gone;
-    gone.removed(T_APP_PROBE_CLASS).u8(T_SLA_LOSS, 9);
-    EXPECT_EQ(sla(MOP_MODIFIED, "voice", gone), POL_CONFIG_OK);
+    EXPECT_EQ(sla(MOP_MODIFIED, "voice", values().removed(T_APP_PROBE_CLASS).u8(T_SLA_LOSS, 9)), POL_CONFIG_OK);
     EXPECT_STREQ(c->app_probe_class_name, "");
     EXPECT_NE(c->loss, 9) << "the walk ends at a removed app-probe class";
 }
@@ -220,53 +158,45 @@ TEST_F(ConfigFwdTest, SlaClassLeavesItsOldAppProbeClassFirst)
 
 TEST_F(ConfigFwdTest, EntriesOfListsAndClasses)
 {
-    keys app;
-    app.text("office").text("webex");
-    values none;
-    EXPECT_EQ(run(pol_config_app_list_app_read, MOP_CREATED, app, none), POL_CONFIG_OK);
-    t_app_list *list = pol_app_list_find(ctx_, "office");
-    ASSERT_NE(list, nullptr);
-    EXPECT_EQ(list->app_list_type, POL_APP_LIST_TYPE_APP);
-    keys family;
-    family.text("video").text("audio-video");
-    EXPECT_EQ(run(pol_config_app_list_app_family_read, MOP_CREATED, family, none), POL_CONFIG_OK);
-    ASSERT_NE(pol_app_list_find(ctx_, "video"), nullptr);
-    EXPECT_EQ(pol_app_list_find(ctx_, "video")->app_list_type, POL_APP_LIST_TYPE_APP_FAMILY);
-    EXPECT_EQ(run(pol_config_app_list_app_read, MOP_DELETED, app, none), POL_CONFIG_OK);
+    const struct {
+        pol_config_cb_f reader;
+        const char *list, *app;
+        t_app_list_type type;
+    } apps[] = {{pol_config_app_list_app_read, "office", "webex", POL_APP_LIST_TYPE_APP},
+                {pol_config_app_list_app_family_read, "video", "audio-video", POL_APP_LIST_TYPE_APP_FAMILY}};
+    for (const auto &a : apps) {
+        EXPECT_EQ(run(a.reader, MOP_CREATED, keys().text(a.list).text(a.app)), POL_CONFIG_OK);
+        const t_app_list *list = pol_app_list_find(ctx_, a.list);
+        ASSERT_TRUE(list != nullptr && list->app_list_type == a.type) << a.list;
+    }
+    EXPECT_EQ(run(pol_config_app_list_app_read, MOP_DELETED, keys().text("office").text("webex")), POL_CONFIG_OK);
 
-    keys pfx;
-    pfx.text("corp").ipv4_prefix("10.1.0.0", 16);
-    EXPECT_EQ(run(pol_config_fwd_pfx_list_ip_read, MOP_CREATED, pfx, none), POL_CONFIG_OK);
+    EXPECT_EQ(run(pol_config_fwd_pfx_list_ip_read, MOP_CREATED, keys().text("corp").ipv4_prefix("10.1.0.0", 16)),
+              POL_CONFIG_OK);
     t_fwd_pfx_list *corp = pol_fwd_pfx_list_find(ctx_, "corp");
     ASSERT_NE(corp, nullptr);
-    t_ipprefix want{};
-    IPADDR_SET_V4(&want.addr, inet_addr("10.1.0.0"));  // network order, as every address
-    want.prefixlen = 16;
     auto *stored = static_cast<t_fwd_pfx_list_entry *>(avl_first(&corp->ip_fwd_pfx_entry_db));
     ASSERT_NE(stored, nullptr);
-    EXPECT_EQ(IPPREFIX_CMP(&want, &stored->ip_prefix), 0);
+    char buf[64];
+    EXPECT_STREQ(ipprefix_print(&stored->ip_prefix, buf, sizeof(buf)), "10.1.0.0/16");  // network order kept
     keys pfx6;
     pfx6.text("v6").ipv6_prefix("2001:db8::", 32);
-    EXPECT_EQ(run(pol_config_fwd_pfx6_list_ip_read, MOP_CREATED, pfx6, none), POL_CONFIG_OK);
+    EXPECT_EQ(run(pol_config_fwd_pfx6_list_ip_read, MOP_CREATED, pfx6), POL_CONFIG_OK);
     EXPECT_NE(pol_fwd_pfx6_list_find(ctx_, "v6"), nullptr);
-    EXPECT_EQ(run(pol_config_fwd_pfx6_list_ip_read, MOP_DELETED, pfx6, none), POL_CONFIG_OK);
-    EXPECT_TRUE(pol_fwd_pfx6_list_find(ctx_, "v6") == nullptr ||
-                avl_is_empty(&pol_fwd_pfx6_list_find(ctx_, "v6")->ip_fwd_pfx_entry_db));
+    EXPECT_EQ(run(pol_config_fwd_pfx6_list_ip_read, MOP_DELETED, pfx6), POL_CONFIG_OK);
+    const t_fwd_pfx_list *v6 = pol_fwd_pfx6_list_find(ctx_, "v6");
+    EXPECT_TRUE(v6 == nullptr || avl_is_empty(&v6->ip_fwd_pfx_entry_db));
 
     ASSERT_EQ(probe_class("probe", 2, 46), POL_CONFIG_OK);
     t_app_probe_class *pc = pol_app_probe_class_find(ctx_, "probe");
     ASSERT_NE(pc, nullptr);
     t_app_probe_class_color_entry *e = pol_app_probe_class_find_entry(ctx_, pc, 2);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->dscp, 46);
-    values fwd_class;
-    fwd_class.text(T_FWD_CLASS, "voice");
-    EXPECT_EQ(named(pol_config_policy_app_probe_class_name_read, MOP_MODIFIED, "probe", fwd_class),
+    ASSERT_TRUE(e != nullptr && e->dscp == 46);
+    EXPECT_EQ(named(pol_config_policy_app_probe_class_name_read, MOP_MODIFIED, "probe",
+                    values().text(T_FWD_CLASS, "voice")),
               POL_CONFIG_OK);
     EXPECT_STREQ(pc->forwarding_class, "voice");
-    keys color;
-    color.text("probe").enum_value(2);
-    EXPECT_EQ(run(pol_config_policy_app_probe_class_color_read, MOP_DELETED, color, none),
+    EXPECT_EQ(run(pol_config_policy_app_probe_class_color_read, MOP_DELETED, keys().text("probe").enum_value(2)),
               POL_CONFIG_OK);
     EXPECT_EQ(pol_app_probe_class_find_entry(ctx_, pc, 2), nullptr);
 }
@@ -275,49 +205,37 @@ TEST_F(ConfigFwdTest, EntriesOfListsAndClasses)
 
 TEST_F(ConfigFwdTest, CflowdTemplateAndCollectors)
 {
-    values v;
-    v.u32(T_FLOW_ACTIVE_TIMEOUT, 60).u32(T_FLOW_INACTIVE_TIMEOUT, 15)
-        .u32(T_FLOW_SAMPLING_INTERVAL, 100).u32(T_TEMPLATE_REFRESH, 90)
-        .enum_leaf(T_PROTOCOL, 2);
-    ASSERT_EQ(named(pol_config_cflowd_template_read, MOP_CREATED, "tmpl", v), POL_CONFIG_OK);
+    ASSERT_EQ(named(pol_config_cflowd_template_read, MOP_CREATED, "tmpl",
+                    values().u32(T_FLOW_ACTIVE_TIMEOUT, 60).u32(T_FLOW_INACTIVE_TIMEOUT, 15)
+                        .u32(T_FLOW_SAMPLING_INTERVAL, 100).u32(T_TEMPLATE_REFRESH, 90).enum_leaf(T_PROTOCOL, 2)),
+              POL_CONFIG_OK);
     t_pol_block *block = pol_block_find(ctx_, "tmpl", POL_TYPE_CFLOWD, nullptr);
     ASSERT_NE(block, nullptr);
     t_cflowd_entry *t = block->pol_cflowd_entry;
-    EXPECT_EQ(t->flow_active_timeout, 60u);
-    EXPECT_EQ(t->flow_inactive_timeout, 15u);
-    EXPECT_EQ(t->flow_sampling_interval, 100u);
-    EXPECT_EQ(t->template_refresh, 90u);
-    EXPECT_EQ(t->protocol, 2);
-    EXPECT_EQ(block->fetch_xml, 1);
-
-    values gone;
-    gone.removed(T_TEMPLATE_REFRESH);
+    auto leaves = [&] {
+        return U64s{t->flow_active_timeout, t->flow_inactive_timeout, t->flow_sampling_interval, t->template_refresh,
+                    t->protocol, block->fetch_xml};
+    };
+    EXPECT_EQ(leaves(), (U64s{60, 15, 100, 90, 2, 1}));
     block->fetch_xml = 0;
-    ASSERT_EQ(named(pol_config_cflowd_template_read, MOP_MODIFIED, "tmpl", gone), POL_CONFIG_OK);
-    EXPECT_EQ(t->template_refresh, 0u);
-    EXPECT_EQ(t->flow_active_timeout, 60u);
-    EXPECT_EQ(block->fetch_xml, 1);
+    ASSERT_EQ(named(pol_config_cflowd_template_read, MOP_MODIFIED, "tmpl", values().removed(T_TEMPLATE_REFRESH)),
+              POL_CONFIG_OK);
+    EXPECT_EQ(leaves(), (U64s{60, 15, 100, 0, 2, 1}));
 
     keys cltr;
     cltr.text("tmpl").u64(10).ipv4("192.0.2.9").u16(2055).enum_value(1);
-    values src;
-    src.text(T_SOURCE_INTERFACE, "ge0/1");
     block->fetch_xml = 0;
-    ASSERT_EQ(run(pol_config_cflowd_collector_read, MOP_CREATED, cltr, src), POL_CONFIG_OK);
+    ASSERT_EQ(run(pol_config_cflowd_collector_read, MOP_CREATED, cltr, values().text(T_SOURCE_INTERFACE, "ge0/1")),
+              POL_CONFIG_OK);
     ASSERT_EQ(avl_numnodes(&t->collector_db), 1u);
     auto *c = static_cast<t_cflowd_collector *>(avl_first(&t->collector_db));
-    EXPECT_EQ(c->vpn_id, 10u);
-    EXPECT_EQ(c->port, 2055);
-    EXPECT_EQ(c->transport_type, 1u);
+    EXPECT_EQ((U64s{c->vpn_id, c->port, c->transport_type, block->fetch_xml}), (U64s{10, 2055, 1, 1}));
     EXPECT_STREQ(c->source_if, "ge0/1");
-    EXPECT_EQ(block->fetch_xml, 1);
-    values none;
-    ASSERT_EQ(run(pol_config_cflowd_collector_read, MOP_DELETED, cltr, none), POL_CONFIG_OK);
+    ASSERT_EQ(run(pol_config_cflowd_collector_read, MOP_DELETED, cltr), POL_CONFIG_OK);
     EXPECT_EQ(avl_numnodes(&t->collector_db), 0u);
     LogCapture log;
-    keys orphan;
-    orphan.text("none").u64(1).ipv4("192.0.2.1").u16(1).enum_value(0);
-    EXPECT_EQ(run(pol_config_cflowd_collector_read, MOP_CREATED, orphan, none),
+    EXPECT_EQ(run(pol_config_cflowd_collector_read, MOP_CREATED,
+                  keys().text("none").u64(1).ipv4("192.0.2.1").u16(1).enum_value(0)),
               POL_CONFIG_NOT_FOUND);
     EXPECT_TRUE(logged(log, "Failed to find cflowd template: none"));
     EXPECT_EQ(named(pol_config_cflowd_template_read, MOP_DELETED, "tmpl"), POL_CONFIG_OK);
@@ -326,43 +244,41 @@ TEST_F(ConfigFwdTest, CflowdTemplateAndCollectors)
 
 /* ---- data and app-route policies ---- */
 
+// The policy "dp", its VPN list "corp" and its sequence 10.
 class ConfigFwdPolicyTest : public ConfigFwdTest {
 protected:
+    template <typename Reader, typename K, typename V>
+    int32_t read(Reader reader, K &&k, mgmtd_iter_op op, V &&v, e_pol_type type)
+    {
+        return reader(type, &host_, ctx_, op, k.size(), k.data(), v.size(), v.data());
+    }
     int32_t policy(mgmtd_iter_op op, e_pol_type type = POL_TYPE_DATA)
     {
-        keys k;
-        k.text("dp");
-        values v;
-        return pol_config_fwd_read(type, &host_, ctx_, op, k.size(), k.data(), v.size(), v.data());
+        return read(pol_config_fwd_read, keys().text("dp"), op, values(), type);
     }
-
-    int32_t vpn_list(mgmtd_iter_op op, values &v, e_pol_type type = POL_TYPE_DATA)
+    template <typename V = values>
+    int32_t vpn_list(mgmtd_iter_op op, V &&v = V(), e_pol_type type = POL_TYPE_DATA)
     {
-        keys k;
-        k.text("dp").text("corp");
-        return pol_config_fwd_vpn_list_read(type, &host_, ctx_, op, k.size(), k.data(), v.size(),
-                                            v.data());
+        return read(pol_config_fwd_vpn_list_read, keys().text("dp").text("corp"), op, v, type);
     }
-
-    int32_t seq(mgmtd_iter_op op, values &v, e_pol_type type = POL_TYPE_DATA)
+    template <typename V = values>
+    int32_t seq(mgmtd_iter_op op, V &&v = V(), e_pol_type type = POL_TYPE_DATA)
     {
-        keys k;
-        k.text("dp").text("corp").u16(10);
-        return pol_config_fwd_seq_read(type, &host_, ctx_, op, k.size(), k.data(), v.size(),
-                                       v.data());
+        return read(pol_config_fwd_seq_read, keys().text("dp").text("corp").u16(10), op, v, type);
     }
-
     t_pol_entry *entry(e_pol_type type = POL_TYPE_DATA)
     {
         return pol_fwd_pol_entry_get(ctx_, "dp", type, "corp", 10, nullptr);
     }
-
+    t_pol_entry *default_entry(e_pol_type type = POL_TYPE_DATA)
+    {
+        return pol_fwd_default_pol_entry_get(ctx_, "dp", type, "corp", nullptr);
+    }
     void make(e_pol_type type = POL_TYPE_DATA)
     {
-        values none;
         ASSERT_EQ(policy(MOP_CREATED, type), POL_CONFIG_OK);
-        ASSERT_EQ(vpn_list(MOP_CREATED, none, type), POL_CONFIG_OK);
-        ASSERT_EQ(seq(MOP_CREATED, none, type), POL_CONFIG_OK);
+        ASSERT_EQ(vpn_list(MOP_CREATED, values(), type), POL_CONFIG_OK);
+        ASSERT_EQ(seq(MOP_CREATED, values(), type), POL_CONFIG_OK);
         ASSERT_NE(entry(type), nullptr);
     }
 };
@@ -370,46 +286,39 @@ protected:
 TEST_F(ConfigFwdPolicyTest, PolicyVpnListAndSequenceLifeCycle)
 {
     int notified = 0;
-    t_pol_user *user = poltest::register_user("u", "dp", POL_TYPE_DATA, POL_DIR_OUT,
-                                              poltest::count_cb, &notified);
+    poltest::register_user("u", "dp", POL_TYPE_DATA, POL_DIR_OUT, poltest::count_cb, &notified);
     make();
     EXPECT_GT(notified, 0);
-    values dflt;
-    dflt.enum_leaf(T_DEFAULT_ACTION, 0);
-    ASSERT_EQ(vpn_list(MOP_MODIFIED, dflt), POL_CONFIG_OK);
-    t_pol_entry *d = pol_fwd_default_pol_entry_get(ctx_, "dp", POL_TYPE_DATA, "corp", nullptr);
+    ASSERT_EQ(vpn_list(MOP_MODIFIED, values().enum_leaf(T_DEFAULT_ACTION, 0)), POL_CONFIG_OK);
+    t_pol_entry *d = default_entry();
     ASSERT_NE(d, nullptr);
     EXPECT_EQ(d->set_entry.action, 0);
-    values gone;
-    gone.removed(T_DEFAULT_ACTION);
-    ASSERT_EQ(vpn_list(MOP_MODIFIED, gone), POL_CONFIG_OK);
+    ASSERT_EQ(vpn_list(MOP_MODIFIED, values().removed(T_DEFAULT_ACTION)), POL_CONFIG_OK);
     EXPECT_EQ(d->set_entry.action, 1) << "a removed default action drops";
 
-    values none;
-    ASSERT_EQ(seq(MOP_DELETED, none), POL_CONFIG_OK);
+    ASSERT_EQ(seq(MOP_DELETED), POL_CONFIG_OK);
     EXPECT_EQ(entry(), nullptr);
-    ASSERT_EQ(vpn_list(MOP_DELETED, none), POL_CONFIG_OK);
-    EXPECT_EQ(pol_fwd_default_pol_entry_get(ctx_, "dp", POL_TYPE_DATA, "corp", nullptr), nullptr);
+    ASSERT_EQ(vpn_list(MOP_DELETED), POL_CONFIG_OK);
+    EXPECT_EQ(default_entry(), nullptr);
     notified = 0;
     ASSERT_EQ(policy(MOP_DELETED), POL_CONFIG_OK);
     EXPECT_EQ(notified, 0) << "deleting a data policy notifies nobody from the reader";
     pol_user_find_and_delete(ctx_, "u", "dp", POL_TYPE_DATA, POL_DIR_OUT);
-    (void)user;
     ASSERT_EQ(policy(MOP_DELETED), POL_CONFIG_OK);
     EXPECT_EQ(pol_block_find(ctx_, "dp", POL_TYPE_DATA, nullptr), nullptr);
 }
 
-// Each leaf of a sequence, set on a created sequence and then removed.
+// Each leaf of a sequence, set on a created sequence and then removed; every
+// change marks the policy for fetching.
 TEST_F(ConfigFwdPolicyTest, SequenceLeavesSetAndRemoved)
 {
-    struct leaf_case {
-        const char *what;
-        std::function<void(values &)> set;
-        uint32_t tag;
-        std::function<bool(const t_pol_entry *)> present;
-    };
     using E = const t_pol_entry *;
-    const leaf_case cases[] = {
+    const struct {
+        const char *what;
+        void (*set)(values &);
+        uint32_t tag;  // 0: not removed
+        bool (*present)(E);
+    } cases[] = {
         {"count", [](values &v) { v.text(T_COUNT, "c1"); }, T_COUNT,
          [](E e) { return std::string(e->set_entry.set_counter_name) == "c1"; }},
         {"log", [](values &v) { v.text(T_LOG, ""); }, T_LOG,
@@ -422,39 +331,34 @@ TEST_F(ConfigFwdPolicyTest, SequenceLeavesSetAndRemoved)
          [](E e) { return e->match_entry.match_tcp_flags == 2; }},
         {"set dscp", [](values &v) { v.begin(T_SET).u8(T_DSCP, 46).end(T_SET); }, 0,
          [](E e) { return e->set_entry.set_fwd_dscp == 46; }},
-        {"match dscp", [](values &v) { v.begin(T_MATCH).bytes(T_DSCP, {10, 46}).end(T_MATCH); },
-         0, [](E e) { return e->match_entry.match_num_dscp == 2; }},
-        {"icmp", [](values &v) { v.begin(T_MATCH).enums(T_ICMP_MSG, {2048, 771}).end(T_MATCH); },
-         T_ICMP_MSG, [](E e) {
-             return e->match_entry.match_num_icmp == 2 && e->match_entry.match_icmp_list[0] == 2048;
-         }},
-        {"source ports", [](values &v) { v.text(T_SRC_PORT, "80 8000-8080"); }, T_SRC_PORT,
-         [](E e) {
-             const t_pol_match_entry &m = e->match_entry;
-             return m.match_num_src_port == 2 && m.match_src_port_list[0].min_val == 80 &&
-                    m.match_src_port_list[0].max_val == 80 &&
-                    m.match_src_port_list[1].min_val == 8000 &&
-                    m.match_src_port_list[1].max_val == 8080;
+        {"match dscp", [](values &v) { v.begin(T_MATCH).bytes(T_DSCP, {10, 46}).end(T_MATCH); }, 0,
+         [](E e) { return e->match_entry.match_num_dscp == 2; }},
+        {"icmp", [](values &v) { v.begin(T_MATCH).enums(T_ICMP_MSG, {2048, 771}).end(T_MATCH); }, T_ICMP_MSG,
+         [](E e) { return e->match_entry.match_num_icmp == 2 && e->match_entry.match_icmp_list[0] == 2048; }},
+        {"source ports", [](values &v) { v.text(T_SRC_PORT, "80 8000-8080"); }, T_SRC_PORT, [](E e) {
+             const t_pol_range *p = e->match_entry.match_src_port_list;
+             return e->match_entry.match_num_src_port == 2 && p[0].min_val == 80 && p[0].max_val == 80 &&
+                    p[1].min_val == 8000 && p[1].max_val == 8080;
          }},
         {"redirect dns kind", [](values &v) { v.enum_leaf(T_REDIRECT_DNS, 1); }, T_REDIRECT_DNS,
          [](E e) { return (e->entry_set_flags & POL_FWD_SET_FLAG_REDIRECT_DNS_TYPE) != 0; }},
-        {"next hop", [](values &v) { v.begin(T_SET).ipv4(T_NEXT_HOP, "10.0.0.1").end(T_SET); },
-         0, [](E e) { return !IPADDR_IS_ZERO(&e->set_entry.next_hop); }},
-        {"local tloc", [](values &v) {
-             v.begin(T_SET).begin(T_LOCAL_TLOC).enum_leaf(T_COLOR, 2).end(T_LOCAL_TLOC).end(T_SET);
-         }, 0, [](E e) { return (e->entry_set_flags & POL_FWD_SET_FLAG_LOCAL_TLOC) != 0; }},
+        {"next hop", [](values &v) { v.begin(T_SET).ipv4(T_NEXT_HOP, "10.0.0.1").end(T_SET); }, 0,
+         [](E e) { return !IPADDR_IS_ZERO(&e->set_entry.next_hop); }},
+        {"local tloc",
+         [](values &v) { v.begin(T_SET).begin(T_LOCAL_TLOC).enum_leaf(T_COLOR, 2).end(T_LOCAL_TLOC).end(T_SET); }, 0,
+         [](E e) { return (e->entry_set_flags & POL_FWD_SET_FLAG_LOCAL_TLOC) != 0; }},
     };
     make();
-    for (const leaf_case &c : cases) {
+    t_pol_block *block = pol_block_find(ctx_, "dp", POL_TYPE_DATA, nullptr);
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         values v;
         c.set(v);
+        block->fetch_xml = 0;
         ASSERT_EQ(seq(MOP_MODIFIED, v), POL_CONFIG_OK) << pol_config_error();
-        EXPECT_TRUE(c.present(entry()));
+        EXPECT_TRUE(c.present(entry()) && block->fetch_xml == 1);
         if (c.tag != 0) {
-            values gone;
-            gone.removed(c.tag);
-            ASSERT_EQ(seq(MOP_MODIFIED, gone), POL_CONFIG_OK);
+            ASSERT_EQ(seq(MOP_MODIFIED, values().removed(c.tag)), POL_CONFIG_OK);
             EXPECT_FALSE(c.present(entry()));
         }
     }
@@ -465,45 +369,29 @@ TEST_F(ConfigFwdPolicyTest, SequenceLeavesSetAndRemoved)
 TEST_F(ConfigFwdPolicyTest, SlaPreferredColoursKeepEightBits)
 {
     make(POL_TYPE_PFR);
-    values sla_class;
-    sla(MOP_CREATED, "voice", sla_class);
-    values v;
-    v.text(T_SLA_CLASS, "voice").enums(T_SLA_PREFERRED_COLOR, {1, 9});
-    ASSERT_EQ(seq(MOP_MODIFIED, v, POL_TYPE_PFR), POL_CONFIG_OK);
+    sla(MOP_CREATED, "voice");
+    ASSERT_EQ(seq(MOP_MODIFIED, values().text(T_SLA_CLASS, "voice").enums(T_SLA_PREFERRED_COLOR, {1, 9}), POL_TYPE_PFR),
+              POL_CONFIG_OK);
     const t_pol_entry *e = entry(POL_TYPE_PFR);
-    EXPECT_EQ(e->set_entry.set_sla_preferred_color, 2u);
-    EXPECT_NE(e->entry_set_flags & POL_FWD_SET_FLAG_SLA_CLASS, 0u);
+    EXPECT_TRUE(e->set_entry.set_sla_preferred_color == 2u && (e->entry_set_flags & POL_FWD_SET_FLAG_SLA_CLASS));
 
-    values dflt;
-    dflt.begin(T_DEFAULT_ACTION).text(T_SLA_CLASS, "voice").boolean(T_SLA_STRICT, true)
-        .enums(T_SLA_PREFERRED_COLOR, {2, 8}).end(T_DEFAULT_ACTION);
-    ASSERT_EQ(vpn_list(MOP_MODIFIED, dflt, POL_TYPE_PFR), POL_CONFIG_OK);
-    const t_pol_entry *d =
-        pol_fwd_default_pol_entry_get(ctx_, "dp", POL_TYPE_PFR, "corp", nullptr);
-    EXPECT_EQ(d->set_entry.set_sla_preferred_color, 4u);
-    EXPECT_EQ(d->set_entry.set_sla_strict, 1);
-    values colours;
-    colours.begin(T_DEFAULT_ACTION).enums(T_SLA_PREFERRED_COLOR, {3}).end(T_DEFAULT_ACTION);
-    ASSERT_EQ(vpn_list(MOP_MODIFIED, colours, POL_TYPE_PFR), POL_CONFIG_OK);
-    EXPECT_EQ(d->set_entry.set_sla_preferred_color, 8u);
-    EXPECT_EQ(d->set_entry.set_sla_strict, 1);
-}
-
-TEST_F(ConfigFwdPolicyTest, SequenceChangeMarksItsPolicyForFetching)
-{
-    make();
-    t_pol_block *block = pol_block_find(ctx_, "dp", POL_TYPE_DATA, nullptr);
-    block->fetch_xml = 0;
-    values v;
-    v.text(T_COUNT, "c");
-    ASSERT_EQ(seq(MOP_MODIFIED, v), POL_CONFIG_OK);
-    EXPECT_EQ(block->fetch_xml, 1);
+    ASSERT_EQ(vpn_list(MOP_MODIFIED,
+                       values().begin(T_DEFAULT_ACTION).text(T_SLA_CLASS, "voice").boolean(T_SLA_STRICT, true)
+                           .enums(T_SLA_PREFERRED_COLOR, {2, 8}).end(T_DEFAULT_ACTION),
+                       POL_TYPE_PFR),
+              POL_CONFIG_OK);
+    const t_pol_set_entry &d = default_entry(POL_TYPE_PFR)->set_entry;
+    EXPECT_TRUE(d.set_sla_preferred_color == 4u && d.set_sla_strict == 1);
+    ASSERT_EQ(vpn_list(MOP_MODIFIED,
+                       values().begin(T_DEFAULT_ACTION).enums(T_SLA_PREFERRED_COLOR, {3}).end(T_DEFAULT_ACTION),
+                       POL_TYPE_PFR),
+              POL_CONFIG_OK);
+    EXPECT_TRUE(d.set_sla_preferred_color == 8u && d.set_sla_strict == 1);
 }
 
 std::vector<std::string> g_labels;
 
-void record_label(t_vmgmtd_context *, t_pol_ctx *, const char *pol, e_pol_type, const char *vpn,
-                  uint32_t seq)
+void record_label(t_vmgmtd_context *, t_pol_ctx *, const char *pol, e_pol_type, const char *vpn, uint32_t seq)
 {
     g_labels.push_back(std::string(pol) + "/" + vpn + "/" + std::to_string(seq));
 }
@@ -515,20 +403,16 @@ TEST_F(ConfigFwdPolicyTest, SteeringChangeRefreshesLabels)
     make();
     pol::config::set_fwd_label_hook(record_label);
     g_labels.clear();
-    values count;
-    count.text(T_COUNT, "c");
-    ASSERT_EQ(seq(MOP_MODIFIED, count), POL_CONFIG_OK);
+    ASSERT_EQ(seq(MOP_MODIFIED, values().text(T_COUNT, "c")), POL_CONFIG_OK);
     EXPECT_TRUE(g_labels.empty());
-    values tloc;
-    tloc.begin(T_SET).begin(T_TLOC).ipv4(T_TLOC_ADDRESS, "10.0.0.9").enum_leaf(T_COLOR, 2)
-        .enum_leaf(T_ENCAP, 2).end(T_TLOC).end(T_SET);
-    ASSERT_EQ(seq(MOP_MODIFIED, tloc), POL_CONFIG_OK);
+    ASSERT_EQ(seq(MOP_MODIFIED, values().begin(T_SET).begin(T_TLOC).ipv4(T_TLOC_ADDRESS, "10.0.0.9")
+                                    .enum_leaf(T_COLOR, 2).enum_leaf(T_ENCAP, 2).end(T_TLOC).end(T_SET)),
+              POL_CONFIG_OK);
     EXPECT_EQ(g_labels, std::vector<std::string>{"dp/corp/10"});
     EXPECT_NE(entry()->entry_set_flags & POL_FWD_SET_FLAG_TLOC, 0u);
-    values gone;
-    gone.begin(T_SET).begin(T_TLOC).removed(T_TLOC_ADDRESS).removed(T_COLOR).removed(T_ENCAP)
-        .end(T_TLOC).end(T_SET);
-    ASSERT_EQ(seq(MOP_MODIFIED, gone), POL_CONFIG_OK);
+    ASSERT_EQ(seq(MOP_MODIFIED, values().begin(T_SET).begin(T_TLOC).removed(T_TLOC_ADDRESS).removed(T_COLOR)
+                                    .removed(T_ENCAP).end(T_TLOC).end(T_SET)),
+              POL_CONFIG_OK);
     EXPECT_EQ(entry()->entry_set_flags & POL_FWD_SET_FLAG_TLOC, 0u);
     EXPECT_EQ(g_labels.size(), 2u);
     pol::config::set_fwd_label_hook(nullptr);
@@ -543,11 +427,9 @@ TEST_F(ConfigFwdPolicyTest, FailedUpdateStopsWithoutNotification)
     make();
     notified = 0;
     LogCapture log;
-    values v;
-    v.text(T_COUNT, "c").text(T_DST_PORT, "1-2");
     {
         poltest::AllocFailure fail(POL_MEM_ENTRY_MATCH_DST_PORT);
-        EXPECT_EQ(seq(MOP_MODIFIED, v), POL_CONFIG_NOT_FOUND);
+        EXPECT_EQ(seq(MOP_MODIFIED, values().text(T_COUNT, "c").text(T_DST_PORT, "1-2")), POL_CONFIG_NOT_FOUND);
     }
     EXPECT_TRUE(logged(log, "Failed to alloc memory for range config, match "));
     EXPECT_EQ(notified, 0);
@@ -557,54 +439,40 @@ TEST_F(ConfigFwdPolicyTest, FailedUpdateStopsWithoutNotification)
 
 /* ---- the start-up read through the host's read calls ---- */
 
-struct cdb_double {
-    std::vector<std::string> policies;
-    std::vector<std::string> calls;
-};
-cdb_double g_cdb;
+std::vector<std::string> g_policies, g_calls;  // the host's data policies, the read calls made
 
-std::string format(const char *fmt, va_list ap)
-{
-    char buf[256];
-    std::vsnprintf(buf, sizeof(buf), fmt, ap);
-    return buf;
-}
+// The path a read call names, recorded as "<call> <path>".
+#define RECORD_PATH(call, path)                  \
+    va_list ap;                                  \
+    va_start(ap, fmt);                           \
+    char path[256];                              \
+    std::vsnprintf(path, sizeof(path), fmt, ap); \
+    va_end(ap);                                  \
+    g_calls.push_back(std::string(call " ") + path)
 
 int fake_num_instances(int, const char *fmt, ...)
 {
-    va_list ap;
-    va_start(ap, fmt);
-    const std::string path = format(fmt, ap);
-    va_end(ap);
-    g_cdb.calls.push_back("num " + path);
-    return path == "data-policy" ? static_cast<int>(g_cdb.policies.size()) : 1;
+    RECORD_PATH("num", path);
+    return std::string(path) == "data-policy" ? static_cast<int>(g_policies.size()) : 1;
 }
 
 int fake_get_str(int, char *buf, int n, const char *fmt, ...)
 {
-    va_list ap;
-    va_start(ap, fmt);
-    const std::string path = format(fmt, ap);
-    va_end(ap);
-    g_cdb.calls.push_back("get " + path);
+    RECORD_PATH("get", path);
     int i = -1;
-    if (std::sscanf(path.c_str(), "data-policy[%d]/name", &i) == 1) {
-        if (g_cdb.policies[i].empty()) {
-            return -1;  // a name that cannot be read
-        }
-        std::snprintf(buf, n, "%s", g_cdb.policies[i].c_str());
-        return 0;
+    if (std::sscanf(path, "data-policy[%d]/name", &i) != 1) {
+        std::snprintf(buf, n, "vpn");
+    } else if (g_policies[i].empty()) {
+        return -1;  // a name that cannot be read
+    } else {
+        std::snprintf(buf, n, "%s", g_policies[i].c_str());
     }
-    std::snprintf(buf, n, "vpn");
     return 0;
 }
 
 int fake_pushd(int, const char *fmt, ...)
 {
-    va_list ap;
-    va_start(ap, fmt);
-    g_cdb.calls.push_back("pushd " + format(fmt, ap));
-    va_end(ap);
+    RECORD_PATH("pushd", path);
     return 0;
 }
 
@@ -613,16 +481,16 @@ TEST_F(ConfigFwdTest, StartUpReadCreatesTheDataPolicies)
     EXPECT_EQ(pol_config_read_fwd_policy(&host_, ctx_), 1) << "no read calls handed over";
     const t_pol_cdb_read_ops ops = {fake_num_instances, fake_get_str, fake_pushd};
     pol_config_cdb_read_ops_set(&ops);
-    g_cdb = {{"one", "", "two"}, {}};
+    g_policies = {"one", "", "two"};
+    g_calls.clear();
     EXPECT_EQ(pol_config_read_fwd_policy(&host_, ctx_), 0);
     EXPECT_NE(pol_block_find(ctx_, "one", POL_TYPE_DATA, nullptr), nullptr);
     EXPECT_NE(pol_block_find(ctx_, "two", POL_TYPE_DATA, nullptr), nullptr);
     const std::vector<std::string> want = {
-        "num data-policy",        "get data-policy[0]/name", "num data-policy[0]/vpn",
-        "pushd data-policy[0]/vpn[0]", "get name",           "get data-policy[1]/name",
-        "get data-policy[2]/name", "num data-policy[2]/vpn", "pushd data-policy[2]/vpn[0]",
-        "get name"};
-    EXPECT_EQ(g_cdb.calls, want);
+        "num data-policy",         "get data-policy[0]/name", "num data-policy[0]/vpn", "pushd data-policy[0]/vpn[0]",
+        "get name",                "get data-policy[1]/name", "get data-policy[2]/name", "num data-policy[2]/vpn",
+        "pushd data-policy[2]/vpn[0]", "get name"};
+    EXPECT_EQ(g_calls, want);
     pol_config_cdb_read_ops_set(nullptr);
 }
 

@@ -286,6 +286,31 @@ int pol_dump_cflowd_policies(struct mgmtd_cli_user_info *uinfo, int argc, char *
 int pol_dump_users_change_list(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
 int pol_dump_all(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
 
+/*
+ * Policy documents: each pol_dump_xml_<kind> prints the document of the
+ * object named by argv[1] (without its XML declaration; nothing when the
+ * object does not exist or was never rendered). pol_dump_xml_summary prints
+ * the objects, rendered documents, rendering time and size of every kind;
+ * pol_dump_xml_statistics the five most expensive documents of the kind
+ * named (or begun) by argv[1], or of every kind for "all".
+ * pol_dump_test_xml_gen renders and prints a sample document of each list
+ * and object kind, without touching the context.
+ */
+int pol_dump_xml_data_policy(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_xml_pfr_policy(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_xml_cflowd(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_xml_policer(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_xml_sla_class(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_xml_app_probe_class(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_xml_fwd_prefix_list(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_xml_fwd_prefix_ipv6_list(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_xml_vpn_list(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_xml_tloc_list(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_xml_app_list(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_xml_summary(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_xml_statistics(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+int pol_dump_test_xml_gen(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
+
 /* ---- text test harness ---- */
 
 #define POL_TEST_MAX_TOKENS 20
