@@ -32,6 +32,7 @@ const char kUsage[] =
     "options:\n"
     "  --json          print the report as JSON\n"
     "  --debug LEVEL   library debug level; its log lines go to standard error\n"
+    "  --kind K        render: only the documents of kind K (data-policy, vpn-list, ...)\n"
     "  -h, --help      print this help\n"
     "\n"
     "exit status: 0 done, 1 bad input (the message names the file and line, or the\n"
