@@ -12,6 +12,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 #include "pol_internal.h"
@@ -126,6 +127,21 @@ void pol_xml_test_app_list(struct mgmtd_cli_user_info *uinfo);
 }  // extern "C"
 
 namespace pol::xml {
+
+// One object of a document kind: its name, the record the kind's converter
+// renders and the document the record keeps (rendered or not).
+struct kind_object {
+    e_pol_xml_type type;
+    const char *name;
+    const void *record;
+    pol_xml_t *doc;
+};
+
+// Visits every object of the document type in the running context, in the
+// order the dumps and statistics walk them; nothing for a type outside
+// the table or without a context. visit may render the document anew, not
+// add or remove objects.
+void for_each_object(e_pol_xml_type type, const std::function<void(const kind_object &)> &visit);
 
 // Formatted values (numbers, addresses, prefixes) are rendered into a
 // buffer of this size; names are copied whole.

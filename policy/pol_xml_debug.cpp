@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 
 #include "pol_util.hpp"
 #include "pol_xml.hpp"
@@ -33,8 +34,8 @@ struct xml_kind {
     e_pol_xml_type type;
     avl_tree_t t_pol_ctx::*tree;
     const char *(*name_of)(const void *rec);
-    const pol_xml_t *(*doc_of)(const void *rec);
-    const void *(*find)(t_pol_ctx *ctx, const char *name);
+    pol_xml_t *(*doc_of)(void *rec);
+    void *(*find)(t_pol_ctx *ctx, const char *name);
 };
 
 template <typename T, auto Name>
@@ -44,19 +45,19 @@ const char *name_of(const void *rec)
 }
 
 template <typename T, auto Doc>
-const pol_xml_t *doc_of(const void *rec)
+pol_xml_t *doc_of(void *rec)
 {
-    return &(static_cast<const T *>(rec)->*Doc);
+    return &(static_cast<T *>(rec)->*Doc);
 }
 
 template <e_pol_type Type>
-const void *find_block(t_pol_ctx *ctx, const char *name)
+void *find_block(t_pol_ctx *ctx, const char *name)
 {
     return pol_block_find(ctx, name, Type, nullptr);
 }
 
 template <typename T, T *(*Find)(t_pol_ctx *, const char *)>
-const void *find_list(t_pol_ctx *ctx, const char *name)
+void *find_list(t_pol_ctx *ctx, const char *name)
 {
     return Find(ctx, name);
 }
@@ -116,7 +117,7 @@ const xml_kind &kind_of(e_pol_xml_type type)
 template <typename F>
 void for_each_object(const xml_kind &kind, F &&fn)
 {
-    pol::tree<void>(&(g_pol_ctx_p->*kind.tree)).for_each([&](const void *rec) { fn(rec); });
+    pol::tree<void>(&(g_pol_ctx_p->*kind.tree)).for_each([&](void *rec) { fn(rec); });
 }
 
 bool kind_is_empty(const xml_kind &kind)
@@ -138,7 +139,7 @@ int dump_named(e_pol_xml_type type, mgmtd_cli_user_info *uinfo, int argc, char *
         return 0;
     }
     const xml_kind &kind = kind_of(type);
-    if (const void *rec = kind.find(g_pol_ctx_p, argv[1])) {
+    if (void *rec = kind.find(g_pol_ctx_p, argv[1])) {
         print_document(uinfo, kind.doc_of(rec));
     }
     return 0;
@@ -150,7 +151,7 @@ void dump_all(e_pol_xml_type type, mgmtd_cli_user_info *uinfo)
         return;
     }
     const xml_kind &kind = kind_of(type);
-    for_each_object(kind, [&](const void *rec) { print_document(uinfo, kind.doc_of(rec)); });
+    for_each_object(kind, [&](void *rec) { print_document(uinfo, kind.doc_of(rec)); });
 }
 
 // The shared result buffer of the value renderers.
@@ -198,7 +199,7 @@ struct kind_totals {
 kind_totals totals_of(const xml_kind &kind)
 {
     kind_totals t;
-    for_each_object(kind, [&](const void *rec) {
+    for_each_object(kind, [&](void *rec) {
         const pol_xml_t *pol_xml = kind.doc_of(rec);
         POL_XML_DEBUG_ASSERT(pol_xml != NULL);
         t.objects++;
@@ -267,6 +268,19 @@ bool is_all(const char *word)
 }
 
 }  // namespace
+
+namespace pol::xml {
+
+void for_each_object(e_pol_xml_type type, const std::function<void(const kind_object &)> &visit)
+{
+    if (g_pol_ctx_p == nullptr || type <= POL_XML_TYPE_INVALID || type >= POL_XML_TYPE_MAX) {
+        return;
+    }
+    const xml_kind &kind = kind_of(type);
+    ::for_each_object(kind, [&](void *rec) { visit({type, kind.name_of(rec), rec, kind.doc_of(rec)}); });
+}
+
+}  // namespace pol::xml
 
 extern "C" {
 
@@ -339,7 +353,7 @@ void pol_dump_obj_xml_statistics(struct mgmtd_cli_user_info *uinfo, e_pol_xml_ty
     }
     std::array<top_slot, kTopSlots> top{};
     std::size_t objects = 0;
-    for_each_object(kind, [&](const void *rec) {
+    for_each_object(kind, [&](void *rec) {
         top_offer(top, kind.name_of(rec), *kind.doc_of(rec));
         objects++;
     });

@@ -1,12 +1,16 @@
 # Runs polctl once and checks what it did:
 #   cmake -DPOLCTL=<exe> -DARGS="run|a.xml|b.txt" -DWORKDIR=<dir> -DEXPECT_RC=<n>
 #         [-DGOLDEN=<file>] [-DGOLDEN_ERR=<file>] [-DERR_REGEX=<re>] [-DOUT_REGEX=<re>]
-#         [-DMASK_POINTERS=1] -P polctl_check.cmake
+#         [-DMASK_POINTERS=1] [-DMASK_TIMES=1] [-DJSON_ARRAY=<n>] -P polctl_check.cmake
 # ARGS separates the arguments with "|". GOLDEN and GOLDEN_ERR are compared
 # with standard output and standard error; with POLCTL_UPDATE_GOLDEN set in
 # the environment they are rewritten instead. A sanitizer report fails the
 # check whatever the exit status. MASK_POINTERS replaces the addresses dumps
-# print (0x...) with 0xPTR before the comparison.
+# print (0x...) with 0xPTR before the comparison. MASK_TIMES replaces the
+# durations of the document statistics with TIME (keeping the columns) and
+# sorts the rows of each per-object table, which the tables order by time.
+# JSON_ARRAY parses standard output as a JSON array of n objects, each with
+# the strings kind, name and document.
 string(REPLACE "|" ";" args "${ARGS}")
 execute_process(COMMAND ${POLCTL} ${args}
   WORKING_DIRECTORY ${WORKDIR}
@@ -14,12 +18,50 @@ execute_process(COMMAND ${POLCTL} ${args}
 if(MASK_POINTERS)
   string(REGEX REPLACE "0x(0x)?[0-9a-f]+" "0xPTR" out "${out}")
 endif()
+if(MASK_TIMES)
+  set(duration "[0-9]+[.][0-9]+ [num]?sec")
+  string(REGEX REPLACE "${duration} *\\|" "TIME         |" out "${out}")
+  string(REGEX REPLACE "${duration}" "TIME" out "${out}")
+  # Rows of name, time and size sort among themselves; the other lines stay.
+  string(REGEX REPLACE "\n" ";" lines "${out}")
+  set(out "")
+  set(rows "")
+  foreach(line IN LISTS lines)
+    if(line MATCHES "^ \\| [^|]+\\| TIME +\\| [^|]+\\|$")
+      list(APPEND rows "${line}")
+      continue()
+    endif()
+    list(SORT rows)
+    foreach(row IN LISTS rows)
+      string(APPEND out "${row}\n")
+    endforeach()
+    set(rows "")
+    string(APPEND out "${line}\n")
+  endforeach()
+  # The last line of the text is the empty one after its last newline.
+  string(REGEX REPLACE "\n$" "" out "${out}")
+endif()
 set(report "polctl ${args}\n--- exit ${rc}\n--- stdout\n${out}--- stderr\n${err}")
 if(err MATCHES "ERROR: AddressSanitizer|ERROR: LeakSanitizer|runtime error:")
   message(FATAL_ERROR "sanitizer report\n${report}")
 endif()
 if(NOT rc STREQUAL "${EXPECT_RC}")
   message(FATAL_ERROR "exit status ${rc}, expected ${EXPECT_RC}\n${report}")
+endif()
+if(JSON_ARRAY)
+  string(JSON count ERROR_VARIABLE json_error LENGTH "${out}")
+  if(json_error OR NOT count EQUAL JSON_ARRAY)
+    message(FATAL_ERROR "not a JSON array of ${JSON_ARRAY}: ${json_error}\n${report}")
+  endif()
+  math(EXPR last "${count} - 1")
+  foreach(i RANGE ${last})
+    foreach(member kind name document)
+      string(JSON type ERROR_VARIABLE json_error TYPE "${out}" ${i} ${member})
+      if(NOT type STREQUAL "STRING")
+        message(FATAL_ERROR "element ${i} has no string ${member}: ${json_error}\n${report}")
+      endif()
+    endforeach()
+  endforeach()
 endif()
 if(OUT_REGEX AND NOT out MATCHES "${OUT_REGEX}")
   message(FATAL_ERROR "stdout does not match ${OUT_REGEX}\n${report}")

@@ -2,14 +2,16 @@
 # inputs by their relative paths. The same checks run in the sanitizer
 # build, where any report fails them.
 function(polctl_test name rc)
-  cmake_parse_arguments(T "" "GOLDEN;GOLDEN_ERR;ERR_REGEX;OUT_REGEX;MASK_POINTERS" "ARGS" ${ARGN})
+  cmake_parse_arguments(T "" "GOLDEN;GOLDEN_ERR;ERR_REGEX;OUT_REGEX;MASK_POINTERS;MASK_TIMES;JSON_ARRAY"
+    "ARGS" ${ARGN})
   string(REPLACE ";" "|" args "${T_ARGS}")
   add_test(NAME ${name}
     COMMAND ${CMAKE_COMMAND} -DPOLCTL=$<TARGET_FILE:polctl> -DARGS=${args}
             -DWORKDIR=${PROJECT_SOURCE_DIR} -DEXPECT_RC=${rc}
             -DGOLDEN=${T_GOLDEN} -DGOLDEN_ERR=${T_GOLDEN_ERR}
             -DERR_REGEX=${T_ERR_REGEX} -DOUT_REGEX=${T_OUT_REGEX}
-            -DMASK_POINTERS=${T_MASK_POINTERS}
+            -DMASK_POINTERS=${T_MASK_POINTERS} -DMASK_TIMES=${T_MASK_TIMES}
+            -DJSON_ARRAY=${T_JSON_ARRAY}
             -P ${CMAKE_CURRENT_SOURCE_DIR}/polctl_check.cmake)
 endfunction()
 
@@ -34,6 +36,22 @@ foreach(what policies lists)
   polctl_test(polctl_show_data_${what} 0 ARGS show ${what} examples/data-policy.xml
     GOLDEN ${POLCTL_GOLDEN}/show-data-${what}.txt MASK_POINTERS 1)
 endforeach()
+# The documents of the data-plane objects: every kind, one kind, as JSON,
+# and their cost (the durations vary per run: masked). A configuration of
+# the control side only has no data-plane object but its VPN and TLOC lists.
+polctl_test(polctl_render_data 0 ARGS render examples/data-policy.xml
+  GOLDEN ${POLCTL_GOLDEN}/render-data.txt)
+polctl_test(polctl_render_data_kind 0 ARGS render --kind sla-class examples/data-policy.xml
+  GOLDEN ${POLCTL_GOLDEN}/render-data-sla-class.txt)
+polctl_test(polctl_render_json 0 ARGS --json render examples/data-policy.xml JSON_ARRAY 15)
+polctl_test(polctl_render_json_kind 0 ARGS --json render --kind vpn-list examples/data-policy.xml
+  JSON_ARRAY 2)
+polctl_test(polctl_render_control_only 0 ARGS render examples/policy.xml
+  OUT_REGEX "^# vpn-list corporate\n.*# vpn-list shared-services\n.*# tloc-list hub-tlocs\n.*\nexamples/policy.xml: 3 documents\n$")
+polctl_test(polctl_stats_data 0 ARGS stats examples/data-policy.xml
+  GOLDEN ${POLCTL_GOLDEN}/stats-data.txt MASK_TIMES 1)
+polctl_test(polctl_stats_json 0 ARGS --json stats examples/data-policy.xml
+  OUT_REGEX "\"documents\": 15,\n  \"text\": \".*data-ipv6-prefix-list ==>")
 polctl_test(polctl_check_data_v2 0 ARGS check examples/data-policy-v2.xml
   OUT_REGEX "^examples/data-policy-v2.xml: valid")
 polctl_test(polctl_check_json 0 ARGS --json check examples/policy.xml
@@ -47,6 +65,11 @@ polctl_test(polctl_usage_no_command 2 ERR_REGEX "no command")
 polctl_test(polctl_usage_unknown 2 ARGS frobnicate ERR_REGEX "unknown command")
 polctl_test(polctl_usage_option 2 ARGS --colour run ERR_REGEX "unknown option --colour")
 polctl_test(polctl_usage_show 2 ARGS show everything ERR_REGEX "show what")
+polctl_test(polctl_usage_render_kind 2 ARGS render --kind policy examples/data-policy.xml
+  ERR_REGEX "render --kind takes one of data-policy, app-route-policy, .*, app-list, not \"policy\"")
+polctl_test(polctl_usage_kind_elsewhere 2 ARGS stats --kind vpn-list examples/data-policy.xml
+  ERR_REGEX "--kind goes with render only")
+polctl_test(polctl_usage_render 2 ARGS render ERR_REGEX "render needs one CONFIG")
 polctl_test(polctl_usage_diff 2 ARGS diff examples/policy.xml ERR_REGEX "diff needs OLD and NEW")
 
 # Bad input: exit 1 with the file and line (or the configuration path).
@@ -111,6 +134,12 @@ endforeach()
 # The empty configuration is written out; it removes everything.
 polctl_test(polctl_diff_to_empty 0 ARGS diff examples/policy.xml ${POLCTL_DATA}/empty-policy.xml
   OUT_REGEX "commit 2: ${POLCTL_DATA}/empty-policy.xml\n  #1 delete site-list .*  17 callbacks")
+# render and stats commit as check does: the same report of bad input.
+polctl_test(polctl_bad_render 1 ARGS render ${POLCTL_DATA}/malformed.xml
+  ERR_REGEX "polctl: ${POLCTL_DATA}/malformed.xml:6: Opening")
+polctl_test(polctl_bad_stats 1 ARGS --json stats ${POLCTL_DATA}/dangling-ref.xml
+  OUT_REGEX "\"command\": \"stats\""
+  ERR_REGEX "polctl: ${POLCTL_DATA}/dangling-ref.xml: Invalid leafref value")
 polctl_test(polctl_bad_missing_file 1 ARGS check ${POLCTL_DATA}/no-such-file.xml
   ERR_REGEX "no-such-file.xml: cannot open")
 polctl_test(polctl_bad_routes 1 ARGS run examples/policy.xml ${POLCTL_DATA}/bad-routes.txt

@@ -196,6 +196,26 @@ int start_and_commit(host &h, const options &opt, const char *command, const std
     }
     return EXIT_OK;
 }
+
+// What the library's dump commands print for one CLI session.
+std::string capture_dump(const std::function<void(struct mgmtd_cli_user_info *)> &dump)
+{
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *stream = open_memstream(&text, &size);
+    if (stream == nullptr) {
+        return std::string();
+    }
+    constexpr uint32_t kSession = 7;
+    maapi_cli_bind_stream(kSession, stream);
+    struct mgmtd_cli_user_info cli = {-1, kSession, "polctl"};
+    dump(&cli);
+    maapi_cli_unbind_stream(kSession);
+    std::fclose(stream);
+    std::string out(text != nullptr ? text : "", size);
+    std::free(text);
+    return out;
+}
 }  // namespace cmd_detail
 
 using namespace cmd_detail;
@@ -253,28 +273,6 @@ constexpr count_row kCountRows[] = {
      "/zen-policy:policy/cflowd-template/collector"},
 };
 
-/* ---- show ---- */
-
-// What the library's dump commands print for one CLI session.
-template <typename Fn>
-std::string capture_dump(Fn &&dump)
-{
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *stream = open_memstream(&text, &size);
-    if (stream == nullptr) {
-        return std::string();
-    }
-    constexpr uint32_t kSession = 7;
-    maapi_cli_bind_stream(kSession, stream);
-    struct mgmtd_cli_user_info cli = {-1, kSession, "polctl"};
-    dump(&cli);
-    maapi_cli_unbind_stream(kSession);
-    std::fclose(stream);
-    std::string out(text != nullptr ? text : "", size);
-    std::free(text);
-    return out;
-}
 }  // namespace
 
 // The source tree's examples, else the installed ones next to the program

@@ -27,6 +27,14 @@ int cmd_check(const options &opt, const std::string &config, std::ostream &out,
 int cmd_show(const options &opt, const std::string &what, const std::string &config,
              const std::string &routes, std::ostream &out, std::ostream &err);
 
+// Commits CONFIG and renders the document of every data-plane object, or
+// of the objects of one kind (a word of pol_xml_type_str; empty: every kind).
+int cmd_render(const options &opt, const std::string &config, const std::string &kind,
+               std::ostream &out, std::ostream &err);
+// Commits and renders as cmd_render, then prints the library's summary and
+// statistics tables of the documents.
+int cmd_stats(const options &opt, const std::string &config, std::ostream &out, std::ostream &err);
+
 // Where the example inputs live: the source tree, or the installed copy.
 std::string examples_dir();
 

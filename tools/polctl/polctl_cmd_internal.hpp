@@ -5,6 +5,7 @@
 #define POLCTL_CMD_INTERNAL_HPP
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <ostream>
 #include <string>
@@ -42,6 +43,9 @@ bool start_host(host &h, std::ostream &err);
 // status of the failure, already reported.
 int start_and_commit(host &h, const options &opt, const char *command, const std::string &config,
                      std::ostream &out, std::ostream &err);
+
+// What the library's dump commands print for one CLI session.
+std::string capture_dump(const std::function<void(struct mgmtd_cli_user_info *)> &dump);
 
 // The users a routes file declares, registered on policies that exist;
 // the others are reported in errors.

@@ -21,6 +21,10 @@ const char kUsage[] =
     "  check CONFIG                validate CONFIG and summarise it\n"
     "  show WHAT [CONFIG] [ROUTES] load CONFIG (and the users of ROUTES) and print the\n"
     "                              library's dump of WHAT: policies, lists, users or memory\n"
+    "  render CONFIG [--kind K]    commit CONFIG and print the document of every data-plane\n"
+    "                              object, or of the objects of kind K\n"
+    "  stats CONFIG                commit and render CONFIG, then print the library's summary\n"
+    "                              and statistics tables of the documents\n"
     "\n"
     "CONFIG is an XML or JSON (*.json) file of the zen-policy module; ROUTES a routes file.\n"
     "Defaults: the files of the examples directory (%s).\n"
@@ -28,6 +32,7 @@ const char kUsage[] =
     "options:\n"
     "  --json          print the report as JSON\n"
     "  --debug LEVEL   library debug level; its log lines go to standard error\n"
+    "  --kind K        render: only the documents of kind K (data-policy, vpn-list, ...)\n"
     "  -h, --help      print this help\n"
     "\n"
     "exit status: 0 done, 1 bad input (the message names the file and line, or the\n"
@@ -52,6 +57,7 @@ int usage_error(const std::string &message)
 int main(int argc, char **argv)
 {
     polctl::options opt;
+    std::string kind;  // render only
     std::vector<std::string> args;
     for (int i = 1; i < argc; i++) {
         const std::string arg = argv[i];
@@ -61,6 +67,11 @@ int main(int argc, char **argv)
         }
         if (arg == "--json") {
             opt.json = true;
+        } else if (arg == "--kind") {
+            if (i + 1 >= argc || argv[i + 1][0] == '\0') {
+                return usage_error("--kind needs a kind");
+            }
+            kind = argv[++i];
         } else if (arg == "--debug") {
             char *end = nullptr;
             if (i + 1 >= argc) {
@@ -87,6 +98,9 @@ int main(int argc, char **argv)
     auto arg = [&](size_t i, const std::string &fallback) {
         return args.size() > i ? args[i] : fallback;
     };
+    if (!kind.empty() && command != "render") {
+        return usage_error("--kind goes with render only");
+    }
     if (command == "run") {
         if (args.size() > 3) {
             return usage_error("run takes at most CONFIG and ROUTES");
@@ -112,6 +126,13 @@ int main(int argc, char **argv)
         // The example routes file only goes with the example configuration.
         const std::string users = args.size() > 2 ? arg(3, "") : routes;
         return polctl::cmd_show(opt, args[1], arg(2, config), users, std::cout, std::cerr);
+    }
+    if (command == "render" || command == "stats") {
+        if (args.size() != 2) {
+            return usage_error(command + " needs one CONFIG");
+        }
+        return command == "render" ? polctl::cmd_render(opt, args[1], kind, std::cout, std::cerr)
+                                   : polctl::cmd_stats(opt, args[1], std::cout, std::cerr);
     }
     return usage_error("unknown command \"" + command + "\"");
 }
