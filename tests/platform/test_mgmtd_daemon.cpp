@@ -468,7 +468,7 @@ TEST_F(MgmtdDaemon, DataSessionsReadAndSchemaLookupsAnswer)
     } lookups[] = {
         {"/zentrak-policy:policy-from-qarmon/zentrak-policy:data-policy/zentrak-policy:name", MGMTD_CS_LEAF, 1},
         {"/policy-from-qarmon/lists/vpn-list", MGMTD_CS_LIST, 1},
-        {"/policy/from-qarmon/lists/vpn-list/vpn", MGMTD_CS_LEAF_LIST, 0},
+        {"/policy/from-qarmon/lists/app-list/app", MGMTD_CS_LEAF_LIST, 0},
         {"/zen-policy:policy", MGMTD_CS_CONTAINER, 1},
         {"/zentrak-policy:policy-from-qarmon/zentrak-policy:newer-element", 0, 0},
         {"/other-prefix:policy-from-qarmon", 0, 0},
