@@ -183,7 +183,7 @@ char *pol_xml_fetch_compat_config(const char *ns, const char *xml_buf, size_t xm
                                   size_t *xml_compat_siz)
 {
     *xml_compat_siz = 0;
-    xmlDocPtr doc = xmlReadMemory(xml_buf, static_cast<int>(xml_buf_siz), nullptr, nullptr, 0);
+    xmlDocPtr doc = xmlReadMemory(xml_buf, static_cast<int>(xml_buf_siz), nullptr, nullptr, XML_PARSE_NONET);
     if (doc == nullptr) {
         POL_LOG("Error parsing XML");
         xmlCleanupParser();
