@@ -1,7 +1,7 @@
 // zen-mgmtd: the host's management daemon.
 //
 //   zen-mgmtd [--port N] [--db DIR] [--module FILE]... [--modules-dir DIR]
-//             [--no-placeholder] [--no-fsync]
+//             [--no-edge-module] [--no-fsync]
 //
 // Serves the management and data connections of the client library on
 // 127.0.0.1 (port 4565 by default; 0 picks a free port), with the running
@@ -40,7 +40,7 @@ int usage(const char *why)
     std::fprintf(stderr,
                  "zen-mgmtd: %s\n"
                  "usage: zen-mgmtd [--port N] [--db DIR] [--module FILE]... [--modules-dir DIR] "
-                 "[--no-placeholder] [--no-fsync]\n",
+                 "[--no-edge-module] [--no-fsync]\n",
                  why);
     return 2;
 }
@@ -92,8 +92,8 @@ int main(int argc, char **argv)
             store_options.modules_dir = argv[++i];
         } else if (arg == "--no-fsync") {
             store_options.fsync = false;
-        } else if (arg == "--no-placeholder") {
-            store_options.placeholder = false;
+        } else if (arg == "--no-edge-module") {
+            store_options.edge_module = false;
         } else {
             return usage(("unknown or incomplete option " + arg).c_str());
         }

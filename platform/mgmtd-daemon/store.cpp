@@ -14,7 +14,7 @@
 #include <cstring>
 
 #include "envelope.hpp"
-#include "zen_edge_placeholder_module.hpp"
+#include "zen_policy_edge_module.hpp"
 
 namespace zen::mgmtd {
 
@@ -142,8 +142,8 @@ failure store::load_modules(const store_options &options)
     if (failure f = load_module_text(policy->module_name, policy->module_text)) {
         return f;
     }
-    if (options.placeholder) {
-        if (failure f = load_module_text("zen-edge-placeholder", kEdgePlaceholderModuleText)) {
+    if (options.edge_module) {
+        if (failure f = load_module_text("zen-policy-edge", kPolicyEdgeModuleText)) {
             return f;
         }
     }

@@ -67,7 +67,7 @@ struct store_options {
     std::string db_dir;                 // running.xml lives here
     std::vector<std::string> modules;   // YANG files to load
     std::string modules_dir;            // every *.yang there, also the import search dir
-    bool placeholder = true;            // the built-in edge placeholder module
+    bool edge_module = true;            // the built-in edge policy document module
     bool fsync = true;                  // running.xml reaches the disk before a commit is answered
 };
 

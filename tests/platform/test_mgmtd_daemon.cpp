@@ -23,14 +23,21 @@
 
 #include <gtest/gtest.h>
 
+#include "mgmtd_test_daemon.hpp"
+
 #include <zen/maapi.h>
 #include <zen/mgmtd_wire.h>
 
 namespace {
 
 namespace fs = std::filesystem;
+using zen_test::cdb_conn;
+using zen_test::conn;
+using zen_test::daemon_process;
+using zen_test::endpoint;
+using zen_test::maapi_conn;
 
-constexpr const char *kEdgeNs = "urn:zen:params:xml:ns:yang:zen-edge-policy";
+constexpr const char *kEdgeNs = "urn:zen:params:xml:ns:yang:zen-policy-edge";
 constexpr int kConfigFlags = 0x4401;  // the policy library's configuration load
 constexpr int kShowFlags = 65;        // its show data load
 
@@ -49,122 +56,13 @@ std::string show_doc(const std::string &inner)
 
 std::string vpn_list(const std::string &name, int vpn)
 {
-    return "<lists><vpn-list><name>" + name + "</name><vpn>" + std::to_string(vpn) + "</vpn></vpn-list></lists>";
+    return "<lists><vpn-list><name>" + name + "</name><vpn><id>" + std::to_string(vpn) + "</id></vpn></vpn-list></lists>";
 }
 
 std::string data_policy(const std::string &name, const std::string &vpn_list_name)
 {
     return "<data-policy><name>" + name + "</name><vpn-list><name>" + vpn_list_name +
            "</name></vpn-list></data-policy>";
-}
-
-// 127.0.0.1:port.
-struct endpoint {
-    explicit endpoint(int port)
-    {
-        in.sin_family = AF_INET;
-        in.sin_port = htons(static_cast<uint16_t>(port));
-        in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    }
-    sockaddr *addr() { return reinterpret_cast<sockaddr *>(&in); }
-    sockaddr_in in{};
-};
-
-// The daemon process: started on a free port, stopped with SIGTERM.
-class daemon_process {
-public:
-    bool start(const fs::path &db, std::string *output = nullptr)
-    {
-        int out[2];
-        if (pipe(out) != 0) {
-            return false;
-        }
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(out[1], STDOUT_FILENO);
-            dup2(out[1], STDERR_FILENO);
-            close(out[0]);
-            close(out[1]);
-            // Under the sanitizer build, the daemon allocates per request and
-            // full stack unwinding (which `make test-asan` asks for) would make
-            // the concurrency test take minutes; its leak check at exit stays on.
-            if (const char *asan = std::getenv("ASAN_OPTIONS")) {
-                setenv("ASAN_OPTIONS", (std::string(asan) + ":fast_unwind_on_malloc=1").c_str(), 1);
-            }
-            execl(ZEN_MGMTD_PATH, "zen-mgmtd", "--port", "0", "--db", db.c_str(), "--no-fsync",
-                  static_cast<char *>(nullptr));
-            _exit(127);
-        }
-        close(out[1]);
-        std::string line;
-        char c;
-        pollfd p{out[0], POLLIN, 0};
-        while (poll(&p, 1, 20000) > 0 && read(out[0], &c, 1) == 1 && c != '\n') {
-            line.push_back(c);
-        }
-        close(out[0]);
-        if (output != nullptr) {
-            *output = line;
-        }
-        return std::sscanf(line.c_str(), "zen-mgmtd: listening on 127.0.0.1:%d", &port_) == 1;
-    }
-
-    // The exit status after the signal (none: 0), or the signal that ended it, negated.
-    int stop(int sig = SIGTERM)
-    {
-        if (pid_ <= 0) {
-            return 0;
-        }
-        if (sig != 0) {
-            kill(pid_, sig);
-        }
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
-
-    int port() const { return port_; }
-    bool running() const { return pid_ > 0; }
-
-private:
-    pid_t pid_ = -1;
-    int port_ = 0;
-};
-
-// A TCP socket; closed at the end of its scope.
-struct conn {
-    conn() : fd(socket(AF_INET, SOCK_STREAM, 0)) {}
-    conn(conn &&o) noexcept : fd(std::exchange(o.fd, -1)) {}
-    ~conn()
-    {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-    int fd;
-};
-
-// A management connection with a user session, or without when asked.
-conn maapi_conn(int port, bool session = true)
-{
-    conn c;
-    endpoint a(port);
-    EXPECT_EQ(maapi_connect(c.fd, a.addr(), sizeof a.in), MGMTD_OK) << mgmtd_lasterr();
-    EXPECT_TRUE(!session || maapi_start_user_session3(c.fd, "zen-policy", "system", nullptr, 0, "127.0.0.1", 0) ==
-                                MGMTD_OK)
-        << mgmtd_lasterr();
-    return c;
-}
-
-// A data connection with a session on db, or without when asked.
-conn cdb_conn(int port, mgmtd_dbname db, bool session = true)
-{
-    conn c;
-    endpoint a(port);
-    EXPECT_EQ(cdb_connect(c.fd, CDB_DATA_SOCKET, a.addr(), sizeof a.in), MGMTD_OK) << mgmtd_lasterr();
-    EXPECT_TRUE(!session || cdb_start_session2(c.fd, db, 0) == MGMTD_OK) << mgmtd_lasterr();
-    return c;
 }
 
 int start_trans(const conn &c, mgmtd_dbname db = MGMTD_CANDIDATE)
@@ -331,11 +229,11 @@ TEST_F(MgmtdDaemon, LoadFlagsAndPayloadsDecideWhatTheDatabaseHolds)
          -1},
         {"unclosed element", C, kConfigFlags, config_doc("<lists><vpn-list><name>z</name>"), kXml, 0, -1},
         {"value of the wrong type", C, kConfigFlags,
-         config_doc("<lists><vpn-list><name>z</name><vpn>many</vpn></vpn-list></lists>"), kXml, 0, -1},
-        {"missing list key", C, kConfigFlags, config_doc("<lists><vpn-list><vpn>1</vpn></vpn-list></lists>"), kXml, 0,
+         config_doc("<lists><vpn-list><name>z</name><vpn><id>many</id></vpn></vpn-list></lists>"), kXml, 0, -1},
+        {"missing list key", C, kConfigFlags, config_doc("<lists><vpn-list><vpn><id>1</id></vpn></vpn-list></lists>"), kXml, 0,
          -1},
-        {"duplicate leaf-list values", C, kConfigFlags,
-         config_doc("<lists><vpn-list><name>z</name><vpn>1</vpn><vpn>1</vpn></vpn-list></lists>"), 0,
+        {"duplicate list entries", C, kConfigFlags,
+         config_doc("<lists><vpn-list><name>z</name><vpn><id>1</id></vpn><vpn><id>1</id></vpn></vpn-list></lists>"), 0,
          MGMTD_ERR_VALIDATION, -1},
         {"unknown element skipped", C, MAAPI_CONFIG_XML, unknown, 0, 0, 2},
         {"merge keeps what is there", C, MAAPI_CONFIG_XML, config_doc(vpn_list("c", 1)), 0, 0, 3},
@@ -570,7 +468,7 @@ TEST_F(MgmtdDaemon, DataSessionsReadAndSchemaLookupsAnswer)
     } lookups[] = {
         {"/zentrak-policy:policy-from-qarmon/zentrak-policy:data-policy/zentrak-policy:name", MGMTD_CS_LEAF, 1},
         {"/policy-from-qarmon/lists/vpn-list", MGMTD_CS_LIST, 1},
-        {"/policy/from-qarmon/lists/vpn-list/vpn", MGMTD_CS_LEAF_LIST, 0},
+        {"/policy/from-qarmon/lists/app-list/app", MGMTD_CS_LEAF_LIST, 0},
         {"/zen-policy:policy", MGMTD_CS_CONTAINER, 1},
         {"/zentrak-policy:policy-from-qarmon/zentrak-policy:newer-element", 0, 0},
         {"/other-prefix:policy-from-qarmon", 0, 0},
@@ -590,7 +488,7 @@ TEST_F(MgmtdDaemon, DataSessionsReadAndSchemaLookupsAnswer)
     const mgmtd_cs_node_t *seq = mgmtd_cs_node_cd(dp, "vpn-list/sequence/%s", "seq-value");
     ASSERT_NE(seq, nullptr);
     EXPECT_STREQ(seq->name, "seq-value");
-    EXPECT_STREQ(seq->module, "zen-edge-placeholder");
+    EXPECT_STREQ(seq->module, "zen-policy-edge");
 }
 
 // A daemon that never answers: every call gives up after the timeout.

@@ -47,7 +47,11 @@ for required in \
     pol_dump_xml_fwd_prefix_ipv6_list pol_dump_xml_vpn_list pol_dump_xml_tloc_list pol_dump_xml_app_list \
     pol_dump_xml_summary pol_dump_xml_statistics pol_dump_test_xml_gen \
     g_pol_ctx_p g_pol_dbg_level g_pol_mem_info g_polbuf1 g_pol_list_head \
-    pol_show_data_pol_from_qarmon; do
+    pol_show_data_pol_from_qarmon \
+    pol_fwd_queue_xml_config pol_fwd_policy_populate pol_fwd_policy_xml_get pol_fwd_policy_xml_get_list \
+    pol_fwd_policy_append pol_fwd_policy_hdr_add pol_show_fwd_policy_hdr_add \
+    pol_fwd_policy_mgmtd_set pol_fwd_policy_mgmtd_delete \
+    pol_show_fwd_policy_mgmtd_set pol_show_fwd_policy_mgmtd_delete; do
   echo "$symbols" | grep -qx "$required" || { echo "missing export: $required"; status=1; }
 done
 
@@ -56,7 +60,8 @@ for internal in pol_block_find_or_create pol_user_chg_list_notify_all pol_site_l
                 pol_exec_route avl_add pol_config_policy_get_match_type \
                 pol_config_set_bgp_community_upd pol_test_get_tokens pol_test_parse_get_type \
                 pol_dump_xml_data_policy_all pol_dump_obj_xml_statistics pol_xml_gen_test nsec_to_str \
-                pol_fwd_eval_block pol_fwd_upd_label_set_entry pol_fwd_list_exists; do
+                pol_fwd_eval_block pol_fwd_upd_label_set_entry pol_fwd_list_exists \
+                pol_xml_fetch_compat_config pol_xml_remove_incompat_nodes pol_xml_dfs strstr_reverse; do
   if echo "$symbols" | grep -qx "$internal"; then echo "internal symbol exported: $internal"; status=1; fi
 done
 
@@ -74,9 +79,12 @@ done
 if echo "$symbols" | grep -q '^_Z'; then echo "C++ symbols exported:"; echo "$symbols" | grep '^_Z' | head; status=1; fi
 readelf -d "$lib" | grep -q 'Library soname: \[libpolicy.so.0\]' || { echo "wrong soname"; status=1; }
 # The subscription table is plain data: the datastore and its schema
-# library stay the host's, and so does the daemon's client library (the
-# start-up read takes its calls from the host).
-if readelf -d "$lib" | grep NEEDED | grep -Eq 'libyang|libzenmgmtds|libzenmaapi'; then
+# library stay the host's (the start-up read takes its cdb_* calls from the
+# host through a table of function pointers). The daemon's client library,
+# libzenmaapi, is linked: publishing the edge policy documents loads them
+# into the daemon with its maapi_* and cdb_* calls and asks its schema.
+if readelf -d "$lib" | grep NEEDED | grep -Eq 'libyang|libzenmgmtds'; then
   echo "links the configuration datastore:"; readelf -d "$lib" | grep NEEDED; status=1
 fi
+readelf -d "$lib" | grep NEEDED | grep -q 'libzenmaapi' || { echo "does not link libzenmaapi"; status=1; }
 exit $status

@@ -311,6 +311,99 @@ int pol_dump_xml_summary(struct mgmtd_cli_user_info *uinfo, int argc, char **arg
 int pol_dump_xml_statistics(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
 int pol_dump_test_xml_gen(struct mgmtd_cli_user_info *uinfo, int argc, char **argv);
 
+/* ---- publishing the edge policy documents ---- */
+
+/*
+ * What a controller sends one edge router (its data, app-route and cflowd
+ * policies and every list they name) is published into the management
+ * daemon's configuration as the subtree /policy-from-qarmon, and the same
+ * content as show (operational) data under /policy/from-qarmon. Nothing in
+ * the library calls these; the host runs, from its configuration worker
+ * (never a packet path) and on the thread that owns the context:
+ *
+ *   pol_fwd_queue_xml_config(g_pol_ctx_p, 0);           render what changed
+ *   pol_fwd_policy_populate(in, out, pfr, cflowd, &n, &payload);
+ *   cfg = pol_fwd_policy_hdr_add(payload, n, &cfg_n);    wrap as configuration
+ *   pol_fwd_policy_mgmtd_set(cfg_n, cfg, vpn_id);        load and commit
+ *   show = pol_show_fwd_policy_hdr_add(payload, n, &show_n);
+ *   pol_show_fwd_policy_mgmtd_set(show, vpn_id);         load the show data
+ *   pol_free(payload, POL_MEM_XML_1); pol_free(cfg, POL_MEM_XML_2); ...
+ *
+ * docs/publishing.md describes the payload, the filter and the load.
+ */
+
+/* Renders again the document of every policy and data-plane list whose
+ * fetch_xml flag is set (of every one when force_fetch is non-zero) and
+ * clears the flag; a document that cannot be rendered keeps the old text. */
+void pol_fwd_queue_xml_config(t_pol_ctx *pol_ctx, int force_fetch);
+
+/*
+ * Assembles one peer's payload from the rendered documents of the policies
+ * of the user handles given (any may be null; a detached handle counts as
+ * none): the inbound and outbound data policies (one policy with direction
+ * "all" when both have the same name), the app-route policy, the cflowd
+ * template, then every list they name, once each, inside one `lists`
+ * element (none when no list is named). *peer_pol_xml_p receives a new
+ * buffer (free with pol_free(p, POL_MEM_XML_1)) of *peer_pol_size_p bytes
+ * and a terminator, or null with size 0 when all four handles are null.
+ * Returns ERR_OK or an error (nothing is returned then).
+ */
+int pol_fwd_policy_populate(t_pol_handle data_pol_in_p, t_pol_handle data_pol_out_p, t_pol_handle pfr_pol_p,
+                            t_pol_handle cflowd_pol_p, uint32_t *peer_pol_size_p, char **peer_pol_xml_p);
+
+/*
+ * Appends the document of one handle's policy (pol_type 1 data policy, with
+ * the direction pol_dir: 1 from-service, 2 from-tunnel, otherwise all; 2
+ * app-route policy; 3 cflowd template) to *pol_xml_p, and the lists it
+ * names that are not yet in the payload to *list_xml_p. The buffers and
+ * their space left are as pol_fwd_policy_append takes them.
+ */
+int pol_fwd_policy_xml_get(t_pol_handle pol_handle, uint32_t pol_type, uint32_t pol_dir, uint32_t *pol_size_p,
+                           char **pol_xml_p, uint32_t *list_size_p, char **list_xml_p);
+/* Appends the documents of the lists one policy names, each once. */
+int pol_fwd_policy_xml_get_list(t_pol_block *pol_block_p, uint32_t *list_size_p, char **list_xml_p);
+
+/*
+ * Appends src_len bytes of src and a terminator to the text in *dest, a
+ * pol_malloc buffer with *dest_size_left bytes unused. When they do not
+ * fit, *dest is reallocated to exactly the text, src_len and the
+ * terminator, and *dest_size_left becomes 0; otherwise it shrinks by
+ * src_len. Returns 0, or 1 when the reallocation fails (*dest unchanged).
+ */
+int pol_fwd_policy_append(const char *src, uint32_t src_len, char **dest, uint32_t *dest_size_left);
+
+/*
+ * Wraps a payload of size bytes as configuration (the daemon's `config`
+ * envelope around `policy-from-qarmon`) or as show data (`policy` around
+ * `from-qarmon`), both in the edge policy namespace, after removing the
+ * elements the daemon's schema does not know. Returns a new buffer (free
+ * with pol_free(p, POL_MEM_XML_2)) and its length in *new_size_p, or null
+ * when memory runs out. An empty payload gives an empty element.
+ */
+char *pol_fwd_policy_hdr_add(const char *xml_fwd_pol_p, uint32_t size, uint32_t *new_size_p);
+char *pol_show_fwd_policy_hdr_add(const char *xml_fwd_pol_p, uint32_t size, uint32_t *new_size_p);
+
+/*
+ * Loads a wrapped configuration (pol_fwd_policy_hdr_add) into the daemon's
+ * candidate database, replacing /policy-from-qarmon, and commits it; the
+ * delete removes that subtree the same way. A database another session
+ * holds locked is tried again 32 times, 5 seconds apart, so a call may
+ * block for about 160 seconds. Returns ERR_OK, ERR_SOCKET when the daemon
+ * cannot be reached (127.0.0.1:4565), or ERR_MGMTD_FAIL (the daemon's
+ * message is logged). vpn_id is not used.
+ */
+int pol_fwd_policy_mgmtd_set(uint32_t size, const char *xml_fwd_pol_p, uint32_t vpn_id);
+int pol_fwd_policy_mgmtd_delete(uint32_t vpn_id);
+
+/*
+ * Loads wrapped show data (pol_show_fwd_policy_hdr_add) into the daemon's
+ * operational database, through the file /etc/zentrak/show_fwd_pol_data.xml
+ * (overwritten); the delete removes every subtree of
+ * pol_show_data_pol_from_qarmon that holds data. Results as above.
+ */
+int pol_show_fwd_policy_mgmtd_set(const char *xml_show_fwd_pol_p, uint32_t vpn_id);
+int pol_show_fwd_policy_mgmtd_delete(uint32_t vpn_id);
+
 /* ---- text test harness ---- */
 
 #define POL_TEST_MAX_TOKENS 20
