@@ -20,6 +20,7 @@
 #include <zen/maapi.h>
 #include <zen/zen_err.h>
 
+#include "pol_fwd_label.h"
 #include "pol_publish.hpp"
 #include "pol_util.hpp"
 #include "pol_xml.hpp"
@@ -86,40 +87,12 @@ void render_blocks(avl_tree_t *tree, e_pol_xml_type type, bool force)
     render_all(tree, &t_pol_block::fetch_xml, &t_pol_block::pol_xml, type, force);
 }
 
-/* ---- names already in the payload ---- */
-
-bool name_seen(e_pol_fwd_pol_type kind, const char *name)
-{
-    t_list_name_head *head = &g_pol_list_head[kind];
-    t_list_name_entry *e;
-    TAILQ_FOREACH(e, head, list_name_entry)
-    {
-        if (strncmp(e->list_name, name, sizeof(e->list_name) - 1) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// Records the name; false when memory runs out.
-bool name_add(e_pol_fwd_pol_type kind, const char *name)
-{
-    auto *e = pol::alloc_record<t_list_name_entry>(POL_MEM_ENTRY_LIST);
-    if (e == nullptr) {
-        return false;
-    }
-    pol::copy_name(e->list_name, name);
-    TAILQ_INSERT_TAIL(&g_pol_list_head[kind], e, list_name_entry);
-    return true;
-}
+/* ---- names already in the payload (pol_fwd_list_exists keeps them) ---- */
 
 void names_clear()
 {
     for (t_list_name_head &head : g_pol_list_head) {
-        while (t_list_name_entry *e = TAILQ_FIRST(&head)) {
-            TAILQ_REMOVE(&head, e, list_name_entry);
-            pol_free(e, POL_MEM_ENTRY_LIST);
-        }
+        pol_fwd_list_clear(&head);
     }
 }
 
@@ -150,11 +123,8 @@ int append_list_once(e_pol_fwd_pol_type kind, const char *what, const char *name
                      const work_buf &out)
 {
     POL_DBG(2, "Get %s '%s'config", what, name);
-    if (name_seen(kind, name)) {
+    if (pol_fwd_list_exists(&g_pol_list_head[kind], name) != 0) {
         return ERR_OK;
-    }
-    if (!name_add(kind, name)) {
-        return ERR_ALLOC;
     }
     int rc = append_doc(doc, out);
     if (rc != ERR_OK) {

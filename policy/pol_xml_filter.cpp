@@ -98,9 +98,13 @@ void pol_xml_check_xpath_compat(t_pol_xml_ctx *ctx, char *xpath)
     if (recorded(ctx, xpath)) {
         return;
     }
+    if (ctx->nincompat >= POL_XML_MAX_INCOMPAT) {
+        // The table is full: this kind stays in the document, whose load
+        // then fails whole on it rather than writing past the table.
+        POL_LOG("Incompat xpath table full, kept: %s", xpath);
+        return;
+    }
     POL_LOG("Incompat xpath: %s", xpath);
-    // Capacity deliberately unchecked: a document has far fewer unknown
-    // element kinds than POL_XML_MAX_INCOMPAT.
     t_pol_xpath &slot = ctx->incompat[ctx->nincompat++];
     slot.xpath = strdup(xpath);
     slot.len = slot.xpath != nullptr ? strlen(slot.xpath) : 0;
