@@ -24,10 +24,14 @@ bool schema_knows(const char *xpath)
     return mgmtd_cs_node_cd(nullptr, "%s", xpath) != nullptr;
 }
 
+// The path or one of its ancestors is recorded: a recorded path that
+// matches over its length and ends where a component of this one ends
+// ("/p:unknown1" is no ancestor of "/p:unknown10").
 bool recorded(const t_pol_xml_ctx *ctx, const char *xpath)
 {
     for (ssize_t i = 0; i < ctx->nincompat; i++) {
-        if (strncmp(ctx->incompat[i].xpath, xpath, ctx->incompat[i].len) == 0) {
+        const t_pol_xpath &r = ctx->incompat[i];
+        if (strncmp(r.xpath, xpath, r.len) == 0 && (xpath[r.len] == '\0' || xpath[r.len] == '/')) {
             return true;
         }
     }

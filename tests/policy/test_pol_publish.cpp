@@ -260,6 +260,23 @@ TEST_F(PolPublishTest, FilterRemovesWhatTheSchemaDoesNotKnow)
                                          close + "</config>");
         }
     }
+    // More unknown kinds than the path table holds: the first 32 go, the
+    // rest stay (and make the strict load refuse the document).
+    std::string many;
+    for (int i = 0; i < 40; i++) {
+        many += "<unknown" + std::to_string(i) + "/>";
+    }
+    {
+        poltest::LogCapture log;
+        const std::string doc = open + "<policer><name>P</name>" + many + "</policer>" + close;
+        size_t size = 0;
+        char *out = pol_xml_fetch_compat_config(kNs, doc.data(), doc.size(), &size);
+        ASSERT_NE(out, nullptr);
+        const std::string text(out, size);
+        xmlFree(out);
+        EXPECT_TRUE(text.find("unknown31") == std::string::npos && text.find("unknown32") != std::string::npos &&
+                    text.find("unknown39") != std::string::npos);
+    }
     char path[] = "/p:a/p:b";
     EXPECT_EQ(strstr_reverse(path, "p:"), path + 5);  // the rightmost
     EXPECT_EQ(strstr_reverse(path, nullptr), path);
