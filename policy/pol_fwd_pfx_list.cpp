@@ -123,162 +123,57 @@ int pol_fwd_pfx_list_entry_cmp(const void *a, const void *b)
                         &static_cast<const t_fwd_pfx_list_entry *>(b)->ip_prefix);
 }
 
-/* ---- IPv4 ---- */
+// The C names of one of the two families, each a forwarder to it.
+#define POL_FWD_PFX_FAMILY_FUNCTIONS(prefix, family)                                              \
+    e_err prefix##_main_init(t_pol_ctx *ctx) { return family::main_init(ctx); }                  \
+    e_err prefix##_main_deinit(t_pol_ctx *ctx) { return family::main_deinit(ctx); }              \
+    t_fwd_pfx_list *prefix##_find(t_pol_ctx *ctx, const char *name)                               \
+    {                                                                                             \
+        return family::find(ctx, name);                                                           \
+    }                                                                                             \
+    t_fwd_pfx_list *prefix##_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created)   \
+    {                                                                                             \
+        return family::find_or_create(ctx, name, created);                                        \
+    }                                                                                             \
+    bool prefix##_is_empty(const t_fwd_pfx_list *list) { return family::is_empty(list); }        \
+    t_fwd_pfx_list *prefix##_first(t_pol_ctx *ctx) { return family::first(ctx); }                \
+    t_fwd_pfx_list *prefix##_next(t_pol_ctx *ctx, t_fwd_pfx_list *list)                           \
+    {                                                                                             \
+        return family::next(ctx, list);                                                           \
+    }                                                                                             \
+    e_err prefix##_add_prefix(t_pol_ctx *ctx, const char *name, const t_ipprefix *prefix_p)       \
+    {                                                                                             \
+        return family::add_prefix(ctx, name, prefix_p);                                           \
+    }                                                                                             \
+    e_err prefix##_del_prefix(t_pol_ctx *ctx, const char *name, const t_ipprefix *prefix_p)       \
+    {                                                                                             \
+        return family::del_prefix(ctx, name, prefix_p);                                           \
+    }                                                                                             \
+    e_err prefix##_entry_change(t_pol_ctx *ctx, const char *name)                                 \
+    {                                                                                             \
+        return family::entry_change(ctx, name);                                                   \
+    }                                                                                             \
+    e_err prefix##_cfg_del(t_pol_ctx *ctx, const char *name) { return family::cfg_del(ctx, name); } \
+    void prefix##_del(t_pol_ctx *ctx, t_fwd_pfx_list **list_pp, uint8_t remove)                   \
+    {                                                                                             \
+        family::del(ctx, list_pp, remove != 0);                                                   \
+    }                                                                                             \
+    t_fwd_pfx_list *prefix##_user_add(t_pol_ctx *ctx, const char *name, e_pol_fwd_pfx_type role,  \
+                                      t_pol_match_entry *match)                                   \
+    {                                                                                             \
+        return family::user_add(ctx, name, role, match);                                          \
+    }                                                                                             \
+    e_err prefix##_user_remove(t_pol_ctx *ctx, t_fwd_pfx_list *list, e_pol_fwd_pfx_type role,     \
+                               t_pol_match_entry *match)                                          \
+    {                                                                                             \
+        return family::user_remove(ctx, list, role, match);                                       \
+    }                                                                                             \
+    void prefix##_users_add_to_chg_list(t_pol_ctx *ctx, t_fwd_pfx_list *list)                     \
+    {                                                                                             \
+        family::users_add_to_chg_list(ctx, list);                                                 \
+    }
 
-e_err pol_fwd_pfx_list_main_init(t_pol_ctx *ctx)
-{
-    return fwd_pfx4::main_init(ctx);
-}
-
-e_err pol_fwd_pfx_list_main_deinit(t_pol_ctx *ctx)
-{
-    return fwd_pfx4::main_deinit(ctx);
-}
-
-t_fwd_pfx_list *pol_fwd_pfx_list_find(t_pol_ctx *ctx, const char *name)
-{
-    return fwd_pfx4::find(ctx, name);
-}
-
-t_fwd_pfx_list *pol_fwd_pfx_list_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created)
-{
-    return fwd_pfx4::find_or_create(ctx, name, created);
-}
-
-bool pol_fwd_pfx_list_is_empty(const t_fwd_pfx_list *list)
-{
-    return fwd_pfx4::is_empty(list);
-}
-
-t_fwd_pfx_list *pol_fwd_pfx_list_first(t_pol_ctx *ctx)
-{
-    return fwd_pfx4::first(ctx);
-}
-
-t_fwd_pfx_list *pol_fwd_pfx_list_next(t_pol_ctx *ctx, t_fwd_pfx_list *list)
-{
-    return fwd_pfx4::next(ctx, list);
-}
-
-e_err pol_fwd_pfx_list_add_prefix(t_pol_ctx *ctx, const char *name, const t_ipprefix *prefix)
-{
-    return fwd_pfx4::add_prefix(ctx, name, prefix);
-}
-
-e_err pol_fwd_pfx_list_del_prefix(t_pol_ctx *ctx, const char *name, const t_ipprefix *prefix)
-{
-    return fwd_pfx4::del_prefix(ctx, name, prefix);
-}
-
-e_err pol_fwd_pfx_list_entry_change(t_pol_ctx *ctx, const char *name)
-{
-    return fwd_pfx4::entry_change(ctx, name);
-}
-
-e_err pol_fwd_pfx_list_cfg_del(t_pol_ctx *ctx, const char *name)
-{
-    return fwd_pfx4::cfg_del(ctx, name);
-}
-
-void pol_fwd_pfx_list_del(t_pol_ctx *ctx, t_fwd_pfx_list **list_pp, uint8_t remove)
-{
-    fwd_pfx4::del(ctx, list_pp, remove != 0);
-}
-
-t_fwd_pfx_list *pol_fwd_pfx_list_user_add(t_pol_ctx *ctx, const char *name,
-                                          e_pol_fwd_pfx_type role, t_pol_match_entry *match)
-{
-    return fwd_pfx4::user_add(ctx, name, role, match);
-}
-
-e_err pol_fwd_pfx_list_user_remove(t_pol_ctx *ctx, t_fwd_pfx_list *list, e_pol_fwd_pfx_type role,
-                                   t_pol_match_entry *match)
-{
-    return fwd_pfx4::user_remove(ctx, list, role, match);
-}
-
-void pol_fwd_pfx_list_users_add_to_chg_list(t_pol_ctx *ctx, t_fwd_pfx_list *list)
-{
-    fwd_pfx4::users_add_to_chg_list(ctx, list);
-}
-
-/* ---- IPv6 ---- */
-
-e_err pol_fwd_pfx6_list_main_init(t_pol_ctx *ctx)
-{
-    return fwd_pfx6::main_init(ctx);
-}
-
-e_err pol_fwd_pfx6_list_main_deinit(t_pol_ctx *ctx)
-{
-    return fwd_pfx6::main_deinit(ctx);
-}
-
-t_fwd_pfx_list *pol_fwd_pfx6_list_find(t_pol_ctx *ctx, const char *name)
-{
-    return fwd_pfx6::find(ctx, name);
-}
-
-t_fwd_pfx_list *pol_fwd_pfx6_list_find_or_create(t_pol_ctx *ctx, const char *name, uint8_t *created)
-{
-    return fwd_pfx6::find_or_create(ctx, name, created);
-}
-
-bool pol_fwd_pfx6_list_is_empty(const t_fwd_pfx_list *list)
-{
-    return fwd_pfx6::is_empty(list);
-}
-
-t_fwd_pfx_list *pol_fwd_pfx6_list_first(t_pol_ctx *ctx)
-{
-    return fwd_pfx6::first(ctx);
-}
-
-t_fwd_pfx_list *pol_fwd_pfx6_list_next(t_pol_ctx *ctx, t_fwd_pfx_list *list)
-{
-    return fwd_pfx6::next(ctx, list);
-}
-
-e_err pol_fwd_pfx6_list_add_prefix(t_pol_ctx *ctx, const char *name, const t_ipprefix *prefix)
-{
-    return fwd_pfx6::add_prefix(ctx, name, prefix);
-}
-
-e_err pol_fwd_pfx6_list_del_prefix(t_pol_ctx *ctx, const char *name, const t_ipprefix *prefix)
-{
-    return fwd_pfx6::del_prefix(ctx, name, prefix);
-}
-
-e_err pol_fwd_pfx6_list_entry_change(t_pol_ctx *ctx, const char *name)
-{
-    return fwd_pfx6::entry_change(ctx, name);
-}
-
-e_err pol_fwd_pfx6_list_cfg_del(t_pol_ctx *ctx, const char *name)
-{
-    return fwd_pfx6::cfg_del(ctx, name);
-}
-
-void pol_fwd_pfx6_list_del(t_pol_ctx *ctx, t_fwd_pfx_list **list_pp, uint8_t remove)
-{
-    fwd_pfx6::del(ctx, list_pp, remove != 0);
-}
-
-t_fwd_pfx_list *pol_fwd_pfx6_list_user_add(t_pol_ctx *ctx, const char *name,
-                                           e_pol_fwd_pfx_type role, t_pol_match_entry *match)
-{
-    return fwd_pfx6::user_add(ctx, name, role, match);
-}
-
-e_err pol_fwd_pfx6_list_user_remove(t_pol_ctx *ctx, t_fwd_pfx_list *list, e_pol_fwd_pfx_type role,
-                                    t_pol_match_entry *match)
-{
-    return fwd_pfx6::user_remove(ctx, list, role, match);
-}
-
-void pol_fwd_pfx6_list_users_add_to_chg_list(t_pol_ctx *ctx, t_fwd_pfx_list *list)
-{
-    fwd_pfx6::users_add_to_chg_list(ctx, list);
-}
+POL_FWD_PFX_FAMILY_FUNCTIONS(pol_fwd_pfx_list, fwd_pfx4)
+POL_FWD_PFX_FAMILY_FUNCTIONS(pol_fwd_pfx6_list, fwd_pfx6)
 
 }  // extern "C"
