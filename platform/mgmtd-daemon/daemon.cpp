@@ -30,6 +30,20 @@ failure need_data_session(const connection_state &c)
     return c.data_session ? failure{} : fail(MGMTD_ERR_NOSESSION, "no data session");
 }
 
+// A request whose fields are all read, on a connection with a user (data)
+// session.
+failure user_request(const wire::reader &r, const connection_state &c)
+{
+    failure f = args_end(r);
+    return f ? f : need_user_session(c);
+}
+
+failure data_request(const wire::reader &r, const connection_state &c)
+{
+    failure f = args_end(r);
+    return f ? f : need_data_session(c);
+}
+
 int schema_kind(const lysc_node *schema)
 {
     switch (schema->nodetype) {
@@ -206,10 +220,7 @@ void daemon::end_user_session(connection_state &c)
 
 failure daemon::usess_end(connection_state &c, wire::reader &r, wire::writer &)
 {
-    if (failure f = args_end(r)) {
-        return f;
-    }
-    if (failure f = need_user_session(c)) {
+    if (failure f = user_request(r, c)) {
         return f;
     }
     end_user_session(c);
@@ -224,10 +235,7 @@ failure daemon::trans_start(connection_state &c, wire::reader &r, wire::writer &
     const int32_t rw = r.i32();
     const int32_t usid = r.i32();
     const int32_t flags = r.i32();
-    if (failure f = args_end(r)) {
-        return f;
-    }
-    if (failure f = need_user_session(c)) {
+    if (failure f = user_request(r, c)) {
         return f;
     }
     if (usid != 0 && static_cast<uint64_t>(usid) != c.id) {
@@ -341,10 +349,7 @@ failure daemon::trans_finish(connection_state &c, wire::reader &r, wire::writer 
 
 failure daemon::commit(connection_state &c, wire::reader &r, wire::writer &)
 {
-    if (failure f = args_end(r)) {
-        return f;
-    }
-    if (failure f = need_user_session(c)) {
+    if (failure f = user_request(r, c)) {
         return f;
     }
     return store_.commit(c.id);
@@ -353,10 +358,7 @@ failure daemon::commit(connection_state &c, wire::reader &r, wire::writer &)
 failure daemon::lock(connection_state &c, wire::reader &r, wire::writer &)
 {
     const int32_t db = r.i32();
-    if (failure f = args_end(r)) {
-        return f;
-    }
-    if (failure f = need_user_session(c)) {
+    if (failure f = user_request(r, c)) {
         return f;
     }
     return store_.lock(db, c.id);
@@ -365,10 +367,7 @@ failure daemon::lock(connection_state &c, wire::reader &r, wire::writer &)
 failure daemon::unlock(connection_state &c, wire::reader &r, wire::writer &)
 {
     const int32_t db = r.i32();
-    if (failure f = args_end(r)) {
-        return f;
-    }
-    if (failure f = need_user_session(c)) {
+    if (failure f = user_request(r, c)) {
         return f;
     }
     return store_.unlock(db, c.id);
@@ -402,10 +401,7 @@ failure daemon::cdb_start(connection_state &c, wire::reader &r, wire::writer &)
 
 failure daemon::cdb_end(connection_state &c, wire::reader &r, wire::writer &)
 {
-    if (failure f = args_end(r)) {
-        return f;
-    }
-    if (failure f = need_data_session(c)) {
+    if (failure f = data_request(r, c)) {
         return f;
     }
     c.data_session = false;
@@ -490,10 +486,7 @@ failure daemon::cdb_pushd(connection_state &c, wire::reader &r, wire::writer &)
 
 failure daemon::cdb_popd(connection_state &c, wire::reader &r, wire::writer &)
 {
-    if (failure f = args_end(r)) {
-        return f;
-    }
-    if (failure f = need_data_session(c)) {
+    if (failure f = data_request(r, c)) {
         return f;
     }
     if (c.dirs.empty()) {
@@ -507,10 +500,7 @@ failure daemon::cdb_popd(connection_state &c, wire::reader &r, wire::writer &)
 failure daemon::cdb_delete(connection_state &c, wire::reader &r, wire::writer &)
 {
     const std::string path = r.str();
-    if (failure f = args_end(r)) {
-        return f;
-    }
-    if (failure f = need_data_session(c)) {
+    if (failure f = data_request(r, c)) {
         return f;
     }
     if (c.data_db != MGMTD_OPERATIONAL) {
