@@ -409,12 +409,14 @@ failure daemon::cdb_end(connection_state &c, wire::reader &r, wire::writer &)
     return {};
 }
 
-// The data nodes a session path names; none is an error only when the
+// The data nodes the path of a data-session request names (the request
+// holds the path alone); none is an error only when the
 // loaded modules have no such node.
-failure daemon::session_data(connection_state &c, const std::string &path, std::string &full,
+failure daemon::session_data(connection_state &c, wire::reader &r, std::string &full,
                              std::vector<lyd_node *> &nodes)
 {
-    if (failure f = need_data_session(c)) {
+    const std::string path = r.str();
+    if (failure f = data_request(r, c)) {
         return f;
     }
     full = join_path(c.cwd, path);
@@ -430,13 +432,9 @@ failure daemon::session_data(connection_state &c, const std::string &path, std::
 
 failure daemon::cdb_num(connection_state &c, wire::reader &r, wire::writer &w)
 {
-    const std::string path = r.str();
-    if (failure f = args_end(r)) {
-        return f;
-    }
     std::string full;
     std::vector<lyd_node *> nodes;
-    if (failure f = session_data(c, path, full, nodes)) {
+    if (failure f = session_data(c, r, full, nodes)) {
         return f;
     }
     w.i32(static_cast<int32_t>(nodes.size()));
@@ -445,13 +443,9 @@ failure daemon::cdb_num(connection_state &c, wire::reader &r, wire::writer &w)
 
 failure daemon::cdb_get(connection_state &c, wire::reader &r, wire::writer &w)
 {
-    const std::string path = r.str();
-    if (failure f = args_end(r)) {
-        return f;
-    }
     std::string full;
     std::vector<lyd_node *> nodes;
-    if (failure f = session_data(c, path, full, nodes)) {
+    if (failure f = session_data(c, r, full, nodes)) {
         return f;
     }
     if (nodes.empty()) {
@@ -466,13 +460,9 @@ failure daemon::cdb_get(connection_state &c, wire::reader &r, wire::writer &w)
 
 failure daemon::cdb_pushd(connection_state &c, wire::reader &r, wire::writer &)
 {
-    const std::string path = r.str();
-    if (failure f = args_end(r)) {
-        return f;
-    }
     std::string full;
     std::vector<lyd_node *> nodes;
-    if (failure f = session_data(c, path, full, nodes)) {
+    if (failure f = session_data(c, r, full, nodes)) {
         return f;
     }
     if (nodes.size() != 1) {

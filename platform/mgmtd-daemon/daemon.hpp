@@ -89,7 +89,7 @@ private:
 
     void end_user_session(connection_state &c);
     failure writable_transaction(connection_state &c, int handle, transaction *&out);
-    failure session_data(connection_state &c, const std::string &path, std::string &full,
+    failure session_data(connection_state &c, wire::reader &r, std::string &full,
                          std::vector<lyd_node *> &nodes);
 
     std::mutex mutex_;
