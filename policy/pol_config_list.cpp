@@ -76,6 +76,32 @@ int32_t apply_range(t_pol_ctx *ctx, mgmtd_iter_op oper, const char *name, id_ran
     return oper == MOP_CREATED ? status_of(add(ctx, name, range.min, range.max)) : POL_CONFIG_OK;
 }
 
+// The families whose entries are id ranges keyed by "N" or "N-M".
+struct range_family {
+    const char *debug_name;  // as the debug trace names the list
+    const char *log_name;    // as the error log names the list
+    range_op_f add;
+    range_op_f del;
+};
+
+// One entry of a site or VPN list: list name and range text are the keys.
+int32_t read_range_entry(const range_family &family, t_pol_ctx *ctx, mgmtd_iter_op oper,
+                         uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
+                         mgmtd_tag_value_t *val_p)
+{
+    check_key_count(num_keys, 2);
+    const char *name = key_text(&key_p[0]);
+    const char *text = key_text(&key_p[1]);
+    POL_DBG(0, "%s list config - Name:%s, id:%s, Oper:%u, num:%u", family.debug_name, name, text,
+            static_cast<unsigned>(oper), static_cast<unsigned>(num_values));
+    const std::optional<id_range> range = parse_range(text);
+    if (!range) {
+        POL_LOG("Invalid %s list range %s in list %s", family.log_name, text, name);
+        return POL_CONFIG_BAD_KEY;
+    }
+    return apply_range(ctx, oper, name, *range, family.add, family.del, val_p, num_values);
+}
+
 /* ---- prefix-list entries ---- */
 
 // The length leaves of one prefix-list entry change and the condition they
@@ -193,18 +219,8 @@ int32_t pol_config_policy_site_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, mg
                                     uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
                                     mgmtd_tag_value_t *val_p)
 {
-    check_key_count(num_keys, 2);
-    const char *name = key_text(&key_p[0]);
-    const char *text = key_text(&key_p[1]);
-    POL_DBG(0, "Site list config - Name:%s, id:%s, Oper:%u, num:%u", name, text,
-            static_cast<unsigned>(oper), static_cast<unsigned>(num_values));
-    const std::optional<id_range> range = parse_range(text);
-    if (!range) {
-        POL_LOG("Invalid site list range %s in list %s", text, name);
-        return POL_CONFIG_BAD_KEY;
-    }
-    return apply_range(pol_ctx_p, oper, name, *range, pol_site_list_add_entry,
-                       pol_site_list_del_entry, val_p, num_values);
+    return read_range_entry({"Site", "site", pol_site_list_add_entry, pol_site_list_del_entry},
+                            pol_ctx_p, oper, num_keys, key_p, num_values, val_p);
 }
 
 int32_t pol_config_policy_vpn_list_name(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p,
@@ -223,18 +239,8 @@ int32_t pol_config_policy_vpn_list(t_vmgmtd_context *, t_pol_ctx *pol_ctx_p, mgm
                                    uint8_t num_keys, mgmtd_value_t *key_p, uint16_t num_values,
                                    mgmtd_tag_value_t *val_p)
 {
-    check_key_count(num_keys, 2);
-    const char *name = key_text(&key_p[0]);
-    const char *text = key_text(&key_p[1]);
-    POL_DBG(0, "VPN list config - Name:%s, id:%s, Oper:%u, num:%u", name, text,
-            static_cast<unsigned>(oper), static_cast<unsigned>(num_values));
-    const std::optional<id_range> range = parse_range(text);
-    if (!range) {
-        POL_LOG("Invalid vpn list range %s in list %s", text, name);
-        return POL_CONFIG_BAD_KEY;
-    }
-    return apply_range(pol_ctx_p, oper, name, *range, pol_vpn_list_add_entry,
-                       pol_vpn_list_del_entry, val_p, num_values);
+    return read_range_entry({"VPN", "vpn", pol_vpn_list_add_entry, pol_vpn_list_del_entry},
+                            pol_ctx_p, oper, num_keys, key_p, num_values, val_p);
 }
 
 /* ---- TLOC and colour lists ---- */
