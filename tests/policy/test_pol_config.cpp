@@ -284,7 +284,7 @@ TEST_F(ConfigTest, PolicyDefaultActionNotifiesOnlyWhenItChanges)
     EXPECT_EQ(calls, 3);
 }
 
-TEST_F(ConfigTest, ControlSequenceSetActions)
+TEST_F(ConfigTest, ControlSequenceSetActionsAndCommunities)
 {
     auto sequence = [&](mgmtd_iter_op op, unsigned seq, values &v, const char *name = "P") {
         return call(pol_config_control_policy_seq_read, op, v, name, seq);
@@ -340,34 +340,31 @@ TEST_F(ConfigTest, ControlSequenceSetActions)
 
     EXPECT_EQ(sequence(MOP_MODIFIED, 11, none_), 1);
     EXPECT_EQ(sequence(MOP_CREATED, 1, none_, "Q"), 1);
-    sequence(MOP_DELETED, 10, none_);
-    EXPECT_EQ(entry_of("P", 10), nullptr);
-}
 
-TEST_F(ConfigTest, SetCommunities)
-{
-    call(pol_config_control_policy_read, MOP_CREATED, none_, "P");
+    // Communities; one text that names none refuses the change and clears the set.
     values good, bad, off;
     good.texts(TAG_COMMUNITY, {"65000:1", "no-export"}).boolean(TAG_COMMUNITY_ADDITIVE, true);
     bad.texts(TAG_COMMUNITY, {"65000:2", "bogus"});
     off.boolean(TAG_COMMUNITY_ADDITIVE, false);
-    ASSERT_EQ(call(pol_config_control_policy_seq_read, MOP_CREATED, good, "P", 10u), 0);
-    t_pol_entry *e = entry_of("P", 10);
+    ASSERT_EQ(sequence(MOP_MODIFIED, 10, good), 0);
     ASSERT_NE(e->set_entry.set_community, nullptr);
     ASSERT_EQ(e->set_entry.set_community->n_communities, 2u);
     EXPECT_EQ(e->set_entry.set_community->communities[0], (65000u << 16) | 1);
     EXPECT_EQ(e->set_entry.set_community->communities[1], 0xFFFFFF01u);
-    EXPECT_EQ(e->entry_set_flags, POL_SET_FLAG_COMMUNITY | POL_SET_FLAG_COMMUNITY_ADDITIVE);
+    EXPECT_EQ(e->entry_set_flags & ~(POL_SET_FLAG_TAG | POL_SET_FLAG_VPN_ID | POL_SET_FLAG_VPN_LIST),
+              POL_SET_FLAG_COMMUNITY | POL_SET_FLAG_COMMUNITY_ADDITIVE);
 
-    EXPECT_EQ(call(pol_config_control_policy_seq_read, MOP_MODIFIED, bad, "P", 10u), 1);
+    EXPECT_EQ(sequence(MOP_MODIFIED, 10, bad), 1);
     EXPECT_EQ(e->set_entry.set_community, nullptr);
-    call(pol_config_control_policy_seq_read, MOP_MODIFIED, off, "P", 10u);
-    EXPECT_EQ(e->entry_set_flags, 0u);
+    sequence(MOP_MODIFIED, 10, off);
+    EXPECT_EQ(e->entry_set_flags & (POL_SET_FLAG_COMMUNITY | POL_SET_FLAG_COMMUNITY_ADDITIVE), 0u);
 
     LogCapture log;
     poltest::AllocFailure no_array(POL_MEM_SET_ENTRY_COMMUNITY);
-    EXPECT_EQ(call(pol_config_control_policy_seq_read, MOP_MODIFIED, good, "P", 10u), 2);
+    EXPECT_EQ(sequence(MOP_MODIFIED, 10, good), 2);
     EXPECT_TRUE(logged(log, "Failed to allocate memory for set community list"));
+    sequence(MOP_DELETED, 10, none_);
+    EXPECT_EQ(entry_of("P", 10), nullptr);
 }
 
 TEST_F(ConfigTest, MatchConditionsAndMatchDeleteByKind)
@@ -521,77 +518,67 @@ TEST_F(ConfigTest, ExhaustedMemoryIsReportedAndRedeliveryCompletesTheChange)
     route.enum_leaf(TAG_ACTION, 0).u32(TAG_OMP_TAG, 4).text(TAG_ROUTE_PFX_LIST, "PL");
     members.text(TAG_VPN_LIST, "V").u32(TAG_VPN, 3);
 
-    auto nothing = [] {};
     auto control_seq = [&] {
         call(pol_config_control_policy_read, MOP_CREATED, dflt, "P");
         call(pol_config_control_policy_seq_read, MOP_CREATED, none_, "P", 10u);
         match(MOP_CREATED, 10, 0, none_);
     };
-    using change = std::function<int32_t()>;
-    const change site = [&] { return call(pol_config_policy_site_list, MOP_CREATED, none_, "S", "1-9"); };
-    const change vpn = [&] { return call(pol_config_policy_vpn_list, MOP_CREATED, none_, "V", "7"); };
-    const change tloc = [&] { return run(pol_config_policy_tloc_list, MOP_CREATED, tloc_key, pref); };
-    const change color = [&] { return call(pol_config_policy_color_list, MOP_CREATED, none_, "C", 5); };
-    const change pfx = [&] { return run(pol_config_policy_prefix_list, MOP_CREATED, pfx_key, lengths); };
-    const change control = [&] { return call(pol_config_control_policy_read, MOP_CREATED, dflt, "P"); };
-    const change route_pol = [&] { return call(pol_config_route_policy_read, MOP_CREATED, dflt, "R"); };
-    const change member_pol = [&] { return call(pol_config_membership_policy_read, MOP_CREATED, dflt, "M"); };
-    const change control_seq_set = [&] { return call(pol_config_control_policy_seq_read, MOP_CREATED, seq, "P", 20u); };
-    const change control_match = [&] { return match(MOP_MODIFIED, 10, 0, conditions); };
-    const change community_match = [&] {
-        return call([](auto... a) { return pol_config_control_policy_match_community_list_read(a..., kStd); },
-                    MOP_CREATED, community, "P", 10u, 0);
-    };
-    const change route_seq = [&] { return call(pol_config_route_policy_seq_read, MOP_CREATED, route, "R", 1u); };
-    const change member_seq = [&] { return call(pol_config_membership_policy_seq_read, MOP_CREATED, members, "M", 1u); };
-    struct {
+    auto route_pol = [&] { return call(pol_config_route_policy_read, MOP_CREATED, dflt, "R"); };
+    auto member_pol = [&] { return call(pol_config_membership_policy_read, MOP_CREATED, dflt, "M"); };
+    const std::function<void()> nothing = [] {}, control = control_seq;
+    const struct {
         const char *reader;
         std::function<void()> before;
-        const change &deliver;
-        e_pol_mem row;
-    } const cases[] = {
-        {"site-list entry", nothing, site, POL_MEM_LIST_SITE},
-        {"site-list entry", nothing, site, POL_MEM_ENTRY_SITE},
-        {"vpn-list entry", nothing, vpn, POL_MEM_LIST_VPN},
-        {"vpn-list entry", nothing, vpn, POL_MEM_ENTRY_VPN},
-        {"tloc-list entry", nothing, tloc, POL_MEM_LIST_TLOC},
-        {"tloc-list entry", nothing, tloc, POL_MEM_ENTRY_TLOC},
-        {"colour-list entry", nothing, color, POL_MEM_LIST_COLOR},
-        {"colour-list entry", nothing, color, POL_MEM_ENTRY_COLOR},
-        {"prefix-list entry", nothing, pfx, POL_MEM_LIST_PREFIX},
-        {"prefix-list entry", nothing, pfx, POL_MEM_ENTRY_PREFIX},
-        {"control policy", nothing, control, POL_MEM_BLOCK},
-        {"route policy", nothing, route_pol, POL_MEM_BLOCK},
-        {"membership policy", nothing, member_pol, POL_MEM_BLOCK},
-        {"control sequence", control_seq, control_seq_set, POL_MEM_ENTRY},
-        {"control sequence", control_seq, control_seq_set, POL_MEM_LIST_VPN},
-        {"control sequence", control_seq, control_seq_set, POL_MEM_LIST_TLOC},
-        {"control sequence", control_seq, control_seq_set, POL_MEM_SET_COMMUNITY},
-        {"control match", control_seq, control_match, POL_MEM_LIST_SITE},
-        {"control match", control_seq, control_match, POL_MEM_LIST_VPN},
-        {"control match", control_seq, control_match, POL_MEM_LIST_TLOC},
-        {"control match", control_seq, control_match, POL_MEM_LIST_COLOR},
-        {"control match", control_seq, control_match, POL_MEM_LIST_PREFIX},
-        {"community-list match", control_seq, community_match, POL_MEM_LIST_COMMUNITY},
-        {"route sequence", [&] { route_pol(); }, route_seq, POL_MEM_ENTRY},
-        {"route sequence", [&] { route_pol(); }, route_seq, POL_MEM_LIST_PREFIX},
-        {"membership sequence", [&] { member_pol(); }, member_seq, POL_MEM_ENTRY},
-        {"membership sequence", [&] { member_pol(); }, member_seq, POL_MEM_LIST_VPN},
+        std::function<int32_t()> deliver;
+        std::vector<e_pol_mem> rows;
+    } cases[] = {
+        {"site-list entry", nothing, [&] { return call(pol_config_policy_site_list, MOP_CREATED, none_, "S", "1-9"); },
+         {POL_MEM_LIST_SITE, POL_MEM_ENTRY_SITE}},
+        {"vpn-list entry", nothing, [&] { return call(pol_config_policy_vpn_list, MOP_CREATED, none_, "V", "7"); },
+         {POL_MEM_LIST_VPN, POL_MEM_ENTRY_VPN}},
+        {"tloc-list entry", nothing, [&] { return run(pol_config_policy_tloc_list, MOP_CREATED, tloc_key, pref); },
+         {POL_MEM_LIST_TLOC, POL_MEM_ENTRY_TLOC}},
+        {"colour-list entry", nothing, [&] { return call(pol_config_policy_color_list, MOP_CREATED, none_, "C", 5); },
+         {POL_MEM_LIST_COLOR, POL_MEM_ENTRY_COLOR}},
+        {"prefix-list entry", nothing, [&] { return run(pol_config_policy_prefix_list, MOP_CREATED, pfx_key, lengths); },
+         {POL_MEM_LIST_PREFIX, POL_MEM_ENTRY_PREFIX}},
+        {"control policy", nothing, [&] { return call(pol_config_control_policy_read, MOP_CREATED, dflt, "P"); },
+         {POL_MEM_BLOCK}},
+        {"route policy", nothing, route_pol, {POL_MEM_BLOCK}},
+        {"membership policy", nothing, member_pol, {POL_MEM_BLOCK}},
+        {"control sequence", control, [&] { return call(pol_config_control_policy_seq_read, MOP_CREATED, seq, "P", 20u); },
+         {POL_MEM_ENTRY, POL_MEM_LIST_VPN, POL_MEM_LIST_TLOC, POL_MEM_SET_COMMUNITY}},
+        {"control match", control, [&] { return match(MOP_MODIFIED, 10, 0, conditions); },
+         {POL_MEM_LIST_SITE, POL_MEM_LIST_VPN, POL_MEM_LIST_TLOC, POL_MEM_LIST_COLOR, POL_MEM_LIST_PREFIX}},
+        {"community-list match", control,
+         [&] {
+             return call([](auto... a) { return pol_config_control_policy_match_community_list_read(a..., kStd); },
+                         MOP_CREATED, community, "P", 10u, 0);
+         },
+         {POL_MEM_LIST_COMMUNITY}},
+        {"route sequence", [&] { route_pol(); },
+         [&] { return call(pol_config_route_policy_seq_read, MOP_CREATED, route, "R", 1u); },
+         {POL_MEM_ENTRY, POL_MEM_LIST_PREFIX}},
+        {"membership sequence", [&] { member_pol(); },
+         [&] { return call(pol_config_membership_policy_seq_read, MOP_CREATED, members, "M", 1u); },
+         {POL_MEM_ENTRY, POL_MEM_LIST_VPN}},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.reader) + ", no memory for " + g_pol_mem_info[c.row].desc);
         fresh_context();
         c.before();
-        ASSERT_EQ(c.deliver(), 0);
+        ASSERT_EQ(c.deliver(), 0) << c.reader;
         const std::string whole = model();
-        fresh_context();
-        c.before();
-        {
-            poltest::AllocFailure fail(c.row);
-            EXPECT_EQ(c.deliver(), 2);
+        for (e_pol_mem row : c.rows) {
+            SCOPED_TRACE(std::string(c.reader) + ", no memory for " + g_pol_mem_info[row].desc);
+            fresh_context();
+            c.before();
+            {
+                poltest::AllocFailure fail(row);
+                EXPECT_EQ(c.deliver(), 2);
+            }
+            EXPECT_EQ(c.deliver(), 0);
+            EXPECT_EQ(model(), whole);
         }
-        EXPECT_EQ(c.deliver(), 0);
-        EXPECT_EQ(model(), whole);
     }
 }
 
@@ -625,10 +612,9 @@ TEST_F(ConfigTest, UsersAreNotifiedOncePerCallbackThatChangedSomething)
 
 TEST(ConfigFilterMask, OneBitPerOrdinal)
 {
-    EXPECT_EQ(pol_yang_enum_to_filter_mask(0), 0u);
-    EXPECT_EQ(pol_yang_enum_to_filter_mask(1), 2u);
-    EXPECT_EQ(pol_yang_enum_to_filter_mask(5), 32u);
-    EXPECT_EQ(pol_yang_enum_to_filter_mask(31), 2147483648u);
+    EXPECT_EQ(std::tuple(pol_yang_enum_to_filter_mask(0), pol_yang_enum_to_filter_mask(1),
+                         pol_yang_enum_to_filter_mask(5), pol_yang_enum_to_filter_mask(31)),
+              std::tuple(0u, 2u, 32u, 2147483648u));
     EXPECT_DEATH({ dup2(2, 1); pol_yang_enum_to_filter_mask(32); },
                  "failed assertion `enum_val < 32'");
 }
