@@ -184,39 +184,43 @@ TEST_F(FwdEntryTest, SequenceAndDefaultAction)
     EXPECT_EQ(pol_fwd_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 11, 2), ERR_NOT_FOUND);
 }
 
-// One match array: its leaf tag, element size, setter and what it holds.
+// One match array: its leaf tag, accounting row, element size, setter and
+// what it holds.
 struct ArrayRow {
     uint32_t tag;
+    e_pol_mem mem;
     std::size_t elem;
     std::function<e_err(t_pol_ctx *, void *, uint32_t, uint32_t)> upd;
     std::function<std::pair<const void *, uint32_t>(const t_pol_match_entry &)> held;
 };
 
-#define ARRAY_ROW(tag, T, setter, items, count)                                                        \
-    ArrayRow{tag, sizeof(T),                                                                           \
-             [](t_pol_ctx *c, void *a, uint32_t n, uint32_t t) {                                       \
-                 return setter(c, "D", POL_TYPE_DATA, "V", 10, static_cast<T *>(a), n, t);             \
-             },                                                                                        \
-             [](const t_pol_match_entry &m) { return std::pair<const void *, uint32_t>(m.items, m.count); }}
+#define ARRAY_ROW(tag, mem, T, setter, items, count)                                                        \
+    ArrayRow{tag, POL_MEM_ENTRY_MATCH_##mem, sizeof(T),                                                     \
+             [](t_pol_ctx *c, void *a, uint32_t n, uint32_t t) {                                            \
+                 return pol_fwd_entry_##setter(c, "D", POL_TYPE_DATA, "V", 10, static_cast<T *>(a), n, t); \
+             },                                                                                             \
+             [](const t_pol_match_entry &m) { return std::pair<const void *, uint32_t>(m.match_##items, m.count); }}
 
 TEST_F(FwdEntryTest, MatchArraysAdoptAndFree)
 {
     const ArrayRow rows[] = {
-        ARRAY_ROW(0x553788af, t_ipprefix, pol_fwd_entry_pfx_upd, match_src_ip_list, match_num_src_ip),
-        ARRAY_ROW(0x3ade449f, t_ipprefix, pol_fwd_entry_pfx_upd, match_src_ipv6_list, match_num_src_ipv6),
-        ARRAY_ROW(0x22688857, t_ipprefix, pol_fwd_entry_pfx_upd, match_dst_ip_list, match_num_dst_ip),
-        ARRAY_ROW(0x7277a1c1, t_ipprefix, pol_fwd_entry_pfx_upd, match_dst_ipv6_list, match_num_dst_ipv6),
-        ARRAY_ROW(0x0f472580, t_pol_range, pol_fwd_entry_range_config_upd, match_src_port_list, match_num_src_port),
-        ARRAY_ROW(0x6475b955, t_pol_range, pol_fwd_entry_range_config_upd, match_dst_port_list, match_num_dst_port),
-        ARRAY_ROW(0x5b2c4c8c, t_pol_range, pol_fwd_entry_range_config_upd, match_packet_len, match_num_packet_len),
-        ARRAY_ROW(0x3838f6e1, uint8_t, pol_fwd_entry_list_config_upd, match_proto_list, match_num_proto),
-        ARRAY_ROW(0x42a50984, uint8_t, pol_fwd_entry_list_config_upd, match_dscp_list, match_num_dscp),
-        ARRAY_ROW(0x2ab85e1b, uint32_t, pol_fwd_entry_icmp_list_config_upd, match_icmp_list, match_num_icmp),
-        ARRAY_ROW(0x0e190ee1, uint32_t, pol_fwd_entry_icmp_list_config_upd, match_icmp6_list, match_num_icmp6),
+        ARRAY_ROW(0x553788af, SRC_IP, t_ipprefix, pfx_upd, src_ip_list, match_num_src_ip),
+        ARRAY_ROW(0x3ade449f, SRC_IPV6, t_ipprefix, pfx_upd, src_ipv6_list, match_num_src_ipv6),
+        ARRAY_ROW(0x22688857, DST_IP, t_ipprefix, pfx_upd, dst_ip_list, match_num_dst_ip),
+        ARRAY_ROW(0x7277a1c1, DST_IPV6, t_ipprefix, pfx_upd, dst_ipv6_list, match_num_dst_ipv6),
+        ARRAY_ROW(0x0f472580, SRC_PORT, t_pol_range, range_config_upd, src_port_list, match_num_src_port),
+        ARRAY_ROW(0x6475b955, DST_PORT, t_pol_range, range_config_upd, dst_port_list, match_num_dst_port),
+        ARRAY_ROW(0x5b2c4c8c, PKT_LEN, t_pol_range, range_config_upd, packet_len, match_num_packet_len),
+        ARRAY_ROW(0x3838f6e1, PROTO, uint8_t, list_config_upd, proto_list, match_num_proto),
+        ARRAY_ROW(0x42a50984, DSCP, uint8_t, list_config_upd, dscp_list, match_num_dscp),
+        ARRAY_ROW(0x2ab85e1b, ICMP, uint32_t, icmp_list_config_upd, icmp_list, match_num_icmp),
+        ARRAY_ROW(0x0e190ee1, ICMP6, uint32_t, icmp_list_config_upd, icmp6_list, match_num_icmp6),
     };
+    EXPECT_EQ(pol_fwd_get_mem_type(0), POL_MEM_MAX);
     for (const ArrayRow &row : rows) {
         SCOPED_TRACE(row.tag);
-        const e_pol_mem mem = pol_fwd_get_mem_type(row.tag);
+        const e_pol_mem mem = row.mem;
+        EXPECT_TRUE(pol_fwd_get_mem_type(row.tag) == mem && pol_fwd_get_mem_type(row.tag ^ 1) == POL_MEM_MAX);
         const int64_t live = live_count(mem);
         using Held = std::pair<const void *, uint32_t>;
         notified();
