@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -68,15 +70,16 @@ std::string compact(const std::string &xml, bool sorted, int depth)
     return out;
 }
 
-std::string schema_round_trip(const std::string &doc, Place place)
+std::string schema_round_trip(const std::string &doc)
 {
     ly_ctx *ctx = edge_schema();
     if (ctx == nullptr) {
         return "schema: zen-policy-edge not loaded from " ZEN_EDGE_YANG_DIR;
     }
-    const bool lists = place == Place::lists;
     const std::size_t decl_end = doc.find("?>");
     const std::string body = decl_end == std::string::npos ? doc : doc.substr(decl_end + 2);
+    const std::string root = compact(body), element = root.substr(0, root.find_first_of("={"));
+    const bool lists = element == "app-probe-class" || element.ends_with("-list");
     const std::string wrapped = "<policy-from-qarmon xmlns=\"urn:zen:params:xml:ns:yang:zen-policy-edge\">" +
                                 std::string(lists ? "<lists>" : "") + body + (lists ? "</lists>" : "") +
                                 "</policy-from-qarmon>";
@@ -91,6 +94,21 @@ std::string schema_round_trip(const std::string &doc, Place place)
     std::free(printed);
     lyd_free_all(tree);
     return out;
+}
+
+std::string golden(const std::string &file, const std::string &key)
+{
+    std::ifstream in(std::string(POL_TEST_GOLDEN) + "/" + file);
+    std::stringstream text;
+    text << in.rdbuf();
+    const std::string all = "\n" + text.str(), header = "\n# " + key + "\n";
+    const std::size_t start = all.find(header);
+    if (start == std::string::npos) {
+        return "no section \"" + key + "\" in " + file;
+    }
+    const std::size_t body = start + header.size();
+    const std::size_t end = std::min(all.find("\n# ", body), all.size() - 1);
+    return all.substr(body, end - body);
 }
 
 }  // namespace poltest

@@ -13,14 +13,16 @@ namespace poltest {
 // sibling order carries no meaning.
 std::string compact(const std::string &xml, bool sorted = false, int depth = 0);
 
-// Where a document sits under /policy-from-qarmon: directly, under its
-// lists, or nowhere (text checks only).
-enum class Place { top, lists, text_only };
+// The document (with or without its XML declaration) put where it sits
+// under /policy-from-qarmon (under its lists when it is a list or an
+// app-probe class), parsed strictly by the schema, validated and printed
+// back: the printed element in sorted compact form, or the schema's
+// complaint.
+std::string schema_round_trip(const std::string &doc);
 
-// The document (with or without its XML declaration) put at its place,
-// parsed strictly by the schema, validated and printed back: the printed
-// element in sorted compact form, or the schema's complaint.
-std::string schema_round_trip(const std::string &doc, Place place);
+// The text of section key of a file under tests/golden: what follows the
+// line "# key" up to the blank line before the next such line.
+std::string golden(const std::string &file, const std::string &key);
 
 }  // namespace poltest
 
