@@ -3,8 +3,6 @@
 // library (libzenmaapi) and, for broken frames, through raw sockets.
 // Every test ends with the daemon reporting no open session, transaction
 // or lock, and the daemon stopping cleanly (exit status 0).
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -12,13 +10,11 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -30,12 +26,7 @@
 
 namespace {
 
-namespace fs = std::filesystem;
-using zen_test::cdb_conn;
-using zen_test::conn;
-using zen_test::daemon_process;
-using zen_test::endpoint;
-using zen_test::maapi_conn;
+using namespace zen_test;
 
 constexpr const char *kEdgeNs = "urn:zen:params:xml:ns:yang:zen-policy-edge";
 constexpr int kConfigFlags = 0x4401;  // the policy library's configuration load
@@ -44,8 +35,8 @@ constexpr int kShowFlags = 65;        // its show data load
 // A configuration document for the edge subtree, in the config envelope.
 std::string config_doc(const std::string &inner)
 {
-    return std::string("<config xmlns=\"") + MGMTD_CONFIG_NS + "\"><policy-from-qarmon xmlns=\"" + kEdgeNs +
-           "\">" + inner + "</policy-from-qarmon></config>";
+    return std::string("<config xmlns=\"") + MGMTD_CONFIG_NS + "\"><policy-from-qarmon xmlns=\"" + kEdgeNs + "\">" +
+           inner + "</policy-from-qarmon></config>";
 }
 
 // A show data document for the operational edge subtree.
@@ -61,8 +52,7 @@ std::string vpn_list(const std::string &name, int vpn)
 
 std::string data_policy(const std::string &name, const std::string &vpn_list_name)
 {
-    return "<data-policy><name>" + name + "</name><vpn-list><name>" + vpn_list_name +
-           "</name></vpn-list></data-policy>";
+    return "<data-policy><name>" + name + "</name><vpn-list><name>" + vpn_list_name + "</name></vpn-list></data-policy>";
 }
 
 int start_trans(const conn &c, mgmtd_dbname db = MGMTD_CANDIDATE)
@@ -121,14 +111,6 @@ protected:
         }
         EXPECT_EQ(still_open(), std::vector<long>(5, 0))
             << "other connections, user sessions, data sessions, transactions, locks";
-    }
-
-    mgmtd_status_t status()
-    {
-        conn c = maapi_conn(port(), false);
-        mgmtd_status_t st{};
-        EXPECT_EQ(mgmtd_get_status(c.fd, &st), MGMTD_OK) << mgmtd_lasterr();
-        return st;
     }
 
     // The calls of one publication: session, transaction, load, apply,
@@ -211,14 +193,9 @@ TEST_F(MgmtdDaemon, LoadFlagsAndPayloadsDecideWhatTheDatabaseHolds)
     const std::string vpn_b = config_doc(vpn_list("b", 1));
     constexpr mgmtd_dbname C = MGMTD_CANDIDATE, O = MGMTD_OPERATIONAL;
     constexpr int kUsage = MGMTD_ERR_PROTOUSAGE, kXml = MGMTD_ERR_XML;
-    struct row {
-        const char *what;
-        mgmtd_dbname db;
-        int flags;
-        std::string text;
-        int load_err, apply_err;
-        int count;  // of the VPN lists after the commit; -1: running stays as it was
-    } rows[] = {
+    // count: of the VPN lists after the commit; -1: running stays as it was
+    struct row { const char *what; mgmtd_dbname db; int flags; std::string text; int load_err, apply_err, count; };
+    const row rows[] = {
         {"config, replace, strict", C, kConfigFlags, config_doc(vpn_list("a", 1)), 0, 0, 1},
         {"show data merged", O, kShowFlags, show, 0, 0, 1},
         {"second show data merged", O, kShowFlags, show_doc("<lists><vpn-list><name>s2</name></vpn-list></lists>"),
@@ -230,11 +207,6 @@ TEST_F(MgmtdDaemon, LoadFlagsAndPayloadsDecideWhatTheDatabaseHolds)
         {"state data in configuration", C, MAAPI_CONFIG_XML, show, kXml, 0, -1},
         {"unknown element, strict", C, kConfigFlags, unknown, kXml, 0, -1},
         {"not XML", C, kConfigFlags, "<config xmlns=\"" + std::string(MGMTD_CONFIG_NS) + "\"><policy-from", kXml, 0,
-         -1},
-        {"unclosed element", C, kConfigFlags, config_doc("<lists><vpn-list><name>z</name>"), kXml, 0, -1},
-        {"value of the wrong type", C, kConfigFlags,
-         config_doc("<lists><vpn-list><name>z</name><vpn><id>many</id></vpn></vpn-list></lists>"), kXml, 0, -1},
-        {"missing list key", C, kConfigFlags, config_doc("<lists><vpn-list><vpn><id>1</id></vpn></vpn-list></lists>"), kXml, 0,
          -1},
         {"duplicate list entries", C, kConfigFlags,
          config_doc("<lists><vpn-list><name>z</name><vpn><id>1</id></vpn><vpn><id>1</id></vpn></vpn-list></lists>"), 0,
@@ -304,11 +276,7 @@ TEST_F(MgmtdDaemon, LockedDatabaseIsInUseForOtherSessionsUntilReleased)
 
 std::string be32(uint32_t v)
 {
-    std::string s;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        s.push_back(char((v >> shift) & 0xff));
-    }
-    return s;
+    return {char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
 }
 
 // A frame header with request id 7.
@@ -323,11 +291,7 @@ std::string header(uint16_t op, uint32_t length, uint32_t magic = MGMTD_WIRE_MAG
 TEST_F(MgmtdDaemon, BrokenFramesCloseTheirConnectionOnly)
 {
     const std::string hello = be32(MGMTD_CONN_MAAPI) + be32(1) + "t";
-    struct row {
-        const char *what;
-        std::string bytes;
-        bool proto_answer;
-    } rows[] = {
+    struct row { const char *what; std::string bytes; bool proto_answer; } const rows[] = {
         {"bad magic", header(MGMTD_OP_HELLO, 0, 0x12345678), true},
         {"other version", header(MGMTD_OP_HELLO, 0, MGMTD_WIRE_MAGIC, 9), true},
         {"frame too large", header(MGMTD_OP_HELLO, MGMTD_WIRE_MAX_PAYLOAD + 1), true},
@@ -422,8 +386,10 @@ TEST_F(MgmtdDaemon, RunningConfigurationPersistsAcrossRestarts)
     EXPECT_EQ(broken.stop(0), 1);
 }
 
-// The reads of the policy library's start-up and of its show-data
-// clean-up, and the schema look-ups of its compatibility filter.
+// The reads of the policy library's start-up and the schema look-ups of its
+// compatibility filter. (Its show-data clean-up, counting and deleting on
+// the operational database, is run against the daemon by the publishing
+// tests of the library.)
 TEST_F(MgmtdDaemon, DataSessionsReadAndSchemaLookupsAnswer)
 {
     ASSERT_EQ(publish(config_doc(data_policy("dp1", "vl1") + data_policy(std::string(40, 'n'), "vl2") +
@@ -452,24 +418,7 @@ TEST_F(MgmtdDaemon, DataSessionsReadAndSchemaLookupsAnswer)
     EXPECT_EQ(err(cdb_delete(c.fd, "/policy-from-qarmon")), MGMTD_ERR_NOT_WRITABLE) << "running is read-only here";
     EXPECT_EQ(cdb_end_session(c.fd), MGMTD_OK);
 
-    // Show-data clean-up: count, then delete what is there.
-    ASSERT_EQ(publish(show_doc(data_policy("dp1", "vl1") + vpn_list("vl1", 1)), kShowFlags,
-                      MGMTD_OPERATIONAL),
-              0);
-    conn o = cdb_conn(port(), MGMTD_OPERATIONAL);
-    for (const char *path : {"/policy/from-qarmon/data-policy", "/policy/from-qarmon/lists/vpn-list"}) {
-        ASSERT_EQ(cdb_num_instances(o.fd, "%s", path), 1) << path;
-        EXPECT_EQ(cdb_delete(o.fd, "%s", path), MGMTD_OK) << mgmtd_lasterr();
-        EXPECT_EQ(cdb_num_instances(o.fd, "%s", path), 0) << path;
-        EXPECT_EQ(err(cdb_delete(o.fd, "%s", path)), MGMTD_ERR_NOEXISTS);
-    }
-    EXPECT_EQ(cdb_end_session(o.fd), MGMTD_OK);
-
-    struct lookup {
-        const char *path;
-        int kind;  // 0: unknown
-        int config;
-    } lookups[] = {
+    struct lookup { const char *path; int kind /* 0: unknown */, config; } const lookups[] = {
         {"/zentrak-policy:policy-from-qarmon/zentrak-policy:data-policy/zentrak-policy:name", MGMTD_CS_LEAF, 1},
         {"/policy-from-qarmon/lists/vpn-list", MGMTD_CS_LIST, 1},
         {"/policy/from-qarmon/lists/app-list/app", MGMTD_CS_LEAF_LIST, 0},
@@ -549,7 +498,9 @@ TEST_F(MgmtdDaemon, ConcurrentClientsLoseAndDuplicateNoCommit)
         t.join();
     }
     EXPECT_EQ(failures, std::vector<int>(kClients, 0));
-    EXPECT_EQ(status().commits, long(kClients) * kTransactions);
+    mgmtd_status_t st{};
+    EXPECT_EQ(mgmtd_get_status(maapi_conn(port(), false).fd, &st), MGMTD_OK) << mgmtd_lasterr();
+    EXPECT_EQ(st.commits, long(kClients) * kTransactions);
     EXPECT_EQ(count("/policy-from-qarmon/sla-class"), kClients);
 }
 

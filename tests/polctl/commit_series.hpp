@@ -45,10 +45,6 @@ struct step_report {
 std::vector<step_report> check_series(const std::vector<std::string> &files,
                                       const std::vector<user_spec> &users);
 
-// The route sample the comparison runs, one polctl routes-file line each
-// (without the leading "route USER").
-const std::vector<std::string> &sample_route_texts();
-
 }  // namespace commit_series
 
 #endif  // COMMIT_SERIES_HPP
