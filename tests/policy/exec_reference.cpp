@@ -289,9 +289,7 @@ bool sequence_matches(const t_pol_entry &seq, const route &r, stats *st)
             continue;
         }
         bool holds = row.holds(m, r, r.attr());
-        if (st != nullptr) {
-            (holds ? st->held : st->failed)[kind]++;
-        }
+        (holds ? st->held : st->failed)[kind]++;
         if (!holds) {
             return false;
         }
@@ -306,27 +304,14 @@ bool sequence_matches(const t_pol_entry &seq, const route &r, stats *st)
 bool action_applies(uint64_t seq_bit, uint8_t safi, e_pol_dir dir)
 {
     switch (seq_bit) {
-    case 0x1:   // tag
-    case 0x4:   // preference
+    case 0x1: case 0x4:  // tag, preference
         return safi == 1 || safi == 2;
-    case 0x2:   // TLOC
-    case 0x20:  // TLOC list
-    case 0x40:  // service
+    case 0x2: case 0x20: case 0x40:  // TLOC, TLOC list, service
         return safi == 1 && dir == POL_DIR_OUT;
-    case 0x8:   // VPN id
-    case 0x10:  // VPN list
+    case 0x8: case 0x10:  // VPN id, VPN list
         return safi == 1 && dir == POL_DIR_IN;
-    case 0x200000000ULL:  // community (the rule of both community actions)
-        return safi == 1;
-    default:
-        return false;
-    }
-}
-
-void bump(stats *st, uint64_t stats::*counter)
-{
-    if (st != nullptr) {
-        (st->*counter)++;
+    default:  // community, the rule of both community actions
+        return seq_bit == 0x200000000ULL && safi == 1;
     }
 }
 
@@ -343,9 +328,7 @@ struct setter {
     void done(uint64_t bit, int kind) const
     {
         p->entry_set_flags |= bit;
-        if (st != nullptr) {
-            st->applied[kind]++;
-        }
+        st->applied[kind]++;
     }
 
     void label(const t_tloc_id &tloc, uint64_t vpn, uint16_t service, uint32_t preference) const
@@ -364,10 +347,10 @@ struct setter {
         te->ultimate_tloc_action = set.set_ultimate_action;
         if (set.set_ultimate_action != 0 && set.set_ultimate_action != 1) {
             te->entries[te->num_entries++] = t_pol_te{p->in_label, p->attr_out.preference, p->attr_out.tloc};
-            bump(st, &stats::ultimate_fallback);
+            st->ultimate_fallback++;
         } else if (te->num_entries == 0) {
             *action = POL_ACTION_REJECT;
-            bump(st, &stats::unresolved_tloc);
+            st->unresolved_tloc++;
         }
     }
 
@@ -389,9 +372,21 @@ struct setter {
         if (list.num_vpn_entries < POL_MAX_VPN) {
             list.vpn_list_p[list.num_vpn_entries++] = t_pol_exec_vpn_entry{lo, hi};
         } else {
-            bump(st, &stats::vpn_truncated);
+            st->vpn_truncated++;
         }
         return false;
+    }
+
+    // A single TLOC, the set one or the service's, through the callback
+    // when there is one.
+    void resolve(uint64_t bit, int kind, const t_tloc_id &tloc, uint64_t vpn, uint16_t service) const
+    {
+        p->te_info_p->num_entries = 0;
+        if (user->pol_label_cb != nullptr) {
+            label(tloc, vpn, service, 0);
+        }
+        ultimate_step();
+        done(bit, kind);
     }
 
     void run() const
@@ -409,12 +404,7 @@ struct setter {
             done(0x4, SET_PREFERENCE);
         }
         if (wants(0x2)) {
-            te->num_entries = 0;
-            if (user->pol_label_cb != nullptr) {
-                label(set.set_tloc, p->u.vroute_info.vpn_id, 0, 0);
-            }
-            ultimate_step();
-            done(0x2, SET_TLOC);
+            resolve(0x2, SET_TLOC, set.set_tloc, p->u.vroute_info.vpn_id, 0);
         }
         if (wants(0x8) && vpn_buffer()) {
             export_vpns(set.export_vpn_id, set.export_vpn_id);
@@ -438,12 +428,7 @@ struct setter {
                 done(0x20, SET_TLOC_LIST);
             }
         } else if (wants(0x40)) {
-            te->num_entries = 0;
-            if (user->pol_label_cb != nullptr) {
-                label(set.set_svc_tloc, vpn, set.set_service, 0);
-            }
-            ultimate_step();
-            done(0x40, SET_SERVICE);
+            resolve(0x40, SET_SERVICE, set.set_svc_tloc, vpn, set.set_service);
         }
         uint64_t community = flags & 0x400000000ULL ? 0x400000000ULL : flags & 0x200000000ULL;  // additive wins
         if (community != 0 && action_applies(0x200000000ULL, p->safi, user->pol_direction)) {
@@ -479,6 +464,8 @@ const char *set_name(int kind)
 
 e_pol_action execute(t_pol_user *user, t_pol_exec_params *params, stats *st)
 {
+    static thread_local stats unread;  // the counts of a caller that wants none
+    st = st != nullptr ? st : &unread;
     e_pol_action action = POL_ACTION_REJECT;
     t_pol_block *block = nullptr;
     if (user != nullptr && params != nullptr && params->attr_in_p != nullptr) {
@@ -499,13 +486,10 @@ e_pol_action execute(t_pol_user *user, t_pol_exec_params *params, stats *st)
             params->entry_match_flags = 0;
             return sequence_matches(*seq, route{params}, st);
         });
-        if (first == sequences.end()) {
-            bump(st, &stats::by_default);
-        }
+        st->by_default += first == sequences.end() ? 1 : 0;
         action = decide(user, first != sequences.end() ? **first : block->default_action_entry, params, st);
     }
-    bump(st, action == POL_ACTION_ACCEPT ? &stats::accepted
-             : action == POL_ACTION_REJECT ? &stats::rejected : &stats::invalid);
+    (action == POL_ACTION_ACCEPT ? st->accepted : action == POL_ACTION_REJECT ? st->rejected : st->invalid)++;
     return action;
 }
 
