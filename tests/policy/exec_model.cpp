@@ -39,16 +39,6 @@ t_ipaddr v6(uint32_t w2, uint32_t w3, uint8_t last)
     return a;
 }
 
-unsigned width_of(const t_ipaddr &a)
-{
-    return a.addr_type == IP_ADDR_V4 ? 32 : 128;
-}
-
-void clear_bit(t_ipaddr &a, unsigned i)
-{
-    a.u.addr6_b[i / 8] = static_cast<uint8_t>(a.u.addr6_b[i / 8] & ~(0x80u >> (i % 8)));
-}
-
 uint32_t random_community(chooser &c)
 {
     static const uint32_t kWellKnown[] = {0x00000000u, 0xFFFFFF01u, 0xFFFFFF02u, 0xFFFFFF03u};
@@ -75,26 +65,30 @@ t_pfx_entry_param random_pfx_entry(chooser &c, bool ipv6)
     return e;
 }
 
+// One list change: an addition (also for REWRITE), the deletion of an
+// entry, or the drop of the whole list.
+template <typename Add, typename Delete, typename Drop>
+void apply(list_op op, Add add, Delete del, Drop drop)
+{
+    if (op == ADD || op == REWRITE) {
+        add();
+    } else if (op == DELETE_ENTRY) {
+        del();
+    } else {
+        drop();
+    }
+}
+
 // Returns one end of the range, the id a route is steered onto.
 uint32_t change_range_list(t_pol_ctx *ctx, chooser &c, bool site, list_op op, const char *name)
 {
     uint32_t lo = static_cast<uint32_t>(random_id(c));
     uint32_t hi = c.percent(15) ? lo - std::min<uint32_t>(lo, c.below(4) + 1)  // reversed
                                 : (lo == 0xFFFFFFFFu ? lo : lo + c.below(5));
-    uint32_t id = c.percent(50) ? lo : hi;
-    switch (op) {
-    case ADD:
-    case REWRITE:
-        (site ? pol_site_list_add_entry : pol_vpn_list_add_entry)(ctx, name, lo, hi);
-        break;
-    case DELETE_ENTRY:
-        (site ? pol_site_list_del_entry : pol_vpn_list_del_entry)(ctx, name, lo, hi);
-        break;
-    case DROP_LIST:
-        (site ? pol_site_list_cfg_del : pol_vpn_list_cfg_del)(ctx, name);
-        break;
-    }
-    return id;
+    apply(op, [&] { (site ? pol_site_list_add_entry : pol_vpn_list_add_entry)(ctx, name, lo, hi); },
+          [&] { (site ? pol_site_list_del_entry : pol_vpn_list_del_entry)(ctx, name, lo, hi); },
+          [&] { (site ? pol_site_list_cfg_del : pol_vpn_list_cfg_del)(ctx, name); });
+    return c.percent(50) ? lo : hi;
 }
 
 // Returns the prefix of the entry concerned.
@@ -104,18 +98,8 @@ t_ipprefix change_pfx_list(t_pol_ctx *ctx, chooser &c, list_op op, const char *n
     t_pfx_entry *e = pfx_entry_at(ctx, key, c.below(c.spread.pfx_entries + 2));
     t_pfx_entry_param p = random_pfx_entry(c, key.pfx_key_af == POL_AF_IPV6);
     p.prefix = e != nullptr && op != ADD ? e->prefix : p.prefix;  // a delete reads the prefix only
-    switch (op) {
-    case ADD:
-    case REWRITE:
-        pol_pfx_list_entry_add(ctx, &key, &p);
-        break;
-    case DELETE_ENTRY:
-        pol_pfx_list_del_entry(ctx, &key, &p);
-        break;
-    case DROP_LIST:
-        pol_pfx_list_cfg_del(ctx, &key);
-        break;
-    }
+    apply(op, [&] { pol_pfx_list_entry_add(ctx, &key, &p); }, [&] { pol_pfx_list_del_entry(ctx, &key, &p); },
+          [&] { pol_pfx_list_cfg_del(ctx, &key); });
     return p.prefix;
 }
 
@@ -126,18 +110,9 @@ uint32_t change_community_list(t_pol_ctx *ctx, chooser &c, bool expanded, list_o
     community_list_type type = expanded ? COMM_LIST_TYPE_EXPANDED : COMM_LIST_TYPE_STANDARD;
     uint32_t value = random_community(c);
     std::string text = expanded ? c.pick(kPatterns) : std::to_string(value >> 16) + ":" + std::to_string(value & 0xFFFF);
-    switch (op) {
-    case ADD:
-    case REWRITE:
-        pol_community_list_add_entry(ctx, name, text.c_str(), type);
-        break;
-    case DELETE_ENTRY:
-        pol_community_list_del_entry(ctx, name, text.c_str(), type);
-        break;
-    case DROP_LIST:
-        pol_community_list_cfg_del(ctx, name, type);
-        break;
-    }
+    apply(op, [&] { pol_community_list_add_entry(ctx, name, text.c_str(), type); },
+          [&] { pol_community_list_del_entry(ctx, name, text.c_str(), type); },
+          [&] { pol_community_list_cfg_del(ctx, name, type); });
     return value;
 }
 
@@ -161,15 +136,10 @@ void add_set_community(chooser &c, t_pol_entry *e)
     e->entry_set_flags |= how != 0 ? POL_SET_FLAG_COMMUNITY_ADDITIVE : 0;
 }
 
-void delete_set_community(t_pol_ctx *, t_pol_entry *e, uint8_t *)
-{
-    pol_config_set_bgp_community_upd(e, nullptr, 0);
-    e->entry_set_flags &= ~POL_SET_FLAG_COMMUNITY_ADDITIVE;
-}
-
-// An adder: statements on the context x, the chooser c, the sequence e and
-// the changed flag ch.
+// An adder (a remover): statements on the context x, the chooser c, the
+// sequence e and the changed flag ch.
 #define WITH(...) [](t_pol_ctx *x, chooser &c, t_pol_entry *e, uint8_t *ch) { __VA_ARGS__; }
+#define WITHOUT(...) [](t_pol_ctx *x, t_pol_entry *e, uint8_t *ch) { __VA_ARGS__; }
 using add_f = void (*)(t_pol_ctx *, chooser &, t_pol_entry *, uint8_t *);
 using del_f = void (*)(t_pol_ctx *, t_pol_entry *, uint8_t *);
 
@@ -186,13 +156,9 @@ const std::pair<add_f, del_f> kSequenceOps[] = {
     {WITH(pol_entry_match_site_add(x, e, uint32_t(random_id(c)), ch)), pol_entry_match_site_delete},
     {WITH(pol_entry_match_site_list_add(x, e, c.pick(kListNames), ch)), pol_entry_match_site_list_delete},
     {WITH(pol_entry_match_community_list_add(x, e, c.pick(kListNames), COMM_LIST_TYPE_STANDARD, ch)),
-     [](t_pol_ctx *x, t_pol_entry *e, uint8_t *ch) {
-         pol_entry_match_community_list_delete(x, e, COMM_LIST_TYPE_STANDARD, ch);
-     }},
+     WITHOUT(pol_entry_match_community_list_delete(x, e, COMM_LIST_TYPE_STANDARD, ch))},
     {WITH(pol_entry_match_community_list_add(x, e, c.pick(kListNames), COMM_LIST_TYPE_EXPANDED, ch)),
-     [](t_pol_ctx *x, t_pol_entry *e, uint8_t *ch) {
-         pol_entry_match_community_list_delete(x, e, COMM_LIST_TYPE_EXPANDED, ch);
-     }},
+     WITHOUT(pol_entry_match_community_list_delete(x, e, COMM_LIST_TYPE_EXPANDED, ch))},
     // A TLOC route's locator overlays the prefix: never on a TLOC sequence.
     {WITH(t_pfx_list_key k = {c.percent(40) ? POL_AF_IPV6 : POL_AF_IPV4, c.pick(kListNames)};
           if (e->match_entry.match_type != POL_MATCH_TLOC) { pol_entry_match_pfx_list_add(x, e, &k, ch); }),
@@ -220,9 +186,12 @@ const std::pair<add_f, del_f> kSequenceOps[] = {
     {WITH(t_tloc_id t = random_tloc(c); uint16_t service = uint16_t(c.below(6));
           pol_entry_set_service_add(x, e, service, &t, c.below(2) * c.below(40), ch)),
      pol_entry_set_service_delete},
-    {WITH((void)x; (void)ch; add_set_community(c, e)), delete_set_community},
+    {WITH((void)x; (void)ch; add_set_community(c, e)),
+     WITHOUT((void)x; (void)ch; pol_config_set_bgp_community_upd(e, nullptr, 0);
+             e->entry_set_flags &= ~POL_SET_FLAG_COMMUNITY_ADDITIVE)},
 };
 #undef WITH
+#undef WITHOUT
 static_assert(std::size(kSequenceOps) == kKinds);
 
 }  // namespace
@@ -259,13 +228,24 @@ t_ipprefix random_prefix(chooser &c, bool ipv6, bool route)
     p.prefixlen = c.percent(3) ? static_cast<uint8_t>(width_of(p.addr) + 1 + c.below(8))  // a host route
                                : (ipv6 ? c.pick(kLens6) : c.pick(kLens4));
     for (unsigned i = p.prefixlen, mask = c.percent(route ? 50 : 80); mask && i < width_of(p.addr); i++) {
-        clear_bit(p.addr, i);
+        set_bit(p.addr, i, false);
     }
     if (!ipv6 && c.percent(10)) {  // an IPv4 address is its first four bytes; the rest must not count
         p.addr.u.addr32_b[1] = static_cast<uint32_t>(c.bits());
         p.addr.u.addr32_b[3] = static_cast<uint32_t>(c.bits());
     }
     return p;
+}
+
+unsigned width_of(const t_ipaddr &a)
+{
+    return a.addr_type == IP_ADDR_V4 ? 32 : 128;
+}
+
+void set_bit(t_ipaddr &a, unsigned i, bool on)
+{
+    uint8_t bit = static_cast<uint8_t>(0x80u >> (i % 8));
+    a.u.addr6_b[i / 8] = static_cast<uint8_t>(on ? a.u.addr6_b[i / 8] | bit : a.u.addr6_b[i / 8] & ~bit);
 }
 
 t_pfx_entry *pfx_entry_at(t_pol_ctx *ctx, const t_pfx_list_key &key, uint32_t n)
@@ -282,39 +262,20 @@ touched change_list(t_pol_ctx *ctx, chooser &c, family fam, list_op op, const ch
 {
     touched t{};
     t.fam = fam;
-    switch (fam) {
-    case SITE:
-    case VPN:
+    if (fam == SITE || fam == VPN) {
         t.id = change_range_list(ctx, c, fam == SITE, op, name);
-        break;
-    case TLOC:
+    } else if (fam == TLOC) {
         t.tloc = random_tloc(c);
-        if (op == ADD || op == REWRITE) {
-            pol_tloc_list_add_entry(ctx, name, &t.tloc, c.below(1000));
-        } else if (op == DELETE_ENTRY) {
-            pol_tloc_list_del_entry(ctx, name, &t.tloc);
-        } else {
-            pol_tloc_list_cfg_del(ctx, name);
-        }
-        break;
-    case COLOR:
+        apply(op, [&] { pol_tloc_list_add_entry(ctx, name, &t.tloc, c.below(1000)); },
+              [&] { pol_tloc_list_del_entry(ctx, name, &t.tloc); }, [&] { pol_tloc_list_cfg_del(ctx, name); });
+    } else if (fam == COLOR) {
         t.color = (c.percent(10) ? 65536u : 0) + c.below(6);  // the low 16 bits count
-        if (op == ADD || op == REWRITE) {
-            pol_color_list_add_entry(ctx, name, t.color);
-        } else if (op == DELETE_ENTRY) {
-            pol_color_list_del_entry(ctx, name, t.color);
-        } else {
-            pol_color_list_cfg_del(ctx, name);
-        }
-        break;
-    case PFX:
+        apply(op, [&] { pol_color_list_add_entry(ctx, name, t.color); },
+              [&] { pol_color_list_del_entry(ctx, name, t.color); }, [&] { pol_color_list_cfg_del(ctx, name); });
+    } else if (fam == PFX) {
         t.prefix = change_pfx_list(ctx, c, op, name);
-        break;
-    case COMMUNITY:
-    case EXP_COMMUNITY:
-    case FAMILIES:
+    } else {
         t.community = change_community_list(ctx, c, fam != COMMUNITY, op, name);
-        break;
     }
     return t;
 }

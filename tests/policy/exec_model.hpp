@@ -37,10 +37,7 @@ public:
 
     bool percent(uint32_t p) { return below(100) < p; }
     template <typename T, std::size_t N>
-    T pick(const T (&options)[N])
-    {
-        return options[below(N)];
-    }
+    T pick(const T (&options)[N]) { return options[below(N)]; }
 };
 
 // Every family uses the same few names, so that conditions and actions
@@ -68,6 +65,11 @@ touched change_list(t_pol_ctx *ctx, chooser &c, family fam, list_op op, const ch
 
 // The n-th entry of a prefix list, or null.
 t_pfx_entry *pfx_entry_at(t_pol_ctx *ctx, const t_pfx_list_key &key, uint32_t n);
+
+// An address's width in bits (32 or 128), and bit i of it (0 the most
+// significant) set or cleared.
+unsigned width_of(const t_ipaddr &a);
+void set_bit(t_ipaddr &a, unsigned i, bool on);
 
 // Condition kinds are execref::condition_kind; set kinds follow from
 // kSetsFrom, in execref::set_kind order without the additive community

@@ -5,7 +5,6 @@
 #include "exec_reference.hpp"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -22,17 +21,21 @@ bool has(const t_zen_attr &attr, uint64_t bit)
     return (attr.attr_flags & bit) != 0;
 }
 
+bool within(uint64_t lo, uint64_t value, uint64_t hi)
+{
+    return lo <= value && value <= hi;
+}
+
+unsigned width_of(e_ipaddr_type type)
+{
+    return type == IP_ADDR_V4 ? 32 : (type == IP_ADDR_V6 ? 128 : 0);
+}
+
 // Address identity: same family, then the family's bytes (an IPv4 address
 // is its first four bytes only).
 bool same_addr(const t_ipaddr &a, const t_ipaddr &b)
 {
-    if (a.addr_type != b.addr_type) {
-        return false;
-    }
-    if (a.addr_type == IP_ADDR_V4) {
-        return std::memcmp(a.u.addr6_b, b.u.addr6_b, 4) == 0;
-    }
-    return std::memcmp(a.u.addr6_b, b.u.addr6_b, 16) == 0;
+    return a.addr_type == b.addr_type && std::memcmp(a.u.addr6_b, b.u.addr6_b, a.addr_type == IP_ADDR_V4 ? 4 : 16) == 0;
 }
 
 bool same_tloc(const t_tloc_id &a, const t_tloc_id &b)
@@ -43,25 +46,8 @@ bool same_tloc(const t_tloc_id &a, const t_tloc_id &b)
 // An all-zero address; an address of no known family counts as zero.
 bool addr_is_zero(const t_ipaddr &a)
 {
-    unsigned bytes = 0;
-    if (a.addr_type == IP_ADDR_V4) {
-        bytes = 4;
-    } else if (a.addr_type == IP_ADDR_V6) {
-        bytes = 16;
-    } else {
-        return true;
-    }
-    for (unsigned i = 0; i < bytes; i++) {
-        if (a.u.addr6_b[i] != 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
-unsigned width_of(e_ipaddr_type type)
-{
-    return type == IP_ADDR_V4 ? 32 : (type == IP_ADDR_V6 ? 128 : 0);
+    const uint8_t *bytes = a.u.addr6_b;
+    return std::all_of(bytes, bytes + width_of(a.addr_type) / 8, [](uint8_t b) { return b == 0; });
 }
 
 // Bit i (0 = most significant) of the address bytes.
@@ -75,12 +61,9 @@ int bit_at(const t_ipaddr &a, unsigned i)
 bool prefix_within(const t_ipprefix &inner, const t_ipprefix &outer)
 {
     unsigned width = width_of(outer.addr.addr_type);
-    if (width == 0 || inner.addr.addr_type != outer.addr.addr_type) {
-        return false;
-    }
-    unsigned inner_len = std::min<unsigned>(inner.prefixlen, width);
     unsigned outer_len = std::min<unsigned>(outer.prefixlen, width);
-    if (inner_len < outer_len) {
+    unsigned inner_len = std::min<unsigned>(inner.prefixlen, width);
+    if (width == 0 || inner.addr.addr_type != outer.addr.addr_type || inner_len < outer_len) {
         return false;
     }
     for (unsigned i = 0; i < outer_len; i++) {
@@ -91,41 +74,36 @@ bool prefix_within(const t_ipprefix &inner, const t_ipprefix &outer)
     return true;
 }
 
-uint32_t ipv4_word(const t_ipaddr &a)
-{
-    return a.addr_type == IP_ADDR_V4 ? a.u.addr4.s_addr : 0;
-}
-
-/* ---- community text ---- */
-
-std::string community_text(uint32_t value)
-{
-    switch (value) {
-    case 0x00000000u:
-        return "internet";
-    case 0xFFFFFF01u:
-        return "no-export";
-    case 0xFFFFFF02u:
-        return "no-advertise";
-    case 0xFFFFFF03u:
-        return "local-AS";
-    default:
-        return std::to_string(value >> 16) + ":" + std::to_string(value & 0xFFFFu);
-    }
-}
-
-// The route's communities, blank-separated. The callers keep routes far
-// below the 512-byte text the rendering is bounded by.
+// The route's communities as text, blank-separated, the well-known values
+// by name. The callers keep routes far below the 512-byte text the
+// rendering is bounded by.
 std::string communities_text(const t_bgp_community &comms)
 {
+    static const std::pair<uint32_t, const char *> kNamed[] = {
+        {0x00000000u, "internet"}, {0xFFFFFF01u, "no-export"},
+        {0xFFFFFF02u, "no-advertise"}, {0xFFFFFF03u, "local-AS"}};
     std::string text;
     for (uint32_t i = 0; i < comms.n_communities; i++) {
-        if (i > 0) {
-            text += ' ';
-        }
-        text += community_text(comms.communities[i]);
+        uint32_t v = comms.communities[i];
+        auto named = std::find_if(std::begin(kNamed), std::end(kNamed), [v](const auto &n) { return n.first == v; });
+        text += i > 0 ? " " : "";
+        text += named != std::end(kNamed) ? named->second : std::to_string(v >> 16) + ":" + std::to_string(v & 0xFFFFu);
     }
     return text;
+}
+
+// Whether an entry of a list, walked in queue order, satisfies pred. A
+// missing list has no entries; pred may also do something with each entry
+// and answer true to stop the walk.
+template <typename List, typename Head, typename Entry, typename Link, typename Pred>
+bool any_entry(const List *list, Head List::*head, Link Entry::*link, Pred pred)
+{
+    for (const Entry *e = list != nullptr ? (list->*head).tqh_first : nullptr; e != nullptr; e = (e->*link).tqe_next) {
+        if (pred(*e)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 /* ---- the route ---- */
@@ -160,8 +138,7 @@ bool tloc_known(const t_pol_match_entry &m, const route &r)
 // in or out, everything up to or from a bound, everything but its own
 // length. An empty window (lo > hi) admits nothing.
 struct length_window {
-    int lo;
-    int hi;
+    int lo, hi;
     bool except_own;
 };
 
@@ -171,38 +148,22 @@ length_window window_of(const t_pfx_entry &e)
     const int any = 255;  // no upper limit: the longest length a route can state
     switch (e.pfx_op) {
     case PFX_OP_NONE:
-    case PFX_OP_EQ:
-        return {own, own, false};
-    case PFX_OP_NE:
-        return {0, any, true};
-    case PFX_OP_RANGE:
-        return {min, max, false};
-    case PFX_OP_XRANGE:
-        return {min + 1, max - 1, false};
-    case PFX_OP_LE:
-        return {0, max, false};
-    case PFX_OP_LT:  // the lower bound field, by design
-        return {0, min - 1, false};
-    case PFX_OP_GE:
-        return {min, any, false};
-    case PFX_OP_GT:
-        return {min + 1, any, false};
-    default:
-        return {1, 0, false};
+    case PFX_OP_EQ: return {own, own, false};
+    case PFX_OP_NE: return {0, any, true};
+    case PFX_OP_RANGE: return {min, max, false};
+    case PFX_OP_XRANGE: return {min + 1, max - 1, false};
+    case PFX_OP_LE: return {0, max, false};
+    case PFX_OP_LT: return {0, min - 1, false};  // the lower bound field, by design
+    case PFX_OP_GE: return {min, any, false};
+    case PFX_OP_GT: return {min + 1, any, false};
+    default: return {1, 0, false};
     }
-}
-
-// An all-zero prefix of length 0 whose operator does not compare with the
-// entry's own length admits routes anywhere.
-bool matches_anywhere(const t_pfx_entry &e)
-{
-    bool reads_own = e.pfx_op == PFX_OP_NONE || e.pfx_op == PFX_OP_EQ || e.pfx_op == PFX_OP_NE;
-    return addr_is_zero(e.prefix.addr) && e.prefix.prefixlen == 0 && !reads_own;
 }
 
 // The route's length lies in the entry's window, and the route's first N
 // bits equal the entry's (N the entry's length, the route at least that
-// long), unless the entry admits routes anywhere.
+// long), unless the entry admits routes anywhere: an all-zero prefix of
+// length 0 whose operator does not compare with the entry's own length.
 bool pfx_entry_matches(const t_pfx_entry &e, const t_ipprefix &pfx)
 {
     const length_window w = window_of(e);
@@ -210,219 +171,109 @@ bool pfx_entry_matches(const t_pfx_entry &e, const t_ipprefix &pfx)
     if (len < w.lo || len > w.hi || (w.except_own && len == e.prefix.prefixlen)) {
         return false;
     }
-    return matches_anywhere(e) || prefix_within(pfx, e.prefix);
+    bool reads_own = e.pfx_op == PFX_OP_NONE || e.pfx_op == PFX_OP_EQ || e.pfx_op == PFX_OP_NE;
+    bool anywhere = addr_is_zero(e.prefix.addr) && e.prefix.prefixlen == 0 && !reads_own;
+    return anywhere || prefix_within(pfx, e.prefix);
 }
 
-bool pfx_list_holds(const t_pfx_list *list, const route &r)
+// A list of the other family than the route's holds nothing for it.
+bool pfx_list_holds(const t_pfx_list *list, const t_ipprefix &pfx)
 {
-    if (list == nullptr) {
-        return false;
-    }
-    const t_ipprefix &pfx = r.params->u.vroute_info.prefix;
     bool v4 = pfx.addr.addr_type == IP_ADDR_V4;
-    if ((v4 && list->pfx_af == POL_AF_IPV6) || (!v4 && list->pfx_af == POL_AF_IPV4)) {
+    if (list == nullptr || list->pfx_af != (v4 ? POL_AF_IPV4 : POL_AF_IPV6)) {
         return false;
     }
-    for (const t_pfx_entry *e = TAILQ_FIRST(&list->pfx_entry_head); e != nullptr;
-         e = TAILQ_NEXT(e, pfx_entry)) {
-        if (pfx_entry_matches(*e, pfx)) {
-            return true;
-        }
-    }
-    return false;
+    return any_entry(list, &t_pfx_list::pfx_entry_head, &t_pfx_entry::pfx_entry,
+                     [&](const t_pfx_entry &e) { return pfx_entry_matches(e, pfx); });
 }
 
-bool community_list_holds(const t_community_list *list, const route &r)
+// A standard list holds a value among the route's communities; an
+// expanded one a pattern that finds the route's community text.
+bool community_list_holds(const t_community_list *list, const t_bgp_community *comms)
 {
-    const t_bgp_community *comms = r.attr().community_p;
     if (list == nullptr || comms == nullptr) {
         return false;
     }
+    const uint32_t *values = comms->communities, n = comms->n_communities;
     std::string text = communities_text(*comms);
-    for (const t_community_entry *e = TAILQ_FIRST(&list->community_entry_head); e != nullptr;
-         e = TAILQ_NEXT(e, community_entry)) {
-        if (list->type == COMM_LIST_TYPE_STANDARD) {
-            for (uint32_t i = 0; i < comms->n_communities; i++) {
-                if (comms->communities[i] == e->community) {
-                    return true;
-                }
-            }
-        } else if (regexec(&e->comppattern, text.c_str(), 0, nullptr, 0) == 0) {
-            return true;
-        }
-    }
-    return false;
+    return any_entry(list, &t_community_list::community_entry_head, &t_community_entry::community_entry,
+                     [&](const t_community_entry &e) {
+                         return list->type == COMM_LIST_TYPE_STANDARD
+                                    ? std::find(values, values + n, e.community) != values + n
+                                    : regexec(&e.comppattern, text.c_str(), 0, nullptr, 0) == 0;
+                     });
 }
 
-bool vpn_list_holds(const t_vpn_list *list, uint64_t vpn)
-{
-    if (list == nullptr) {
-        return false;
-    }
-    for (const t_pol_vpn_entry *e = TAILQ_FIRST(&list->vpn_entry_head); e != nullptr;
-         e = TAILQ_NEXT(e, vpn_entry)) {
-        if (e->min_vpn_id <= vpn && vpn <= e->max_vpn_id) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool site_list_holds(const t_site_list *list, uint32_t site)
-{
-    if (list == nullptr) {
-        return false;
-    }
-    for (const t_site_entry *e = TAILQ_FIRST(&list->site_entry_head); e != nullptr;
-         e = TAILQ_NEXT(e, site_entry)) {
-        if (e->min_site_id <= site && site <= e->max_site_id) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool tloc_list_holds(const t_tloc_list *list, const t_tloc_id &tloc)
-{
-    if (list == nullptr) {
-        return false;
-    }
-    for (const t_tloc_entry *e = TAILQ_FIRST(&list->tloc_entry_head); e != nullptr;
-         e = TAILQ_NEXT(e, tloc_entry)) {
-        if (same_tloc(e->tloc, tloc)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool color_list_holds(const t_color_list *list, uint8_t color)
-{
-    if (list == nullptr) {
-        return false;
-    }
-    for (const t_color_entry *e = TAILQ_FIRST(&list->color_entry_head); e != nullptr;
-         e = TAILQ_NEXT(e, color_entry)) {
-        if (e->color == color) {
-            return true;
-        }
-    }
-    return false;
-}
-
+// Protocol 4 pairs its subtypes: 3 also admits 5, and 4 also admits 6.
 bool origin_holds(const t_pol_match_entry &m, const t_zen_attr &attr)
 {
+    unsigned p = attr.origin.proto, s = attr.origin.proto_sub_type, want = m.match_origin_subtype;
     if (!has(attr, ZEN_ATTR_FLAG_ORIGIN)) {
         return false;
     }
-    unsigned p = attr.origin.proto;
-    unsigned s = attr.origin.proto_sub_type;
     if (p != 4) {
-        return p == m.match_origin_type && s == m.match_origin_subtype;
+        return p == m.match_origin_type && s == want;
     }
-    if (m.match_origin_subtype == 3) {
-        return s == 3 || s == 5;
-    }
-    if (m.match_origin_subtype == 4) {
-        return s == 4 || s == 6;
-    }
-    return s == m.match_origin_subtype;
+    return s == want || ((want == 3 || want == 4) && s == want + 2);
 }
 
-bool group_holds(const t_pol_match_entry &m, const t_zen_attr &attr)
-{
-    if (!has(attr, ZEN_ATTR_FLAG_GROUP) || attr.group_count == 0) {
-        return false;
-    }
-    for (unsigned i = 0; i < attr.group_count; i++) {
-        if (attr.group_list[i] == m.match_group) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool condition_holds(int kind, const t_pol_match_entry &m, const route &r)
-{
-    const t_zen_attr &a = r.attr();
-    switch (kind) {
-    case COND_TAG:
-        return has(a, ZEN_ATTR_FLAG_TAG) && a.tag == m.match_tag;
-    case COND_ORIGIN_METRIC:
-        return has(a, ZEN_ATTR_FLAG_ORIGIN_METRIC) && a.origin.proto_metric == m.match_origin_metric;
-    case COND_PREFERENCE:
-        return has(a, ZEN_ATTR_FLAG_PREFERENCE) && a.preference == m.match_preference;
-    case COND_DOMAIN:
-        return has(a, ZEN_ATTR_FLAG_DOMAIN_ID) && a.domain_id == m.match_domain;
-    case COND_GROUP:
-        return group_holds(m, a);
-    case COND_VPN_ID:
-        return r.has_vpn() && r.vpn() == m.match_vpn_id;
-    case COND_VPN_LIST:
-        return r.has_vpn() && vpn_list_holds(m.match_vpn_list_p, r.vpn());
-    case COND_TLOC:
-        return tloc_known(m, r) && same_tloc(route_tloc(m, r), m.match_tloc);
-    case COND_TLOC_LIST:
-        return tloc_list_holds(m.match_tloc_list_p, route_tloc(m, r));
-    case COND_SITE:
-        return has(a, ZEN_ATTR_FLAG_SITE_ID) && a.site_id == m.match_site_id;
-    case COND_SITE_LIST:
-        return site_list_holds(m.match_site_list_p, a.site_id);
-    case COND_COMMUNITY_LIST:
-        return community_list_holds(m.match_community_list_p, r);
-    case COND_EXP_COMMUNITY_LIST:
-        return community_list_holds(m.match_exp_community_list_p, r);
-    case COND_PFX_LIST:
-        return r.has_prefix() && pfx_list_holds(m.match_pfx_list_p, r);
-    case COND_ORIGIN:
-        return origin_holds(m, a);
-    case COND_ORIGINATOR:
-        return has(a, ZEN_ATTR_FLAG_ORIGINATOR) && m.match_originator.addr_type == IP_ADDR_V4 &&
-               a.originator == m.match_originator.u.addr4.s_addr;
-    case COND_CARRIER:
-        return has(a, ZEN_ATTR_FLAG_CARRIER) && a.carrier == m.match_carrier;
-    case COND_COLOR:
-        return tloc_known(m, r) && route_tloc(m, r).color == m.match_color;
-    case COND_COLOR_LIST:
-        return color_list_holds(m.match_color_list_p, route_tloc(m, r).color);
-    default:
-        return false;
-    }
-}
-
-// Sequence bit of each condition, in evaluation order, and whether a
-// holding condition records its bit in the execution.
+// One row a condition: its name, its sequence bit, whether a holding
+// condition records its bit in the execution, and what it means.
+using holds_f = bool (*)(const t_pol_match_entry &, const route &, const t_zen_attr &);
 struct condition_row {
+    const char *name;
     uint64_t bit;
     bool records;
+    holds_f holds;
 };
 
-const condition_row kRows[COND_COUNT] = {
-    {0x20, true},          // tag
-    {0x4000, true},        // origin metric
-    {0x40, true},          // preference
-    {0x80, true},          // domain
-    {0x2000, true},        // group
-    {0x100, true},         // VPN id
-    {0x200, false},        // VPN list
-    {0x8, true},           // TLOC
-    {0x4, false},          // TLOC list
-    {0x2, true},           // site
-    {0x1, false},          // site list
-    {0x40000000, false},   // standard community list
-    {0x80000000, false},   // expanded community list
-    {0x10, false},         // prefix list
-    {0x400, true},         // origin
-    {0x800, true},         // originator
-    {0x1000, true},        // carrier
-    {0x100000, true},      // colour
-    {0x200000, false},     // colour list
+#define HOLDS(...)                                                                                        \
+    []([[maybe_unused]] const t_pol_match_entry &m, [[maybe_unused]] const route &r,                      \
+       [[maybe_unused]] const t_zen_attr &a) -> bool { return __VA_ARGS__; }
+
+const condition_row kConditions[] = {
+    {"tag", 0x20, true, HOLDS(has(a, ZEN_ATTR_FLAG_TAG) && a.tag == m.match_tag)},
+    {"origin metric", 0x4000, true,
+     HOLDS(has(a, ZEN_ATTR_FLAG_ORIGIN_METRIC) && a.origin.proto_metric == m.match_origin_metric)},
+    {"preference", 0x40, true, HOLDS(has(a, ZEN_ATTR_FLAG_PREFERENCE) && a.preference == m.match_preference)},
+    {"domain", 0x80, true, HOLDS(has(a, ZEN_ATTR_FLAG_DOMAIN_ID) && a.domain_id == m.match_domain)},
+    {"group", 0x2000, true,
+     HOLDS(has(a, ZEN_ATTR_FLAG_GROUP) &&
+           std::find(a.group_list, a.group_list + a.group_count, m.match_group) != a.group_list + a.group_count)},
+    {"vpn id", 0x100, true, HOLDS(r.has_vpn() && r.vpn() == m.match_vpn_id)},
+    {"vpn list", 0x200, false,
+     HOLDS(r.has_vpn() &&
+           any_entry(m.match_vpn_list_p, &t_vpn_list::vpn_entry_head, &t_pol_vpn_entry::vpn_entry,
+                     [&](const t_pol_vpn_entry &e) { return within(e.min_vpn_id, r.vpn(), e.max_vpn_id); }))},
+    {"tloc", 0x8, true, HOLDS(tloc_known(m, r) && same_tloc(route_tloc(m, r), m.match_tloc))},
+    {"tloc list", 0x4, false,
+     HOLDS(any_entry(m.match_tloc_list_p, &t_tloc_list::tloc_entry_head, &t_tloc_entry::tloc_entry,
+                     [&](const t_tloc_entry &e) { return same_tloc(e.tloc, route_tloc(m, r)); }))},
+    {"site", 0x2, true, HOLDS(has(a, ZEN_ATTR_FLAG_SITE_ID) && a.site_id == m.match_site_id)},
+    {"site list", 0x1, false,
+     HOLDS(any_entry(m.match_site_list_p, &t_site_list::site_entry_head, &t_site_entry::site_entry,
+                     [&](const t_site_entry &e) { return within(e.min_site_id, a.site_id, e.max_site_id); }))},
+    {"community list", 0x40000000, false, HOLDS(community_list_holds(m.match_community_list_p, a.community_p))},
+    {"expanded community list", 0x80000000, false,
+     HOLDS(community_list_holds(m.match_exp_community_list_p, a.community_p))},
+    {"prefix list", 0x10, false,
+     HOLDS(r.has_prefix() && pfx_list_holds(m.match_pfx_list_p, r.params->u.vroute_info.prefix))},
+    {"origin", 0x400, true, HOLDS(origin_holds(m, a))},
+    {"originator", 0x800, true,
+     HOLDS(has(a, ZEN_ATTR_FLAG_ORIGINATOR) && m.match_originator.addr_type == IP_ADDR_V4 &&
+           a.originator == m.match_originator.u.addr4.s_addr)},
+    {"carrier", 0x1000, true, HOLDS(has(a, ZEN_ATTR_FLAG_CARRIER) && a.carrier == m.match_carrier)},
+    {"color", 0x100000, true, HOLDS(tloc_known(m, r) && route_tloc(m, r).color == m.match_color)},
+    {"color list", 0x200000, false,
+     HOLDS(any_entry(m.match_color_list_p, &t_color_list::color_entry_head, &t_color_entry::color_entry,
+                     [&](const t_color_entry &e) { return e.color == route_tloc(m, r).color; }))},
 };
+#undef HOLDS
+static_assert(std::size(kConditions) == COND_COUNT);
 
 bool kind_fits(const t_pol_match_entry &m, uint8_t safi)
 {
-    return (safi == 1 && m.match_type == POL_MATCH_VROUTE) ||
-           (safi == 2 && m.match_type == POL_MATCH_TLOC) ||
+    return (safi == 1 && m.match_type == POL_MATCH_VROUTE) || (safi == 2 && m.match_type == POL_MATCH_TLOC) ||
            (safi == 3 && m.match_type == POL_MATCH_SERVICE);
 }
 
@@ -433,19 +284,16 @@ bool sequence_matches(const t_pol_entry &seq, const route &r, stats *st)
         return false;
     }
     for (int kind = 0; kind < COND_COUNT; kind++) {
-        if ((seq.entry_match_flags & kRows[kind].bit) == 0) {
+        const condition_row &row = kConditions[kind];
+        if ((seq.entry_match_flags & row.bit) == 0) {
             continue;
         }
-        bool holds = condition_holds(kind, m, r);
-        if (st != nullptr) {
-            (holds ? st->held : st->failed)[kind]++;
-        }
+        bool holds = row.holds(m, r, r.attr());
+        (holds ? st->held : st->failed)[kind]++;
         if (!holds) {
             return false;
         }
-        if (kRows[kind].records) {
-            r.params->entry_match_flags |= kRows[kind].bit;
-        }
+        r.params->entry_match_flags |= row.records ? row.bit : 0;
     }
     return true;
 }
@@ -456,178 +304,145 @@ bool sequence_matches(const t_pol_entry &seq, const route &r, stats *st)
 bool action_applies(uint64_t seq_bit, uint8_t safi, e_pol_dir dir)
 {
     switch (seq_bit) {
-    case 0x1:   // tag
-    case 0x4:   // preference
+    case 0x1: case 0x4:  // tag, preference
         return safi == 1 || safi == 2;
-    case 0x2:   // TLOC
-    case 0x20:  // TLOC list
-    case 0x40:  // service
+    case 0x2: case 0x20: case 0x40:  // TLOC, TLOC list, service
         return safi == 1 && dir == POL_DIR_OUT;
-    case 0x8:   // VPN id
-    case 0x10:  // VPN list
+    case 0x8: case 0x10:  // VPN id, VPN list
         return safi == 1 && dir == POL_DIR_IN;
-    case 0x200000000ULL:  // community (the rule of both community actions)
-        return safi == 1;
-    default:
-        return false;
+    default:  // community, the rule of both community actions
+        return seq_bit == 0x200000000ULL && safi == 1;
     }
 }
 
 struct setter {
     t_pol_user *user;
-    const t_pol_entry &seq;
+    const t_pol_set_entry &set;
+    uint64_t flags;  // the sequence's set flags
     t_pol_exec_params *p;
     e_pol_action *action;
     stats *st;
 
-    const t_pol_set_entry &set() const { return seq.set_entry; }
+    bool wants(uint64_t bit) const { return (flags & bit) != 0 && action_applies(bit, p->safi, user->pol_direction); }
 
-    bool wants(uint64_t bit) const
+    void done(uint64_t bit, int kind) const
     {
-        return (seq.entry_set_flags & bit) != 0 && action_applies(bit, p->safi, user->pol_direction);
-    }
-
-    void count(int kind) const
-    {
-        if (st != nullptr) {
-            st->applied[kind]++;
-        }
+        p->entry_set_flags |= bit;
+        st->applied[kind]++;
     }
 
     void label(const t_tloc_id &tloc, uint64_t vpn, uint16_t service, uint32_t preference) const
     {
-        user->pol_label_cb(p->afi, ipv4_word(tloc.addr), tloc.color, tloc.encap, vpn, service,
-                           false, nullptr, nullptr, p->te_info_p, preference);
+        uint32_t addr = tloc.addr.addr_type == IP_ADDR_V4 ? tloc.addr.u.addr4.s_addr : 0;
+        user->pol_label_cb(p->afi, addr, tloc.color, tloc.encap, vpn, service, false, nullptr, nullptr, p->te_info_p,
+                           preference);
     }
 
+    // After the labels of a TLOC action: the route's own TLOC is appended
+    // unless the ultimate action is 0 or 1; with neither labels nor that
+    // fallback, the accept becomes a reject.
     void ultimate_step() const
     {
         t_pol_te_info *te = p->te_info_p;
-        te->ultimate_tloc_action = set().set_ultimate_action;
-        if (set().set_ultimate_action != 0 && set().set_ultimate_action != 1) {
-            t_pol_te &slot = te->entries[te->num_entries];
-            slot.label = p->in_label;
-            slot.preference = p->attr_out.preference;
-            slot.tloc = p->attr_out.tloc;
-            te->num_entries++;
-            if (st != nullptr) {
-                st->ultimate_fallback++;
-            }
+        te->ultimate_tloc_action = set.set_ultimate_action;
+        if (set.set_ultimate_action != 0 && set.set_ultimate_action != 1) {
+            te->entries[te->num_entries++] = t_pol_te{p->in_label, p->attr_out.preference, p->attr_out.tloc};
+            st->ultimate_fallback++;
         } else if (te->num_entries == 0) {
             *action = POL_ACTION_REJECT;
-            if (st != nullptr) {
-                st->unresolved_tloc++;
-            }
+            st->unresolved_tloc++;
         }
     }
 
-    void vpn_append(uint64_t lo, uint64_t hi) const
-    {
-        if (p->vpn_list.num_vpn_entries < POL_MAX_VPN) {
-            p->vpn_list.vpn_list_p[p->vpn_list.num_vpn_entries].min_vpn_id = lo;
-            p->vpn_list.vpn_list_p[p->vpn_list.num_vpn_entries].max_vpn_id = hi;
-            p->vpn_list.num_vpn_entries++;
-        } else if (st != nullptr) {
-            st->vpn_truncated++;
-        }
-    }
-
+    // The export buffer, calloc'ed on first use; false when there is none.
     bool vpn_buffer() const
     {
-        if (p->vpn_list.vpn_list_p == nullptr) {
-            p->vpn_list.vpn_list_p =
-                static_cast<t_pol_exec_vpn_entry *>(std::calloc(POL_MAX_VPN, sizeof(t_pol_exec_vpn_entry)));
+        t_pol_vpn_list &list = p->vpn_list;
+        if (list.vpn_list_p == nullptr) {
+            void *buffer = std::calloc(POL_MAX_VPN, sizeof(t_pol_exec_vpn_entry));
+            list.vpn_list_p = static_cast<t_pol_exec_vpn_entry *>(buffer);
         }
-        return p->vpn_list.vpn_list_p != nullptr;
+        return list.vpn_list_p != nullptr;
+    }
+
+    // A range appended to the export buffer while it has room.
+    bool export_vpns(uint64_t lo, uint64_t hi) const
+    {
+        t_pol_vpn_list &list = p->vpn_list;
+        if (list.num_vpn_entries < POL_MAX_VPN) {
+            list.vpn_list_p[list.num_vpn_entries++] = t_pol_exec_vpn_entry{lo, hi};
+        } else {
+            st->vpn_truncated++;
+        }
+        return false;
+    }
+
+    // A single TLOC, the set one or the service's, through the callback
+    // when there is one.
+    void resolve(uint64_t bit, int kind, const t_tloc_id &tloc, uint64_t vpn, uint16_t service) const
+    {
+        p->te_info_p->num_entries = 0;
+        if (user->pol_label_cb != nullptr) {
+            label(tloc, vpn, service, 0);
+        }
+        ultimate_step();
+        done(bit, kind);
     }
 
     void run() const
     {
+        t_zen_attr &out = p->attr_out;
+        t_pol_te_info *te = p->te_info_p;
         if (wants(0x1)) {
-            p->attr_out.tag = set().set_tag;
-            p->attr_out.attr_flags |= ZEN_ATTR_FLAG_TAG;
-            p->entry_set_flags |= 0x1;
-            count(SET_TAG);
+            out.tag = set.set_tag;
+            out.attr_flags |= ZEN_ATTR_FLAG_TAG;
+            done(0x1, SET_TAG);
         }
         if (wants(0x4)) {
-            p->attr_out.preference = set().set_preference;
-            p->attr_out.attr_flags |= ZEN_ATTR_FLAG_PREFERENCE;
-            p->entry_set_flags |= 0x4;
-            count(SET_PREFERENCE);
+            out.preference = set.set_preference;
+            out.attr_flags |= ZEN_ATTR_FLAG_PREFERENCE;
+            done(0x4, SET_PREFERENCE);
         }
         if (wants(0x2)) {
-            p->te_info_p->num_entries = 0;
-            if (user->pol_label_cb != nullptr) {
-                label(set().set_tloc, p->u.vroute_info.vpn_id, 0, 0);
-            }
-            ultimate_step();
-            p->entry_set_flags |= 0x2;
-            count(SET_TLOC);
+            resolve(0x2, SET_TLOC, set.set_tloc, p->u.vroute_info.vpn_id, 0);
         }
         if (wants(0x8) && vpn_buffer()) {
-            vpn_append(set().export_vpn_id, set().export_vpn_id);
-            p->entry_set_flags |= 0x8;
-            count(SET_VPN_ID);
+            export_vpns(set.export_vpn_id, set.export_vpn_id);
+            done(0x8, SET_VPN_ID);
         }
-        if (wants(0x10) && set().export_vpn_list_p != nullptr && vpn_buffer()) {
-            for (const t_pol_vpn_entry *e = TAILQ_FIRST(&set().export_vpn_list_p->vpn_entry_head);
-                 e != nullptr; e = TAILQ_NEXT(e, vpn_entry)) {
-                vpn_append(e->min_vpn_id, e->max_vpn_id);
-            }
-            p->entry_set_flags |= 0x8;
-            count(SET_VPN_LIST);
+        if (wants(0x10) && set.export_vpn_list_p != nullptr && vpn_buffer()) {  // records the VPN id bit
+            any_entry(set.export_vpn_list_p, &t_vpn_list::vpn_entry_head, &t_pol_vpn_entry::vpn_entry,
+                      [&](const t_pol_vpn_entry &e) { return export_vpns(e.min_vpn_id, e.max_vpn_id); });
+            done(0x8, SET_VPN_LIST);
         }
-        uint64_t vpn = set().set_svc_vpn_id != 0 ? set().set_svc_vpn_id : p->u.vroute_info.vpn_id;
-        if (wants(0x20)) {
-            if (set().tloc_list_p != nullptr && p->te_info_p != nullptr) {
-                p->te_info_p->num_entries = 0;
-                for (const t_tloc_entry *e = TAILQ_FIRST(&set().tloc_list_p->tloc_entry_head);
-                     e != nullptr && p->te_info_p->num_entries < POL_MAX_TE_ENTRIES;
-                     e = TAILQ_NEXT(e, tloc_entry)) {
-                    label(e->tloc, vpn, set().set_service, e->route_preference);
-                }
+        uint64_t vpn = set.set_svc_vpn_id != 0 ? set.set_svc_vpn_id : p->u.vroute_info.vpn_id;
+        if (wants(0x20)) {  // a TLOC list, when there is one, wins over the service
+            if (set.tloc_list_p != nullptr && te != nullptr) {
+                te->num_entries = 0;
+                any_entry(set.tloc_list_p, &t_tloc_list::tloc_entry_head, &t_tloc_entry::tloc_entry,
+                          [&](const t_tloc_entry &e) {
+                              label(e.tloc, vpn, set.set_service, e.route_preference);
+                              return te->num_entries >= POL_MAX_TE_ENTRIES;
+                          });
                 ultimate_step();
-                p->entry_set_flags |= 0x20;
-                count(SET_TLOC_LIST);
+                done(0x20, SET_TLOC_LIST);
             }
         } else if (wants(0x40)) {
-            p->te_info_p->num_entries = 0;
-            if (user->pol_label_cb != nullptr) {
-                label(set().set_svc_tloc, vpn, set().set_service, 0);
-            }
-            ultimate_step();
-            p->entry_set_flags |= 0x40;
-            count(SET_SERVICE);
+            resolve(0x40, SET_SERVICE, set.set_svc_tloc, vpn, set.set_service);
         }
-        bool communities = action_applies(0x200000000ULL, p->safi, user->pol_direction);
-        if (communities && (seq.entry_set_flags & 0x400000000ULL) != 0) {
-            p->set_community_p = set().set_community;
-            p->entry_set_flags |= 0x400000000ULL;
-            count(SET_COMMUNITY_ADDITIVE);
-        } else if (communities && (seq.entry_set_flags & 0x200000000ULL) != 0) {
-            p->set_community_p = set().set_community;
-            p->entry_set_flags |= 0x200000000ULL;
-            count(SET_COMMUNITY);
+        uint64_t community = flags & 0x400000000ULL ? 0x400000000ULL : flags & 0x200000000ULL;  // additive wins
+        if (community != 0 && action_applies(0x200000000ULL, p->safi, user->pol_direction)) {
+            p->set_community_p = set.set_community;
+            done(community, community == 0x400000000ULL ? SET_COMMUNITY_ADDITIVE : SET_COMMUNITY);
         }
     }
 };
 
-int collect(void *record, void *arg)
+e_pol_action decide(t_pol_user *user, const t_pol_entry &seq, t_pol_exec_params *params, stats *st)
 {
-    static_cast<std::vector<const t_pol_entry *> *>(arg)->push_back(static_cast<const t_pol_entry *>(record));
-    return 0;
-}
-
-e_pol_action tally(e_pol_action action, stats *st)
-{
-    if (st != nullptr) {
-        if (action == POL_ACTION_ACCEPT) {
-            st->accepted++;
-        } else if (action == POL_ACTION_REJECT) {
-            st->rejected++;
-        } else {
-            st->invalid++;
-        }
+    e_pol_action action = seq.entry_action;
+    if (action == POL_ACTION_ACCEPT) {
+        setter{user, seq.set_entry, seq.entry_set_flags, params, &action, st}.run();
     }
     return action;
 }
@@ -636,59 +451,46 @@ e_pol_action tally(e_pol_action action, stats *st)
 
 const char *condition_name(int kind)
 {
-    static const char *const kNames[COND_COUNT] = {
-        "tag",  "origin metric", "preference",   "domain", "group",
-        "vpn id", "vpn list",    "tloc",         "tloc list", "site",
-        "site list", "community list", "expanded community list", "prefix list", "origin",
-        "originator", "carrier", "color",        "color list"};
-    return kind >= 0 && kind < COND_COUNT ? kNames[kind] : "?";
+    return kind >= 0 && kind < COND_COUNT ? kConditions[kind].name : "?";
 }
 
 const char *set_name(int kind)
 {
-    static const char *const kNames[SET_COUNT] = {"tag",     "preference", "tloc",
-                                                  "vpn id",  "vpn list",   "tloc list",
-                                                  "service", "community",  "community additive"};
+    static const char *const kNames[SET_COUNT] = {"tag",       "preference", "tloc",      "vpn id",
+                                                  "vpn list",  "tloc list",  "service",   "community",
+                                                  "community additive"};
     return kind >= 0 && kind < SET_COUNT ? kNames[kind] : "?";
 }
 
 e_pol_action execute(t_pol_user *user, t_pol_exec_params *params, stats *st)
 {
-    if (user == nullptr || params == nullptr || params->attr_in_p == nullptr) {
-        return tally(POL_ACTION_REJECT, st);
-    }
-    params->entry_match_flags = 0;
-    params->entry_set_flags = 0;
-    params->attr_out = *params->attr_in_p;
-
-    t_pol_block *block = user->pol_block_p;
-    if (block == nullptr) {
-        return tally(POL_ACTION_REJECT, st);
-    }
-    std::vector<const t_pol_entry *> sequences;
-    avl_foreach(&block->pol_entries, collect, &sequences);
-    std::sort(sequences.begin(), sequences.end(),
-              [](const t_pol_entry *a, const t_pol_entry *b) { return a->entry_num < b->entry_num; });
-
-    route r{params};
-    for (const t_pol_entry *seq : sequences) {
+    static thread_local stats unread;  // the counts of a caller that wants none
+    st = st != nullptr ? st : &unread;
+    e_pol_action action = POL_ACTION_REJECT;
+    t_pol_block *block = nullptr;
+    if (user != nullptr && params != nullptr && params->attr_in_p != nullptr) {
         params->entry_match_flags = 0;
-        if (sequence_matches(*seq, r, st)) {
-            e_pol_action action = seq->entry_action;
-            if (action == POL_ACTION_ACCEPT) {
-                setter{user, *seq, params, &action, st}.run();
-            }
-            return tally(action, st);
-        }
+        params->entry_set_flags = 0;
+        params->attr_out = *params->attr_in_p;
+        block = user->pol_block_p;
     }
-    if (st != nullptr) {
-        st->by_default++;
+    if (block != nullptr) {
+        std::vector<const t_pol_entry *> sequences;
+        avl_foreach(&block->pol_entries, [](void *record, void *arg) {
+            static_cast<std::vector<const t_pol_entry *> *>(arg)->push_back(static_cast<const t_pol_entry *>(record));
+            return 0;
+        }, &sequences);
+        std::sort(sequences.begin(), sequences.end(),
+                  [](const t_pol_entry *a, const t_pol_entry *b) { return a->entry_num < b->entry_num; });
+        auto first = std::find_if(sequences.begin(), sequences.end(), [&](const t_pol_entry *seq) {
+            params->entry_match_flags = 0;
+            return sequence_matches(*seq, route{params}, st);
+        });
+        st->by_default += first == sequences.end() ? 1 : 0;
+        action = decide(user, first != sequences.end() ? **first : block->default_action_entry, params, st);
     }
-    e_pol_action action = block->default_action_entry.entry_action;
-    if (action == POL_ACTION_ACCEPT) {
-        setter{user, block->default_action_entry, params, &action, st}.run();
-    }
-    return tally(action, st);
+    (action == POL_ACTION_ACCEPT ? st->accepted : action == POL_ACTION_REJECT ? st->rejected : st->invalid)++;
+    return action;
 }
 
 void release(t_pol_exec_params *params)

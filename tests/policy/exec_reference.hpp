@@ -19,39 +19,14 @@ namespace execref {
 
 // Conditions, in the order a sequence evaluates them.
 enum condition_kind {
-    COND_TAG,
-    COND_ORIGIN_METRIC,
-    COND_PREFERENCE,
-    COND_DOMAIN,
-    COND_GROUP,
-    COND_VPN_ID,
-    COND_VPN_LIST,
-    COND_TLOC,
-    COND_TLOC_LIST,
-    COND_SITE,
-    COND_SITE_LIST,
-    COND_COMMUNITY_LIST,
-    COND_EXP_COMMUNITY_LIST,
-    COND_PFX_LIST,
-    COND_ORIGIN,
-    COND_ORIGINATOR,
-    COND_CARRIER,
-    COND_COLOR,
-    COND_COLOR_LIST,
-    COND_COUNT
+    COND_TAG, COND_ORIGIN_METRIC, COND_PREFERENCE, COND_DOMAIN, COND_GROUP, COND_VPN_ID, COND_VPN_LIST,
+    COND_TLOC, COND_TLOC_LIST, COND_SITE, COND_SITE_LIST, COND_COMMUNITY_LIST, COND_EXP_COMMUNITY_LIST,
+    COND_PFX_LIST, COND_ORIGIN, COND_ORIGINATOR, COND_CARRIER, COND_COLOR, COND_COLOR_LIST, COND_COUNT
 };
 
 enum set_kind {
-    SET_TAG,
-    SET_PREFERENCE,
-    SET_TLOC,
-    SET_VPN_ID,
-    SET_VPN_LIST,
-    SET_TLOC_LIST,
-    SET_SERVICE,
-    SET_COMMUNITY,
-    SET_COMMUNITY_ADDITIVE,
-    SET_COUNT
+    SET_TAG, SET_PREFERENCE, SET_TLOC, SET_VPN_ID, SET_VPN_LIST, SET_TLOC_LIST, SET_SERVICE, SET_COMMUNITY,
+    SET_COMMUNITY_ADDITIVE, SET_COUNT
 };
 
 const char *condition_name(int kind);
@@ -63,9 +38,7 @@ struct stats {
     uint64_t held[COND_COUNT] = {};
     uint64_t failed[COND_COUNT] = {};
     uint64_t applied[SET_COUNT] = {};
-    uint64_t accepted = 0;
-    uint64_t rejected = 0;
-    uint64_t invalid = 0;
+    uint64_t accepted = 0, rejected = 0, invalid = 0;
     uint64_t by_default = 0;          // no sequence matched
     uint64_t unresolved_tloc = 0;     // an accept turned into a reject by a TLOC action
     uint64_t ultimate_fallback = 0;   // the route's own TLOC appended
