@@ -142,25 +142,21 @@ LogCapture::~LogCapture()
     pol_log_set_sink(nullptr);
 }
 
-CliCapture::CliCapture(uint32_t usid)
+std::string dump(const std::function<void(mgmtd_cli_user_info *)> &fn)
 {
-    uinfo_.maapi_sock = -1;
-    uinfo_.usid = usid;
-    fp_ = open_memstream(&buf_, &size_);
-    EXPECT_EQ(maapi_cli_bind_stream(usid, fp_), 0);
-}
-
-CliCapture::~CliCapture()
-{
-    maapi_cli_unbind_stream(uinfo_.usid);
-    std::fclose(fp_);
-    std::free(buf_);
-}
-
-std::string CliCapture::text()
-{
-    std::fflush(fp_);
-    return std::string(buf_, size_);
+    mgmtd_cli_user_info session{};
+    session.maapi_sock = -1;
+    session.usid = 4242;
+    char *buf = nullptr;
+    size_t size = 0;
+    FILE *fp = open_memstream(&buf, &size);
+    EXPECT_EQ(maapi_cli_bind_stream(session.usid, fp), 0);
+    fn(&session);
+    maapi_cli_unbind_stream(session.usid);
+    std::fclose(fp);
+    std::string text(buf, size);
+    std::free(buf);
+    return text;
 }
 
 AllocFailure::AllocFailure(e_pol_mem row, unsigned nth)

@@ -71,35 +71,14 @@ struct LogCapture {
     const std::vector<std::string> &lines;
 };
 
-// What command handlers print to one command-line session.
-class CliCapture {
-public:
-    explicit CliCapture(uint32_t usid = 4242);
-    ~CliCapture();
-    mgmtd_cli_user_info *session() { return &uinfo_; }
-    std::string text();
-
-private:
-    mgmtd_cli_user_info uinfo_{};
-    char *buf_ = nullptr;
-    size_t size_ = 0;
-    FILE *fp_ = nullptr;
-};
-
 // Makes the nth (1-based) allocation of one category fail while alive.
 struct AllocFailure {
     explicit AllocFailure(e_pol_mem row, unsigned nth = 1);
     ~AllocFailure();
 };
 
-// What a dump prints: fn is called with a captured session.
-template <typename F>
-std::string dump(F &&fn)
-{
-    CliCapture cli;
-    fn(cli.session());
-    return cli.text();
-}
+// What a dump prints: fn is called with a captured command-line session.
+std::string dump(const std::function<void(mgmtd_cli_user_info *)> &fn);
 
 // One list of a family, driven through the family's own functions; add(i)
 // and has(i) concern the family's entry i (0 or 1).

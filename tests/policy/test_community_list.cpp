@@ -23,14 +23,6 @@ std::string render(uint32_t value)
     return community_getstr(value, buf, sizeof(buf));
 }
 
-uint32_t value_of(const std::string &text)
-{
-    community_token kind = community_token_unknown;
-    uint32_t value = 0;
-    community_gettoken(text.c_str(), &kind, &value);
-    return value;
-}
-
 TEST(CommunityText, ReadsRendersAndCompares)
 {
     const community_token none = community_token_unknown;
@@ -74,44 +66,19 @@ TEST(CommunityText, ReadsRendersAndCompares)
     EXPECT_EQ(buf[POL_COMMUNITY_LIST_STR_SIZE], 'Z');
 
     const uint32_t a = (100u << 16) | 20, b = (100u << 16) | 3;
-    EXPECT_EQ(pol_community_cmp(&a, &b), -1);
-    EXPECT_EQ(pol_community_cmp(&few[1], &few[0]), 1);
-    EXPECT_EQ(pol_community_cmp(&a, &a), 0);
-    EXPECT_EQ(pol_community_cmp(nullptr, &a), -1);
+    const int order[] = {pol_community_cmp(&a, &b), pol_community_cmp(&few[1], &few[0]), pol_community_cmp(&a, &a),
+                         pol_community_cmp(nullptr, &a)};
+    EXPECT_EQ(std::vector<int>(order, order + 4), (std::vector<int>{-1, 1, 0, -1}));
 }
 
-// A sequence of a watched route policy that matches on the list; its user's
-// calls count into *calls from here on.
-t_pol_entry *match_on(const char *policy, const char *name, community_list_type type, int *calls)
-{
-    register_user(policy, policy, POL_TYPE_ROUTE, POL_DIR_OUT, count_cb, calls);
-    t_pol_entry *entry = sequence(policy, 10, POL_TYPE_ROUTE, false);
-    uint8_t changed = 0;
-    pol_entry_match_add(g_pol_ctx_p, entry->pol_block_p, entry, POL_MATCH_VROUTE, &changed);
-    EXPECT_NE(pol_entry_match_community_list_add(g_pol_ctx_p, entry, name, type, &changed), nullptr);
-    pol_user_chg_list_notify_all(g_pol_ctx_p);
-    *calls = 0;
-    return entry;
-}
-
-void unmatch(t_pol_entry *entry, community_list_type type)
-{
-    uint8_t changed = 0;
-    pol_entry_match_community_list_delete(g_pol_ctx_p, entry, type, &changed);
-}
-
-// The entries in queue order; with first, the first whose text is first_of.
-Texts entries(const char *name, community_list_type type, const std::string &first_of = "",
-              const t_community_entry **first = nullptr)
+// The entries' texts in queue order.
+Texts entries(const char *name, community_list_type type)
 {
     Texts out;
     const t_community_list *list = pol_community_list_find(g_pol_ctx_p, name, type);
     for (const t_community_entry *e = list ? TAILQ_FIRST(&list->community_entry_head) : nullptr; e;
          e = TAILQ_NEXT(e, community_entry)) {
         out.push_back(type == kStd ? render(e->community) : e->pattern);
-        if (first != nullptr && *first == nullptr && out.back() == first_of) {
-            *first = e;
-        }
     }
     return out;
 }
@@ -120,25 +87,22 @@ Texts entries(const char *name, community_list_type type, const std::string &fir
 // called directly or as the datastore calls the subscription table's row.
 int32_t read_entry(const char *name, const char *text, community_list_type type, bool by_table = false)
 {
+    const char *texts[] = {name, text};
     mgmtd_value_t keys[2] = {};
     for (int i = 0; i < 2; i++) {
-        const char *s = i == 0 ? name : text;
         keys[i].type = C_BUF;
-        keys[i].val.buf = {static_cast<uint32_t>(std::strlen(s)), reinterpret_cast<unsigned char *>(const_cast<char *>(s))};
+        auto *bytes = reinterpret_cast<unsigned char *>(const_cast<char *>(texts[i]));
+        keys[i].val.buf = {static_cast<uint32_t>(std::strlen(texts[i])), bytes};
     }
     if (!by_table) {
         return pol_config_community_list(nullptr, g_pol_ctx_p, MOP_CREATED, 2, keys, 0, nullptr, type);
     }
     size_t count = 0;
-    const mgmtd_ds_sub_t *subs = pol_config_subscriptions(&count);
+    const mgmtd_ds_sub_t *subs = pol_config_subscriptions(&count), *end = subs + count;
     const std::string row = type == kExp ? "expanded-community-list-entry" : "community-list-entry";
-    for (size_t i = 0; i < count; i++) {
-        if (row == subs[i].name) {
-            return subs[i].cb(nullptr, g_pol_ctx_p, MOP_CREATED, 2, keys, 0, nullptr, subs[i].arg);
-        }
-    }
-    ADD_FAILURE() << "no subscription " << row;
-    return 0;
+    const mgmtd_ds_sub_t *sub = std::find_if(subs, end, [&](const mgmtd_ds_sub_t &s) { return row == s.name; });
+    EXPECT_NE(sub, end) << "no subscription " << row;
+    return sub == end ? 0 : sub->cb(nullptr, g_pol_ctx_p, MOP_CREATED, 2, keys, 0, nullptr, sub->arg);
 }
 
 std::string compiler_error(const char *pattern)
@@ -189,29 +153,7 @@ TEST_F(CommunityList, RefusedEntriesFailTheReaderWithTheReason)
     EXPECT_STREQ(pol_config_error(), "");
 }
 
-// A pattern is stored whole or refused: one too long to be stored never
-// stays behind to match after its removal, nor piles up on re-commits.
-TEST_F(CommunityList, PatternsAreStoredWholeOrRefused)
-{
-    for (std::size_t length : {1, 127, 128, 255}) {
-        const std::string pattern(length, 'p');
-        const bool fits = length < POL_COMMUNITY_PATTERN_SIZE;
-        for (int commit = 0; commit < 2; commit++) {
-            EXPECT_EQ(pol_community_list_add_entry(ctx_, "E", pattern.c_str(), kExp), fits ? ERR_OK : ERR_BAD_PARAM)
-                << length;
-        }
-        const t_community_list *list = pol_community_list_find(ctx_, "E", kExp);
-        const t_community_entry *e = list ? TAILQ_FIRST(&list->community_entry_head) : nullptr;
-        EXPECT_EQ(e != nullptr, fits) << length;
-        EXPECT_TRUE(e == nullptr || (e->pattern == pattern && TAILQ_NEXT(e, community_entry) == nullptr)) << length;
-        EXPECT_EQ(pol_community_list_find_entry(ctx_, "E", pattern.c_str(), kExp), e) << length;
-        EXPECT_EQ(pol_community_list_del_entry(ctx_, "E", pattern.c_str(), kExp), ERR_OK);
-        list = pol_community_list_find(ctx_, "E", kExp);
-        EXPECT_TRUE(list == nullptr || pol_community_list_is_empty(list)) << length;
-    }
-}
-
-TEST_F(CommunityList, BadTextsPatternsAndKinds)
+TEST_F(CommunityList, BadTextsPatternsKindsAndPatternLengths)
 {
     for (const char *bad : {"1:2:3", ":5", "5:", "abc", " "}) {
         const std::string name = std::string("L") + bad;
@@ -240,6 +182,24 @@ TEST_F(CommunityList, BadTextsPatternsAndKinds)
     EXPECT_EQ(entries("K", kExp), Texts{"^65000:"});
     EXPECT_EQ(pol_community_list_find_entry(ctx_, "K", "65000:1", kExp), nullptr);
     EXPECT_EQ(pol_community_list_add_entry(ctx_, "K", "1:1", COMM_LIST_TYPE_INVALID), ERR_ALLOC);
+
+    // A pattern is stored whole or refused: one too long to be stored never
+    // stays behind to match after its removal, nor piles up on re-commits.
+    for (std::size_t length : {1, 127, 128, 255}) {
+        const std::string pattern(length, 'p');
+        const bool fits = length < POL_COMMUNITY_PATTERN_SIZE;
+        for (int commit = 0; commit < 2; commit++) {
+            EXPECT_EQ(pol_community_list_add_entry(ctx_, "P", pattern.c_str(), kExp), fits ? ERR_OK : ERR_BAD_PARAM)
+                << length;
+        }
+        EXPECT_EQ(entries("P", kExp), fits ? Texts{pattern} : Texts{}) << length;
+        const t_community_list *list = pol_community_list_find(ctx_, "P", kExp);
+        EXPECT_EQ(pol_community_list_find_entry(ctx_, "P", pattern.c_str(), kExp),
+                  fits ? TAILQ_FIRST(&list->community_entry_head) : nullptr) << length;
+        EXPECT_EQ(pol_community_list_del_entry(ctx_, "P", pattern.c_str(), kExp), ERR_OK);
+        list = pol_community_list_find(ctx_, "P", kExp);
+        EXPECT_TRUE(list == nullptr || pol_community_list_is_empty(list)) << length;
+    }
 }
 
 TEST_F(CommunityList, SharedLifeCycle)
@@ -259,41 +219,56 @@ TEST_F(CommunityList, SharedLifeCycle)
 
 // Random adds and deletes of both kinds: the queue keeps identity order
 // (community value, or pattern text) whatever order the entries came in,
-// each text at most once, and lookups find the entry of their text.
+// each text at most once, and lookups find the entry of their text. Items
+// 0..11 are the values of the standard list, given in either spelling; the
+// rest are the patterns, in text order.
 TEST_F(CommunityList, IndexAgreesWithQueue)
 {
-    std::mt19937 rng(7);
-    const Texts patterns = {"a", "^1:", "c|d", std::string(126, 'x'), std::string(127, 'x')};
-    Texts model[2];
-    for (int step = 0; step < 2000; step++) {
-        const bool add = rng() % 3 != 0;
-        const community_list_type type = rng() % 2 != 0 ? kStd : kExp;
-        const uint32_t v = rng() % 12;
-        const std::string text =
-            type == kExp ? patterns[rng() % patterns.size()] : (rng() % 2 ? "" : "0:") + std::to_string(v);
-        const std::string stored = type == kExp ? text : render(v);
-        Texts &m = model[type - 1];
-        auto at = std::find(m.begin(), m.end(), stored);
-        if (add && at == m.end()) {
-            auto before = [type](const std::string &a, const std::string &b) {
-                return type == kStd ? value_of(a) < value_of(b) : a < b;
-            };
-            m.insert(std::upper_bound(m.begin(), m.end(), stored, before), stored);
-        } else if (!add && at != m.end()) {
-            m.erase(at);
-        }
-        auto op = add ? pol_community_list_add_entry : pol_community_list_del_entry;
-        ASSERT_EQ(op(ctx_, "L", text.c_str(), type), ERR_OK);
-        const t_community_entry *first = nullptr;
-        ASSERT_EQ(entries("L", type, stored, &first), m) << step;
-        ASSERT_EQ(pol_community_list_find_entry(ctx_, "L", text.c_str(), type), first) << step;
-    }
+    const Texts patterns = {"^1:", "a", "c|d", std::string(126, 'x'), std::string(127, 'x')};
+    auto kind = [](std::size_t i) { return i < 12 ? kStd : kExp; };
+    auto stored = [&](std::size_t i) { return i < 12 ? render(static_cast<uint32_t>(i)) : patterns[i - 12]; };
+    bool colon = false;
+    auto given = [&](std::size_t i) {
+        return i >= 12 ? patterns[i - 12] : ((colon = !colon) ? "0:" : "") + std::to_string(i);
+    };
+    auto change = [&](auto op) {
+        return [&, op](std::size_t i, uint32_t) { ASSERT_EQ(op(ctx_, "L", given(i).c_str(), kind(i)), ERR_OK); };
+    };
+    check_index_against_queue(
+        7, 2000, 12 + patterns.size(), 1, [](std::size_t i, std::size_t j) { return i < j; },
+        change(pol_community_list_add_entry), change(pol_community_list_del_entry),
+        [&] {
+            ListModel queued;
+            for (community_list_type type : {kStd, kExp}) {
+                for (const std::string &text : entries("L", type)) {
+                    std::size_t i = 0;
+                    while (i < 12 + patterns.size() && !(kind(i) == type && stored(i) == text)) {
+                        i++;
+                    }
+                    queued.emplace_back(i, 0);
+                }
+            }
+            return queued;
+        },
+        [&](std::size_t i) -> std::optional<uint32_t> {
+            const t_community_entry *e = pol_community_list_find_entry(ctx_, "L", given(i).c_str(), kind(i));
+            if (e == nullptr) {
+                return std::nullopt;
+            }
+            return (kind(i) == kStd ? render(e->community) : std::string(e->pattern)) == stored(i) ? 0 : UINT32_MAX;
+        });
 }
 
 TEST_F(CommunityList, NotifiesMatchingPoliciesAndDumps)
 {
     int calls = 0;
-    t_pol_entry *seq = match_on("P", "S1", kStd, &calls);
+    register_user("P", "P", POL_TYPE_ROUTE, POL_DIR_OUT, count_cb, &calls);
+    t_pol_entry *seq = sequence("P", 10, POL_TYPE_ROUTE, false);
+    uint8_t changed = 0;
+    pol_entry_match_add(ctx_, seq->pol_block_p, seq, POL_MATCH_VROUTE, &changed);
+    ASSERT_NE(pol_entry_match_community_list_add(ctx_, seq, "S1", kStd, &changed), nullptr);
+    pol_user_chg_list_notify_all(ctx_);
+    calls = 0;
     // The second text repeats the first value: no entry, but a call all the same.
     for (const char *text : {"65000:1", "4259840001 x", "1:1", "no-export"}) {
         ASSERT_EQ(pol_community_list_add_entry(ctx_, "S1", text, kStd), ERR_OK);
@@ -308,7 +283,7 @@ TEST_F(CommunityList, NotifiesMatchingPoliciesAndDumps)
     EXPECT_EQ(dump(pol_dump_expanded_community_list_all),
               heading("EXPANDED COMMUNITY LISTS") + "\nexpanded-community-list: E1 (" +
                   ptr(pol_community_list_find(ctx_, "E1", kExp)) + ")\n  community pattern: ^65000:\nend \n");
-    unmatch(seq, kStd);
+    pol_entry_match_community_list_delete(ctx_, seq, kStd, &changed);
 }
 
 }  // namespace

@@ -34,8 +34,8 @@ TEST(PolMem, CountsOnlyRealCategoriesAndTracksPeak)
     pol_free(p[1], POL_MEM_XML_1);
     p[0] = pol_malloc(4, POL_MEM_XML_1);
     const t_pol_mem_info &r1 = g_pol_mem_info[POL_MEM_XML_1];
-    EXPECT_TRUE(r1.alloc - r0.alloc == 4u && r1.free - r0.free == 2u);
-    EXPECT_EQ(r1.max_alloc, std::max(r0.max_alloc, r0.alloc - r0.free + 3));
+    EXPECT_TRUE(r1.alloc - r0.alloc == 4u && r1.free - r0.free == 2u &&
+                r1.max_alloc == std::max(r0.max_alloc, r0.alloc - r0.free + 3));
     pol_free(p[0], POL_MEM_XML_1);
     pol_free(p[2], POL_MEM_XML_1);
 
@@ -188,12 +188,12 @@ TEST_F(PolBlock, DefaultActionAndDeletingTheBlock)
     EXPECT_EQ(execute_route(user, &params), POL_ACTION_ACCEPT);
     calls = 0;
     pol_block_find_and_delete(ctx_, "dflt", POL_TYPE_ROUTE, &changed);
-    EXPECT_TRUE(pol_block_find(ctx_, "dflt", POL_TYPE_ROUTE, nullptr) == nullptr && user->pol_block_p == nullptr);
-    EXPECT_EQ(pol_user_find(ctx_, "u", POL_TYPE_ROUTE, POL_DIR_IN, nullptr), user);
+    EXPECT_TRUE(pol_block_find(ctx_, "dflt", POL_TYPE_ROUTE, nullptr) == nullptr && user->pol_block_p == nullptr &&
+                pol_user_find(ctx_, "u", POL_TYPE_ROUTE, POL_DIR_IN, nullptr) == user);
     pol_block_find_or_create(ctx_, "dflt", POL_TYPE_ROUTE, &changed)->default_action_entry.entry_action =
         POL_ACTION_ACCEPT;
-    EXPECT_EQ(execute_route(user, &params), POL_ACTION_REJECT);
-    EXPECT_TRUE(params.entry_set_flags == 0u && params.attr_out.tag == 77u);
+    EXPECT_TRUE(execute_route(user, &params) == POL_ACTION_REJECT && params.entry_set_flags == 0u &&
+                params.attr_out.tag == 77u);
     pol_user_chg_list_notify_all(ctx_);
     EXPECT_EQ(calls, 1);
 }
@@ -265,8 +265,7 @@ TEST_F(PolBlock, AllocationFailureLeavesTreesUnchangedAndShutdownFreesAll)
         changed = 0;
         EXPECT_EQ(pol_entry_find_or_create(ctx_, blk, 2, &changed), nullptr);
     }
-    EXPECT_TRUE(changed == 0 && avl_numnodes(&ctx_->cflowd_templates) == 0u);
-    EXPECT_EQ(avl_numnodes(&blk->pol_entries), 1u);
+    EXPECT_TRUE(changed == 0 && avl_numnodes(&ctx_->cflowd_templates) == 0u && avl_numnodes(&blk->pol_entries) == 1u);
 
     for (e_pol_type t : {POL_TYPE_ROUTE, POL_TYPE_DATA, POL_TYPE_PFR, POL_TYPE_MEMBERSHIP}) {
         t_pol_block *b = pol_block_find_or_create(ctx_, "p1", t, &changed);
@@ -300,9 +299,9 @@ TEST_F(PolCflowd, CollectorIdentitySourceInterfaceAndShutdown)
     EXPECT_EQ(pol_cflowd_add_collector(tmpl, &c), 0);
     strlcpy(c.source_if, "ge0/1", sizeof(c.source_if));
     EXPECT_EQ(pol_cflowd_add_collector(tmpl, &c), 0);
-    ASSERT_EQ(avl_numnodes(&tmpl->collector_db), 1u);
     auto *first = static_cast<t_cflowd_collector *>(avl_first(&tmpl->collector_db));
-    EXPECT_TRUE(std::string(first->source_if) == "ge0/1" && first->cflowd_entry_p == tmpl);
+    ASSERT_TRUE(avl_numnodes(&tmpl->collector_db) == 1u && first->source_if == std::string("ge0/1") &&
+                first->cflowd_entry_p == tmpl);
 
     // Another transport is another collector; long interface names keep 32 characters.
     c.transport_type = 1;
@@ -310,11 +309,11 @@ TEST_F(PolCflowd, CollectorIdentitySourceInterfaceAndShutdown)
     EXPECT_EQ(pol_cflowd_add_collector(tmpl, &c), 0);
     auto *second = static_cast<t_cflowd_collector *>(avl_find(&tmpl->collector_db, &c, nullptr));
     ASSERT_TRUE(avl_numnodes(&tmpl->collector_db) == 2u && second != nullptr);
-    EXPECT_EQ(std::string(second->source_if), std::string(32, 'x'));
+    EXPECT_EQ(second->source_if, std::string(32, 'x'));
     c.transport_type = 0;
     std::memset(c.source_if, 'y', sizeof(c.source_if));
     EXPECT_EQ(pol_cflowd_add_collector(tmpl, &c), 0);
-    EXPECT_EQ(std::string(first->source_if), std::string(32, 'y'));
+    EXPECT_EQ(first->source_if, std::string(32, 'y'));
 
     t_cflowd_collector missing = collector(2, 2055, 0, "");
     EXPECT_TRUE(pol_cflowd_del_collector(tmpl, &missing) == 0 && avl_numnodes(&tmpl->collector_db) == 2u);

@@ -72,15 +72,6 @@ protected:
         return {changed, notified()};
     }
 
-    // Keeps a prefix list alive on its own: one entry 10.0.0.0/8.
-    void give_entry(const t_pfx_list_key &key)
-    {
-        t_pfx_entry_param param{};
-        IPADDR_SET_V4(&param.prefix.addr, htonl(0x0A000000));
-        param.prefix.prefixlen = 8;
-        ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &key, &param), ERR_OK);
-    }
-
     t_pol_user *user_ = nullptr;
     t_pol_block *block_ = nullptr;
     int notes_ = 0;
@@ -90,102 +81,90 @@ protected:
 TEST_F(PolStore, EqualValueAddedAgainChangesNothing)
 {
     t_pol_entry *e = seq(10);
-    EXPECT_EQ(pol_entry_match_tag_add(ctx_, e, 77, &changed_), &e->match_entry);
-    EXPECT_EQ(notified(), 1);
-    EXPECT_EQ(e->match_entry.match_tag, 77u);
-    EXPECT_NE(e->entry_match_flags & POL_MATCH_FLAG_TAG, 0u);
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_tag_add(ctx_, e, 77, c); }), effects(0, 0));
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_tag_add(ctx_, e, 78, c); }), effects(1, 1));
+    auto tag = [&](uint32_t v) {
+        return effect([&](uint8_t *c) { EXPECT_EQ(pol_entry_match_tag_add(ctx_, e, v, c), &e->match_entry); });
+    };
+    EXPECT_EQ(tag(77), effects(1, 1));
+    EXPECT_TRUE(e->match_entry.match_tag == 77u && (e->entry_match_flags & POL_MATCH_FLAG_TAG) != 0);
+    EXPECT_EQ(tag(77), effects(0, 0));
+    EXPECT_EQ(tag(78), effects(1, 1));
     // A zero value is a value: the bit, not the field, says it is there.
     EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_tag_add(ctx_, e, 0, c); }), effects(1, 1));
     EXPECT_EQ(e->entry_set_flags, POL_SET_FLAG_TAG);
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_tag_delete(ctx_, e, c); }), effects(1, 1));
-    EXPECT_EQ(e->entry_match_flags & POL_MATCH_FLAG_TAG, 0u);
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_tag_delete(ctx_, e, c); }), effects(0, 0));
+    for (int changes : {1, 0}) {
+        EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_tag_delete(ctx_, e, c); }), effects(changes, changes));
+        EXPECT_EQ(e->entry_match_flags & POL_MATCH_FLAG_TAG, 0u);
+    }
 
     // TLOCs are equal field by field: neither padding nor the bytes an IPv4
     // address leaves unused take part; a field does.
     const t_tloc_id t = tloc(0x01010101, 3, 2);
-    t_tloc_id noisy;
+    t_tloc_id noisy, other_color = t;
     std::memset(&noisy, 0xA5, sizeof(noisy));
     IPADDR_SET_V4(&noisy.addr, t.addr.u.addr4.s_addr);
     noisy.color = t.color;
     noisy.encap = t.encap;
-    t_tloc_id other_color = t;
     other_color.color = 4;
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_tloc_add(ctx_, e, &t, c); }), effects(1, 1));
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_tloc_add(ctx_, e, &noisy, c); }), effects(0, 0));
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_tloc_add(ctx_, e, &other_color, c); }), effects(1, 1));
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_service_add(ctx_, e, 1, &t, 5, c); }), effects(1, 1));
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_service_add(ctx_, e, 1, &noisy, 5, c); }), effects(0, 0));
+    for (auto [given, changes] : {std::pair{&t, 1}, {&noisy, 0}, {&other_color, 1}}) {
+        EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_tloc_add(ctx_, e, given, c); }), effects(changes, changes));
+    }
+    for (auto [given, changes] : {std::pair{&t, 1}, {&noisy, 0}}) {
+        EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_service_add(ctx_, e, 1, given, 5, c); }),
+                  effects(changes, changes));
+    }
 }
 
+// A sequence moves between the users chains of the lists it names; a list
+// it leaves without entries or other users goes. When the new list cannot be
+// created, the bit stays set and the sequence stays on the old list, which
+// its pointer still names.
 TEST_F(PolStore, ReplacingPrefixListMovesSequenceBetweenUsersChains)
 {
-    t_pol_entry *a = seq(10);
-    t_pol_entry *b = seq(20);
-    give_entry(kA);
+    t_pol_entry *a = seq(10), *b = seq(20);
+    t_pfx_entry_param param{};  // keeps A alive on its own: one entry 10.0.0.0/8
+    IPADDR_SET_V4(&param.prefix.addr, htonl(0x0A000000));
+    param.prefix.prefixlen = 8;
+    ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &kA, &param), ERR_OK);
     pol_entry_match_pfx_list_add(ctx_, a, &kA, &changed_);
     pol_entry_match_pfx_list_add(ctx_, b, &kA, &changed_);
     t_pfx_list *list_a = pol_pfx_list_find(ctx_, &kA);
-    ASSERT_NE(list_a, nullptr);
-    EXPECT_EQ(a->match_entry.match_pfx_list_p, list_a);
+    ASSERT_TRUE(list_a != nullptr && a->match_entry.match_pfx_list_p == list_a);
     EXPECT_EQ(notified(), 1);
-    EXPECT_EQ(effect([&](uint8_t *c) { EXPECT_EQ(pol_entry_match_pfx_list_add(ctx_, a, &kA, c), &a->match_entry); }),
-              effects(0, 0));
+    auto move = [&](t_pol_entry *e, const t_pfx_list_key &k, t_pol_match_entry *want) {
+        return effect([&](uint8_t *c) { EXPECT_EQ(pol_entry_match_pfx_list_add(ctx_, e, &k, c), want); });
+    };
+    EXPECT_EQ(move(a, kA, &a->match_entry), effects(0, 0));
     EXPECT_EQ(pfx_users(list_a), (users{&a->match_entry, &b->match_entry}));
 
-    // The same name in the other family is another list.
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_pfx_list_add(ctx_, a, &kA6, c); }), effects(1, 1));
+    const int64_t lists = live_count(POL_MEM_LIST_PREFIX);
+    {
+        AllocFailure fail(POL_MEM_LIST_PREFIX);
+        EXPECT_EQ(move(a, kA6, nullptr), effects(0, 0));
+    }
+    EXPECT_TRUE((a->entry_match_flags & POL_MATCH_FLAG_PFX_LIST) != 0 && a->match_entry.match_pfx_list_p == list_a);
+    EXPECT_EQ(pfx_users(list_a), (users{&a->match_entry, &b->match_entry})) << "still a user of the list it points at";
+    EXPECT_TRUE(pol_pfx_list_find(ctx_, &kA6) == nullptr && live_count(POL_MEM_LIST_PREFIX) == lists);
+
+    // The next attempt, with memory, lands there: the same name in the other
+    // family is another list.
+    EXPECT_EQ(move(a, kA6, &a->match_entry), effects(1, 1));
     t_pfx_list *list_a6 = pol_pfx_list_find(ctx_, &kA6);
     ASSERT_NE(list_a6, nullptr);
-    EXPECT_EQ(pfx_users(list_a), users{&b->match_entry});
-    EXPECT_EQ(pfx_users(list_a6), users{&a->match_entry});
+    EXPECT_TRUE(pfx_users(list_a) == users{&b->match_entry} && pfx_users(list_a6) == users{&a->match_entry});
 
     // A6 has neither entries nor other users: leaving it frees it.
-    const int64_t lists = live_count(POL_MEM_LIST_PREFIX);
     pol_entry_match_pfx_list_add(ctx_, a, &kB, &changed_);
-    EXPECT_EQ(pol_pfx_list_find(ctx_, &kA6), nullptr);
-    EXPECT_EQ(live_count(POL_MEM_LIST_PREFIX), lists);
+    EXPECT_TRUE(pol_pfx_list_find(ctx_, &kA6) == nullptr && live_count(POL_MEM_LIST_PREFIX) == lists + 1);
     t_pfx_list *list_b = pol_pfx_list_find(ctx_, &kB);
     ASSERT_NE(list_b, nullptr);
 
     // A keeps its entry, so it stays with an empty chain.
     pol_entry_match_pfx_list_add(ctx_, b, &kB, &changed_);
-    EXPECT_EQ(pol_pfx_list_find(ctx_, &kA), list_a);
-    EXPECT_TRUE(pfx_users(list_a).empty());
+    EXPECT_TRUE(pol_pfx_list_find(ctx_, &kA) == list_a && pfx_users(list_a).empty());
     EXPECT_EQ(pfx_users(list_b), (users{&a->match_entry, &b->match_entry}));
     pol_entry_match_pfx_list_delete(ctx_, a, &changed_);
     EXPECT_EQ(a->entry_match_flags & POL_MATCH_FLAG_PFX_LIST, 0u);
     EXPECT_EQ(pfx_users(list_b), users{&b->match_entry});
-}
-
-// When the new list cannot be created, the bit stays set and the sequence
-// stays on the old list, which its pointer still names.
-TEST_F(PolStore, FailedListCreationKeepsTheOldList)
-{
-    t_pol_entry *e = seq(10);
-    give_entry(kA);
-    pol_entry_match_pfx_list_add(ctx_, e, &kA, &changed_);
-    t_pfx_list *list_a = pol_pfx_list_find(ctx_, &kA);
-    notified();
-
-    const int64_t lists = live_count(POL_MEM_LIST_PREFIX);
-    EXPECT_EQ(effect([&](uint8_t *c) {
-                  AllocFailure fail(POL_MEM_LIST_PREFIX);
-                  EXPECT_EQ(pol_entry_match_pfx_list_add(ctx_, e, &kB, c), nullptr);
-              }),
-              effects(0, 0));
-    EXPECT_NE(e->entry_match_flags & POL_MATCH_FLAG_PFX_LIST, 0u);
-    EXPECT_EQ(e->match_entry.match_pfx_list_p, list_a);
-    EXPECT_EQ(pfx_users(list_a), users{&e->match_entry}) << "still a user of the list it points at";
-    EXPECT_EQ(pol_pfx_list_find(ctx_, &kB), nullptr);
-    EXPECT_EQ(live_count(POL_MEM_LIST_PREFIX), lists);
-
-    // The next attempt, with memory, lands on B.
-    EXPECT_EQ(effect([&](uint8_t *c) { EXPECT_EQ(pol_entry_match_pfx_list_add(ctx_, e, &kB, c), &e->match_entry); }),
-              effects(1, 1));
-    EXPECT_EQ(pfx_users(pol_pfx_list_find(ctx_, &kB)), users{&e->match_entry});
 }
 
 // A new match type clears every condition, unhooking the sequence from the
@@ -193,17 +172,16 @@ TEST_F(PolStore, FailedListCreationKeepsTheOldList)
 // unhooks it from the lists of its set actions too.
 TEST_F(PolStore, NewMatchTypeOrDeletedSequenceUnhooksItFromTheLists)
 {
-    t_pol_entry *a = seq(10);
-    t_pol_entry *b = seq(20);
+    t_pol_entry *a = seq(10), *b = seq(20);
     const t_tloc_id t = tloc(0x01010101, 3, 2);
     pol_entry_match_pfx_list_add(ctx_, a, &kA, &changed_);
     pol_entry_match_pfx_list_add(ctx_, b, &kA, &changed_);
-    EXPECT_NE(pol_entry_match_site_list_add(ctx_, a, "S", &changed_), nullptr);
-    EXPECT_NE(pol_entry_match_tloc_list_add(ctx_, a, "T", &changed_), nullptr);
-    EXPECT_NE(pol_entry_match_color_list_add(ctx_, a, "C", &changed_), nullptr);
-    EXPECT_NE(pol_entry_match_vpn_list_add(ctx_, a, "V", &changed_), nullptr);
-    EXPECT_NE(pol_entry_set_vpn_list_add(ctx_, a, "VX", &changed_), nullptr);
-    EXPECT_NE(pol_entry_set_tloc_list_add(ctx_, a, "TX", &changed_), nullptr);
+    EXPECT_TRUE(pol_entry_match_site_list_add(ctx_, a, "S", &changed_) &&
+                pol_entry_match_tloc_list_add(ctx_, a, "T", &changed_) &&
+                pol_entry_match_color_list_add(ctx_, a, "C", &changed_) &&
+                pol_entry_match_vpn_list_add(ctx_, a, "V", &changed_) &&
+                pol_entry_set_vpn_list_add(ctx_, a, "VX", &changed_) &&
+                pol_entry_set_tloc_list_add(ctx_, a, "TX", &changed_));
     pol_entry_match_tag_add(ctx_, a, 5, &changed_);
     pol_entry_match_tloc_add(ctx_, a, &t, &changed_);
     pol_entry_match_origin_add(ctx_, a, 4, &changed_);
@@ -212,51 +190,46 @@ TEST_F(PolStore, NewMatchTypeOrDeletedSequenceUnhooksItFromTheLists)
 
     EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_add(ctx_, block_, a, POL_MATCH_VROUTE, c); }), effects(0, 0));
     EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_add(ctx_, block_, a, POL_MATCH_TLOC, c); }), effects(1, 1));
-    EXPECT_EQ(a->entry_match_flags, 0u);
-    EXPECT_EQ(a->match_entry.match_type, POL_MATCH_TLOC);
-    EXPECT_EQ(a->match_entry.pol_block_p, block_);
-    EXPECT_EQ(a->match_entry.match_pfx_list_p, nullptr);
-    EXPECT_EQ(a->match_entry.match_origin_type, 0);
+    const t_pol_match_entry &m = a->match_entry;
+    EXPECT_TRUE(a->entry_match_flags == 0u && m.match_type == POL_MATCH_TLOC && m.pol_block_p == block_ &&
+                m.match_pfx_list_p == nullptr && m.match_origin_type == 0);
     EXPECT_EQ(pfx_users(pol_pfx_list_find(ctx_, &kA)), users{&b->match_entry});
     EXPECT_TRUE(pol_site_list_find(ctx_, "S") == nullptr && pol_tloc_list_find(ctx_, "T") == nullptr &&
                 pol_color_list_find(ctx_, "C") == nullptr && pol_vpn_list_find(ctx_, "V") == nullptr);
     EXPECT_EQ(a->entry_set_flags, POL_SET_FLAG_VPN_LIST | POL_SET_FLAG_TLOC_LIST);
     EXPECT_NE(pol_vpn_list_find(ctx_, "VX"), nullptr);
 
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_find_and_delete(ctx_, block_, 10, c); }), effects(1, 1));
+    for (int changes : {1, 0}) {
+        EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_find_and_delete(ctx_, block_, 10, c); }), effects(changes, changes));
+    }
     EXPECT_EQ(pol_entry_find(ctx_, block_, 10, nullptr), nullptr);
     EXPECT_TRUE(pol_vpn_list_find(ctx_, "VX") == nullptr && pol_tloc_list_find(ctx_, "TX") == nullptr);
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_find_and_delete(ctx_, block_, 10, c); }), effects(0, 0));
     pol_entry_find_and_delete(ctx_, block_, 20, &changed_);
     EXPECT_EQ(pol_pfx_list_find(ctx_, &kA), nullptr);
 }
 
 TEST_F(PolStore, DeletingOneSetTlocClearsThePolicySummary)
 {
-    t_pol_user *in = register_user("rib-in", "P", POL_TYPE_ROUTE, POL_DIR_IN);
-    t_pol_entry *a = seq(10);
-    t_pol_entry *b = seq(20);
-    t_pol_entry *c = seq(30);
+    t_pol_entry *a = seq(10), *b = seq(20), *c = seq(30);
     const t_tloc_id t1 = tloc(0x01010101, 3, 2), t2 = tloc(0x02020202, 4, 1);
     EXPECT_EQ(pol_handle_sets_tloc(user_), 0);
     pol_entry_set_tloc_add(ctx_, a, &t1, &changed_);
     pol_entry_set_tloc_add(ctx_, b, &t2, &changed_);
     EXPECT_EQ(pol_handle_sets_tloc(user_), 1);
-    EXPECT_EQ(pol_handle_sets_tloc(in), 0);  // outbound users only
 
     // Deleting what a sequence does not carry leaves the summary alone.
     pol_entry_set_tloc_delete(ctx_, c, &changed_);
     EXPECT_EQ(pol_handle_sets_tloc(user_), 1);
     pol_entry_set_tloc_delete(ctx_, a, &changed_);
     EXPECT_EQ(pol_handle_sets_tloc(user_), 0);
-    EXPECT_EQ(b->entry_set_flags, POL_SET_FLAG_TLOC);
-    EXPECT_EQ(TLOC_CMP(&b->set_entry.set_tloc, &t2), 0);
+    EXPECT_TRUE(b->entry_set_flags == POL_SET_FLAG_TLOC && TLOC_CMP(&b->set_entry.set_tloc, &t2) == 0);
 
     // Service and TLOC list have their own summary bits; a service is the
     // same only with the same type, TLOC and VPN.
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_service_add(ctx_, a, 4, &t1, 0, c); }), effects(1, 1));
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_service_add(ctx_, a, 4, &t1, 0, c); }), effects(0, 0));
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_service_add(ctx_, a, 4, &t1, 9, c); }), effects(1, 1));
+    for (auto [vpn, changes] : {std::pair{0u, 1}, {0u, 0}, {9u, 1}}) {
+        EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_set_service_add(ctx_, a, 4, &t1, vpn, c); }),
+                  effects(changes, changes));
+    }
     pol_entry_set_tloc_list_add(ctx_, b, "TX", &changed_);
     EXPECT_EQ(pol_handle_sets_service(user_) + pol_handle_sets_tloc_list(user_), 2);
     EXPECT_EQ(pol_handle_sets_tloc(user_), 0);
@@ -265,22 +238,19 @@ TEST_F(PolStore, DeletingOneSetTlocClearsThePolicySummary)
 TEST_F(PolStore, OriginCodesMapToPairsAndUnknownCodesAreIgnored)
 {
     t_pol_entry *e = seq(10);
-    const struct {
-        uint32_t code;
-        uint8_t type, subtype;
-    } rows[] = {{0, 2, 0}, {1, 1, 0}, {2, 4, 2}, {3, 4, 1}, {4, 4, 3},
-                {5, 4, 4}, {6, 3, 1}, {7, 3, 2}, {11, 5, 0}, {12, 8, 0}};
-    for (const auto &r : rows) {
-        auto add = [&](uint8_t *c) { EXPECT_EQ(pol_entry_match_origin_add(ctx_, e, r.code, c), &e->match_entry); };
-        EXPECT_EQ(effect(add), effects(1, 1)) << "code " << r.code;
-        EXPECT_EQ(e->match_entry.match_origin_type, r.type) << "code " << r.code;
-        EXPECT_EQ(e->match_entry.match_origin_subtype, r.subtype) << "code " << r.code;
-        EXPECT_NE(e->entry_match_flags & POL_MATCH_FLAG_ORIGIN, 0u);
-    }
-    for (uint32_t code : {12u, 8u, 9u, 10u, 13u, 200u}) {  // the same pair again, or codes of no pair
-        EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_origin_add(ctx_, e, code, c); }), effects(0, 0)) << code;
-        EXPECT_EQ(e->match_entry.match_origin_type, 8) << "code " << code;
-        EXPECT_EQ(e->match_entry.match_origin_subtype, 0) << "code " << code;
+    const t_pol_match_entry &m = e->match_entry;
+    auto add = [&](uint32_t code) {
+        return effect([&](uint8_t *c) { EXPECT_EQ(pol_entry_match_origin_add(ctx_, e, code, c), &e->match_entry); });
+    };
+    // code -> (type, subtype); then the same pair again, or codes of no pair
+    const uint32_t rows[][3] = {{0, 2, 0}, {1, 1, 0}, {2, 4, 2}, {3, 4, 1}, {4, 4, 3}, {5, 4, 4},   {6, 3, 1},
+                                {7, 3, 2}, {11, 5, 0}, {12, 8, 0}, {12, 8, 0}, {8, 8, 0}, {9, 8, 0},  {10, 8, 0},
+                                {13, 8, 0}, {200, 8, 0}};
+    for (std::size_t i = 0; i < std::size(rows); i++) {
+        const int changes = i < 10 ? 1 : 0;
+        EXPECT_EQ(add(rows[i][0]), effects(changes, changes)) << "code " << rows[i][0];
+        EXPECT_TRUE(m.match_origin_type == rows[i][1] && m.match_origin_subtype == rows[i][2] &&
+                    (e->entry_match_flags & POL_MATCH_FLAG_ORIGIN) != 0) << "code " << rows[i][0];
     }
     EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_origin_delete(ctx_, e, c); }), effects(1, 1));
     EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_origin_add(ctx_, e, 9, c); }), effects(0, 0));

@@ -3,7 +3,6 @@
 // history, and the label table a set action fills from it.
 #include <arpa/inet.h>
 
-#include <map>
 #include <utility>
 
 #include "pol_test_support.hpp"
@@ -84,7 +83,7 @@ TEST_F(TlocListTest, ActionUsersAndTheDocumentFlag)
     EXPECT_EQ(pol_tloc_list_find(ctx_, "L"), nullptr);
 }
 
-TEST_F(TlocListTest, ChangesReachEachPolicyUserOnceMatchUsersFirst)
+TEST_F(TlocListTest, ChangesReachEachPolicyUserOnceMatchUsersFirstAndDumps)
 {
     Calls calls;
     register_user("u3", "P2", POL_TYPE_ROUTE, POL_DIR_OUT, record_cb, &calls);
@@ -109,16 +108,26 @@ TEST_F(TlocListTest, ChangesReachEachPolicyUserOnceMatchUsersFirst)
 
     t_pol_entry *p2_match = sequence("P2", 30);
     calls.clear();
-    pol_color_list_user_add(ctx_, "C", &p2_match->match_entry);
-    pol_color_list_add_entry(ctx_, "C", 7);
-    pol_color_list_add_entry(ctx_, "C", 7);  // a repeat notifies again
+    t_color_list *colors = pol_color_list_user_add(ctx_, "C", &p2_match->match_entry);
+    pol_color_list_add_entry(ctx_, "C", 2);
+    pol_color_list_add_entry(ctx_, "C", 2);  // a repeat notifies again
     pol_color_list_del_entry(ctx_, "C", 8);
     EXPECT_EQ(calls, (Calls{"u3", "u3"}));
 
+    // The dumps list the match users only.
+    const t_tloc_id c = tloc(1, 2, 2), d = tloc(2, 40, 1);
+    pol_tloc_list_add_entry(ctx_, "L", &c, 9);
+    pol_tloc_list_add_entry(ctx_, "L", &d, 0);
+    pol_color_list_add_entry(ctx_, "C", 999);
+    EXPECT_EQ(dump(pol_dump_tloc_list_all), heading("TLOC LISTS") + "\ntloc-list: L (" + ptr(list) +
+                                                ", 1)\n  tloc 10.0.0.1:mpls:ipsec preference 9"
+                                                "\n  tloc 10.0.0.2:unknown:gre preference 0\nend \n\n  User: P1");
+    EXPECT_EQ(dump(pol_dump_color_list_all), heading("COLOR LISTS") + "\ncolor-list: C (" + ptr(colors) +
+                                                 ")\n  color mpls\n  color unknown\nend \n\n  User: P2");
     pol_tloc_list_user_remove(ctx_, list, &p1_match->match_entry);
     pol_tloc_list_action_user_remove(ctx_, list, &p1_set->set_entry);
     pol_tloc_list_action_user_remove(ctx_, list, &p2_set->set_entry);
-    pol_color_list_user_remove(ctx_, pol_color_list_find(ctx_, "C"), &p2_match->match_entry);
+    pol_color_list_user_remove(ctx_, colors, &p2_match->match_entry);
 }
 
 TEST_F(TlocListTest, PreferenceAndLabelFlagRules)
@@ -170,10 +179,9 @@ TEST_F(TlocListTest, ColoursCountOnTheirLow16Bits)
 {
     ASSERT_EQ(pol_color_list_add_entry(ctx_, "C", 0x10105), ERR_OK);
     t_color_entry *e = pol_color_list_find_entry(ctx_, "C", 0x105);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->color, 0x105);
-    EXPECT_EQ(pol_color_list_find_entry(ctx_, "C", 0x20105), e);
-    EXPECT_EQ(pol_color_list_lookup(pol_color_list_find(ctx_, "C"), 0x20105), e);
+    ASSERT_TRUE(e != nullptr && e->color == 0x105);
+    EXPECT_TRUE(pol_color_list_find_entry(ctx_, "C", 0x20105) == e &&
+                pol_color_list_lookup(pol_color_list_find(ctx_, "C"), 0x20105) == e);
     pol_color_list_add_entry(ctx_, "C", 0x105);
     EXPECT_EQ(TAILQ_NEXT(e, color_entry), nullptr);
     pol_color_list_del_entry(ctx_, "C", 0x30105);
@@ -185,39 +193,29 @@ TEST_F(TlocListTest, ColoursCountOnTheirLow16Bits)
 // and both lookups agree with it.
 TEST_F(TlocListTest, QueueInIdentityOrderUnderRandomChanges)
 {
-    std::vector<t_tloc_id> universe;
+    std::vector<t_tloc_id> u;
     for (uint32_t n = 0; n < 24; n++) {
-        universe.push_back(tloc(1 + n % 3, static_cast<uint8_t>(1 + n / 6), static_cast<uint8_t>(1 + n % 2)));
+        u.push_back(tloc(1 + n % 3, static_cast<uint8_t>(1 + n / 6), static_cast<uint8_t>(1 + n % 2)));
     }
-    std::sort(universe.begin(), universe.end(),
-              [](const t_tloc_id &x, const t_tloc_id &y) { return TLOC_CMP(&x, &y) < 0; });
     t_tloc_list *list = pol_tloc_list_find_or_create(ctx_, "R", nullptr);
     ASSERT_NE(list, nullptr);
-    std::map<std::size_t, uint32_t> held;  // universe index -> preference
-    std::mt19937 rng(20240611);
-    for (int step = 0; step < 600; step++) {
-        const std::size_t i = rng() % universe.size();
-        const uint32_t pref = rng() % 100;
-        if (rng() % 3 != 0) {
-            pol_tloc_list_add_entry(ctx_, "R", &universe[i], pref);
-            held[i] = pref;
-        } else {
-            pol_tloc_list_del_entry(ctx_, "R", &universe[i]);
-            held.erase(i);
-        }
-        ListModel queued;
-        for (t_tloc_entry *e = TAILQ_FIRST(&list->tloc_entry_head); e; e = TAILQ_NEXT(e, tloc_entry)) {
-            auto u = std::find_if(universe.begin(), universe.end(),
-                                  [&](const t_tloc_id &t) { return TLOC_CMP(&t, &e->tloc) == 0; });
-            queued.emplace_back(u - universe.begin(), e->route_preference);
-        }
-        ASSERT_EQ(queued, ListModel(held.begin(), held.end())) << "step " << step;
-        for (std::size_t j = 0; j < universe.size(); j++) {
-            t_tloc_entry *e = pol_tloc_list_find_entry(ctx_, "R", &universe[j]);
-            ASSERT_EQ(pol_tloc_list_lookup(list, &universe[j]), e);
-            ASSERT_EQ(e != nullptr, held.count(j) == 1) << "step " << step << " item " << j;
-        }
-    }
+    check_index_against_queue(
+        20240611, 600, u.size(), 100, [&](std::size_t i, std::size_t j) { return TLOC_CMP(&u[i], &u[j]) < 0; },
+        [&](std::size_t i, uint32_t pref) { pol_tloc_list_add_entry(ctx_, "R", &u[i], pref); },
+        [&](std::size_t i, uint32_t) { pol_tloc_list_del_entry(ctx_, "R", &u[i]); },
+        [&] {
+            ListModel queued;
+            for (t_tloc_entry *e = TAILQ_FIRST(&list->tloc_entry_head); e; e = TAILQ_NEXT(e, tloc_entry)) {
+                auto at = std::find_if(u.begin(), u.end(), [&](const t_tloc_id &t) { return TLOC_CMP(&t, &e->tloc) == 0; });
+                queued.emplace_back(at - u.begin(), e->route_preference);
+            }
+            return queued;
+        },
+        [&](std::size_t i) {
+            t_tloc_entry *e = pol_tloc_list_find_entry(ctx_, "R", &u[i]);
+            EXPECT_EQ(pol_tloc_list_lookup(list, &u[i]), e);
+            return e ? std::optional<uint32_t>(e->route_preference) : std::nullopt;
+        });
 }
 
 // Appends the TLOC it is asked for to the label table.
@@ -261,49 +259,22 @@ std::vector<std::pair<uint32_t, uint32_t>> label_table(const char *list)
 // came back in (a re-commit adds them anew).
 TEST_F(TlocListTest, LabelTableDependsOnlyOnTheContent)
 {
-    constexpr uint32_t kTlocs = 70;
-    auto add = [&](const char *list, uint32_t n) {
+    auto change = [&](const char *list, uint32_t n, bool add = true) {
         const t_tloc_id t = tloc(1 + n, 1);
-        ASSERT_EQ(pol_tloc_list_add_entry(ctx_, list, &t, n), ERR_OK);
+        ASSERT_EQ(add ? pol_tloc_list_add_entry(ctx_, list, &t, n) : pol_tloc_list_del_entry(ctx_, list, &t), ERR_OK);
     };
-    for (uint32_t n = 0; n < kTlocs; n++) {
-        add("ascending", n);
-        add("descending", kTlocs - 1 - n);
-        add("recommitted", n);
+    for (uint32_t n = 0; n < 70; n++) {
+        change("ascending", n);
+        change("descending", 69 - n);
+        change("recommitted", n);
     }
-    for (uint32_t n = 0; n < 10; n++) {
-        const t_tloc_id t = tloc(1 + n, 1);
-        pol_tloc_list_del_entry(ctx_, "recommitted", &t);
-    }
-    for (uint32_t n = 0; n < 10; n++) {
-        add("recommitted", n);
+    for (uint32_t n = 0; n < 20; n++) {
+        change("recommitted", n % 10, n >= 10);
     }
     const auto table = label_table("ascending");
     ASSERT_EQ(table.size(), std::size_t{POL_MAX_TE_ENTRIES});
     EXPECT_EQ(label_table("descending"), table);
     EXPECT_EQ(label_table("recommitted"), table);
-}
-
-TEST_F(TlocListTest, DumpTexts)
-{
-    t_tloc_id a = tloc(1, 2, 2), b = tloc(2, 40, 1);
-    pol_tloc_list_add_entry(ctx_, "T", &a, 9);
-    pol_tloc_list_add_entry(ctx_, "T", &b, 0);
-    t_pol_entry *m = sequence("P", 1), *s = sequence("Q", 1);
-    t_tloc_list *list = pol_tloc_list_user_add(ctx_, "T", &m->match_entry);
-    pol_tloc_list_action_user_add(ctx_, "T", &s->set_entry);
-    pol_color_list_add_entry(ctx_, "C", 2);
-    pol_color_list_add_entry(ctx_, "C", 999);
-    t_color_list *colors = pol_color_list_user_add(ctx_, "C", &m->match_entry);
-
-    EXPECT_EQ(dump(pol_dump_tloc_list_all), heading("TLOC LISTS") + "\ntloc-list: T (" + ptr(list) +
-                                                ", 1)\n  tloc 10.0.0.1:mpls:ipsec preference 9"
-                                                "\n  tloc 10.0.0.2:unknown:gre preference 0\nend \n\n  User: P");
-    EXPECT_EQ(dump(pol_dump_color_list_all), heading("COLOR LISTS") + "\ncolor-list: C (" + ptr(colors) +
-                                                 ")\n  color mpls\n  color unknown\nend \n\n  User: P");
-    pol_tloc_list_user_remove(ctx_, list, &m->match_entry);
-    pol_tloc_list_action_user_remove(ctx_, list, &s->set_entry);
-    pol_color_list_user_remove(ctx_, colors, &m->match_entry);
 }
 
 }  // namespace
