@@ -1,5 +1,6 @@
 // Exported entry points: the context's life cycle, registration, the
 // questions a host asks about its handle, and the execution frame.
+#include "pol_fwd_label.h"
 #include "pol_util.hpp"
 
 namespace {
@@ -108,6 +109,7 @@ void pol_destroy(void)
     t_pol_ctx *ctx = g_pol_ctx_p;
     ctx->pol_ctx_flags |= POL_CTX_FLAG_DESTROYING;
     pol_block_destroy(ctx);
+    pol_fwd_target_index_release();
     for (family_init_f deinit : kFamilyDeinit) {
         deinit(ctx);
     }

@@ -246,10 +246,20 @@ int target_ref_cmp(const void *a, const void *b)
     return x->key != y->key ? pol::cmp3(x->key, y->key) : pol::cmp3(x->ordinal, y->ordinal);
 }
 
+// The index is counted as the blocks' memory, as their sequence
+// candidates are.
+constexpr e_pol_mem kIndexMem = POL_MEM_BLOCK;
+
+template <typename T>
+T *index_array(uint32_t n)
+{
+    return static_cast<T *>(pol_calloc(n + 1, sizeof(T), kIndexMem));
+}
+
 void drop_index()
 {
-    std::free(g_index.refs);
-    std::free(g_index.seqs);
+    pol_free(g_index.refs, kIndexMem);
+    pol_free(g_index.seqs, kIndexMem);
     g_index = target_index{};
     g_index_valid = false;
 }
@@ -263,11 +273,11 @@ bool build_index(t_pol_ctx *ctx)
         n_refs += keys;
         n_seqs += keys != 0 ? 1 : 0;
     });
-    auto *refs = static_cast<target_ref *>(std::calloc(n_refs + 1, sizeof(target_ref)));
-    auto *seqs = static_cast<target_seq *>(std::calloc(n_seqs + 1, sizeof(target_seq)));
+    auto *refs = index_array<target_ref>(n_refs);
+    auto *seqs = index_array<target_seq>(n_seqs);
     if (refs == nullptr || seqs == nullptr) {
-        std::free(refs);
-        std::free(seqs);
+        pol_free(refs, kIndexMem);
+        pol_free(seqs, kIndexMem);
         return false;
     }
     uint32_t ordinal = 0, r = 0;
@@ -355,26 +365,28 @@ void eval_candidates(t_pol_ctx *ctx, const target_index &index, const originator
 
 /* ---- name sets ---- */
 
-// Beside each set's queue, a hash of copies of its names, so that a lookup
-// does not walk the queue. The hash holds no pointer into the queue: a
-// queue emptied elsewhere is noticed (found empty) and its hash started
-// afresh. A hash that could not grow is dropped and the set is walked
-// until it is next emptied.
+// Beside each set's queue, a hash table of copies of its names, so that a
+// lookup does not walk the queue. The table holds no pointer into the
+// queue: a queue emptied elsewhere is noticed (found empty) and its table
+// started afresh. A table that could not grow is dropped and the set is
+// walked until it is next emptied. The set records and their tables are
+// counted as the queue's nodes are.
 constexpr std::size_t kNameLen = sizeof(t_list_name_entry::list_name);
-constexpr uint32_t kFirstBuckets = 64;
+constexpr uint32_t kFirstSlots = 64;  // a power of two; the table doubles at half full
+constexpr e_pol_mem kNameMem = POL_MEM_ENTRY_LIST;
 
 struct name_slot {
-    name_slot *next;
+    bool used;
     char name[kNameLen];
 };
 
 struct name_set {
     const t_list_name_head *list;
     name_set *next;
-    name_slot **buckets;
-    uint32_t n_buckets;
+    name_slot *slots;  // open addressing, linear probing
+    uint32_t n_slots;
     uint32_t count;
-    bool walk;  // no hash: the queue is walked
+    bool walk;  // no table: the queue is walked
 };
 
 name_set *g_name_sets = nullptr;
@@ -396,15 +408,9 @@ bool same_name(const char *stored, const char *name)
 
 void drop_slots(name_set *set)
 {
-    for (uint32_t b = 0; b < set->n_buckets; b++) {
-        while (name_slot *slot = set->buckets[b]) {
-            set->buckets[b] = slot->next;
-            std::free(slot);
-        }
-    }
-    std::free(set->buckets);
-    set->buckets = nullptr;
-    set->n_buckets = 0;
+    pol_free(set->slots, kNameMem);
+    set->slots = nullptr;
+    set->n_slots = 0;
     set->count = 0;
 }
 
@@ -417,7 +423,7 @@ name_set *name_set_of(const t_list_name_head *list)
             return set;
         }
     }
-    auto *set = static_cast<name_set *>(std::calloc(1, sizeof(name_set)));
+    auto *set = pol::alloc_record<name_set>(kNameMem);
     if (set != nullptr) {
         set->list = list;
         set->walk = !TAILQ_EMPTY(list);
@@ -434,7 +440,7 @@ void forget_name_set(const t_list_name_head *list)
             name_set *set = *at;
             *at = set->next;
             drop_slots(set);
-            std::free(set);
+            pol_free(set, kNameMem);
             return;
         }
     }
@@ -451,56 +457,51 @@ bool walk_finds(const t_list_name_head *list, const char *name)
     return false;
 }
 
-bool hash_finds(const name_set *set, const char *name)
+// The slot holding name, or the free slot where it would go.
+name_slot *probe(name_slot *slots, uint32_t n_slots, const char *name)
 {
-    if (set->n_buckets == 0) {
-        return false;
+    uint32_t at = static_cast<uint32_t>(name_hash(name)) & (n_slots - 1);
+    while (slots[at].used && !same_name(slots[at].name, name)) {
+        at = (at + 1) & (n_slots - 1);
     }
-    for (const name_slot *slot = set->buckets[name_hash(name) % set->n_buckets]; slot != nullptr;
-         slot = slot->next) {
-        if (same_name(slot->name, name)) {
-            return true;
-        }
-    }
-    return false;
+    return &slots[at];
 }
 
-// Doubles the buckets once the set holds as many names as buckets.
+bool table_finds(const name_set *set, const char *name)
+{
+    return set->n_slots != 0 && probe(set->slots, set->n_slots, name)->used;
+}
+
+// Doubles the table once it is half full.
 bool grow(name_set *set)
 {
-    if (set->count < set->n_buckets) {
+    if (2 * (set->count + 1) <= set->n_slots) {
         return true;
     }
-    const uint32_t n = set->n_buckets == 0 ? kFirstBuckets : set->n_buckets * 2;
-    auto **buckets = static_cast<name_slot **>(std::calloc(n, sizeof(name_slot *)));
-    if (buckets == nullptr) {
+    const uint32_t n = set->n_slots == 0 ? kFirstSlots : set->n_slots * 2;
+    auto *slots = static_cast<name_slot *>(pol_calloc(n, sizeof(name_slot), kNameMem));
+    if (slots == nullptr) {
         return false;
     }
-    for (uint32_t b = 0; b < set->n_buckets; b++) {
-        while (name_slot *slot = set->buckets[b]) {
-            set->buckets[b] = slot->next;
-            name_slot *&head = buckets[name_hash(slot->name) % n];
-            slot->next = head;
-            head = slot;
+    for (uint32_t i = 0; i < set->n_slots; i++) {
+        if (set->slots[i].used) {
+            *probe(slots, n, set->slots[i].name) = set->slots[i];
         }
     }
-    std::free(set->buckets);
-    set->buckets = buckets;
-    set->n_buckets = n;
+    pol_free(set->slots, kNameMem);
+    set->slots = slots;
+    set->n_slots = n;
     return true;
 }
 
-bool hash_add(name_set *set, const char *name)
+bool table_add(name_set *set, const char *name)
 {
-    auto *slot = static_cast<name_slot *>(std::calloc(1, sizeof(name_slot)));
-    if (slot == nullptr || !grow(set)) {
-        std::free(slot);
+    if (!grow(set)) {
         return false;
     }
+    name_slot *slot = probe(set->slots, set->n_slots, name);
+    slot->used = true;
     strlcpy(slot->name, name, kNameLen);
-    name_slot *&head = set->buckets[name_hash(name) % set->n_buckets];
-    slot->next = head;
-    head = slot;
     set->count++;
     return true;
 }
@@ -528,6 +529,11 @@ void pol_fwd_eval_label(t_pol_ctx *ctx, struct _t_vmgmtd_context *vmgmtd_ctx_p, 
         }
     }
     pol_user_chg_list_notify_all(ctx);
+}
+
+void pol_fwd_target_index_release(void)
+{
+    drop_index();
 }
 
 void pol_fwd_eval_block(t_pol_ctx *ctx, struct _t_vmgmtd_context *, t_pol_block *block,
@@ -589,7 +595,7 @@ int pol_fwd_list_exists(t_list_name_head *list, const char *name)
         set->walk = false;
     }
     const bool hashed = set != nullptr && !set->walk;
-    if (hashed ? hash_finds(set, name) : walk_finds(list, name)) {
+    if (hashed ? table_finds(set, name) : walk_finds(list, name)) {
         return 1;
     }
     auto *node = pol::alloc_record<t_list_name_entry>(POL_MEM_ENTRY_LIST);
@@ -598,7 +604,7 @@ int pol_fwd_list_exists(t_list_name_head *list, const char *name)
     }
     strlcpy(node->list_name, name, kNameLen);
     TAILQ_INSERT_TAIL(list, node, list_name_entry);
-    if (hashed && !hash_add(set, name)) {
+    if (hashed && !table_add(set, name)) {
         drop_slots(set);
         set->walk = true;
     }

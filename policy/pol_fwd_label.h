@@ -34,6 +34,10 @@ struct _t_vmgmtd_context;
  * moved. */
 extern uint64_t g_pol_fwd_target_changes;
 
+/* Releases the label evaluation's index of sequences by target (the
+ * context is going away); the next evaluation builds it again. */
+void pol_fwd_target_index_release(void);
+
 /* Re-evaluates one data block for the originator TLOC (IPv4 word as
  * t_ipaddr stores it, colour, encapsulation 0): the sequences of VPN id
  * vpn_id that steer to it or to the service are refreshed and the block's

@@ -112,12 +112,6 @@ document::document(const char *root_name) : doc_(xmlNewDoc(BAD_CAST "1.0"))
     }
 }
 
-document::~document()
-{
-    doc_.reset();
-    xmlCleanupParser();
-}
-
 char *document::dump(pol_xml_t *out, const cpu_timer &timer) const
 {
     xmlChar *text = nullptr;

@@ -210,11 +210,12 @@ struct doc_deleter {
 };
 
 // The document of one object while it is built: version "1.0" with its
-// root element. Freed with the wrapper whatever happens.
+// root element. Freed with the wrapper whatever happens. libxml2's global
+// state is left alone: the library runs inside daemons whose other parts
+// may be using libxml2 at the same time.
 class document {
 public:
     explicit document(const char *root_name);
-    ~document();
     document(const document &) = delete;
     document &operator=(const document &) = delete;
 

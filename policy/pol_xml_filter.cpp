@@ -194,7 +194,6 @@ char *pol_xml_fetch_compat_config(const char *ns, const char *xml_buf, size_t xm
     xmlDocPtr doc = xmlReadMemory(xml_buf, static_cast<int>(xml_buf_siz), nullptr, nullptr, XML_PARSE_NONET);
     if (doc == nullptr) {
         POL_LOG("Error parsing XML");
-        xmlCleanupParser();
         return nullptr;
     }
     char *out = nullptr;
@@ -214,7 +213,6 @@ char *pol_xml_fetch_compat_config(const char *ns, const char *xml_buf, size_t xm
         }
     }
     xmlFreeDoc(doc);
-    xmlCleanupParser();
     return out;
 }
 

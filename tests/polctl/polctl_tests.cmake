@@ -43,6 +43,12 @@ polctl_test(polctl_render_data 0 ARGS render examples/data-policy.xml
   GOLDEN ${POLCTL_GOLDEN}/render-data.txt)
 polctl_test(polctl_render_data_kind 0 ARGS render --kind sla-class examples/data-policy.xml
   GOLDEN ${POLCTL_GOLDEN}/render-data-sla-class.txt)
+# With the label callback answering from a labels file: the TLOC-list,
+# set-TLOC and service sequences show the labels and targets it gave.
+polctl_test(polctl_render_data_labels 0 ARGS render examples/data-policy.xml --labels examples/labels.txt
+  GOLDEN ${POLCTL_GOLDEN}/render-data-labels.txt)
+polctl_test(polctl_stats_labels 0 ARGS --json stats --labels examples/labels.txt examples/data-policy.xml
+  OUT_REGEX "\"documents\": 15,")
 polctl_test(polctl_render_json 0 ARGS --json render examples/data-policy.xml JSON_ARRAY 15)
 polctl_test(polctl_render_json_kind 0 ARGS --json render --kind vpn-list examples/data-policy.xml
   JSON_ARRAY 2)
@@ -70,6 +76,8 @@ polctl_test(polctl_usage_render_kind 2 ARGS render --kind policy examples/data-p
 polctl_test(polctl_usage_kind_elsewhere 2 ARGS stats --kind vpn-list examples/data-policy.xml
   ERR_REGEX "--kind goes with render only")
 polctl_test(polctl_usage_render 2 ARGS render ERR_REGEX "render needs one CONFIG")
+polctl_test(polctl_usage_labels_elsewhere 2 ARGS check --labels examples/labels.txt examples/data-policy.xml
+  ERR_REGEX "--labels goes with render and stats only")
 polctl_test(polctl_usage_diff 2 ARGS diff examples/policy.xml ERR_REGEX "diff needs OLD and NEW")
 
 # Bad input: exit 1 with the file and line (or the configuration path).
@@ -140,6 +148,9 @@ polctl_test(polctl_bad_render 1 ARGS render ${POLCTL_DATA}/malformed.xml
 polctl_test(polctl_bad_stats 1 ARGS --json stats ${POLCTL_DATA}/dangling-ref.xml
   OUT_REGEX "\"command\": \"stats\""
   ERR_REGEX "polctl: ${POLCTL_DATA}/dangling-ref.xml: Invalid leafref value")
+# Every bad line of a labels file, each named by file and line; nothing renders.
+polctl_test(polctl_bad_labels 1 ARGS render examples/data-policy.xml --labels ${POLCTL_DATA}/bad-labels.txt
+  GOLDEN_ERR ${POLCTL_GOLDEN}/bad-labels.err OUT_REGEX "^$")
 polctl_test(polctl_bad_missing_file 1 ARGS check ${POLCTL_DATA}/no-such-file.xml
   ERR_REGEX "no-such-file.xml: cannot open")
 polctl_test(polctl_bad_routes 1 ARGS run examples/policy.xml ${POLCTL_DATA}/bad-routes.txt

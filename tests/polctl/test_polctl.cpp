@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "polctl_cmd_internal.hpp"
+#include "polctl_labels.hpp"
 
 #ifndef POLCTL_TEST_EXAMPLES
 #error "POLCTL_TEST_EXAMPLES names the examples directory"
@@ -112,6 +113,71 @@ TEST(LabelTable, RuleCountsTheService)
     uint32_t label = 0;
     ASSERT_TRUE(polctl::parse_tloc("10.0.0.2:mpls:ipsec", &tloc) && labels.resolve(tloc, 40, 1, &label));
     EXPECT_EQ(label, 102022u);
+}
+
+// The callback of a labels file answers each question from the first line
+// that fits it, and with label 0 and no TE entry when none does, whatever
+// the label held before.
+TEST(LabelsFile, CallbackAnswersFromTheFirstFittingLine)
+{
+    const std::string path = kRoutesPath + ".labels";
+    std::ofstream(path) << "tloc 10.0.0.1:mpls:ipsec label 11 vpn 12\n"
+                           "tloc 10.0.0.1:mpls:ipsec label 10\n"
+                           "tloc 10.0.0.2:mpls:ipsec label 20 service firewall\n"
+                           "service firewall vpn 40 label 5\n"
+                           "service firewall vpn 40 originator 10.0.0.5:mpls te 10.0.0.6:mpls:ipsec 6 60 "
+                           "te 10.0.0.7:lte:gre 7 70\n";
+    polctl::labels_file file;
+    ASSERT_TRUE(polctl::read_labels_file(path, &file));
+    std::remove(path.c_str());
+    ASSERT_TRUE(file.errors.empty()) << file.errors[0].text();
+    const t_pol_label_cb_f cb = polctl::label_callback_from(&file);
+    auto tloc = [](const char *text) {
+        t_tloc_id t{};
+        EXPECT_TRUE(polctl::parse_tloc(text, &t)) << text;
+        return t;
+    };
+    struct Case {
+        const char *tloc;  // asked for a TLOC; null: for a service
+        const char *originator;  // service: null for none
+        uint64_t vpn;
+        uint16_t service;
+        std::string answer;  // "label" or "label:te-label/preference,..."
+    };
+    const Case cases[] = {
+        {"10.0.0.1:mpls:ipsec", nullptr, 12, 0, "11"},
+        {"10.0.0.1:mpls:ipsec", nullptr, 13, 0, "10"},
+        {"10.0.0.1:mpls:gre", nullptr, 12, 0, "0"},
+        {"10.0.0.2:mpls:ipsec", nullptr, 12, 0, "0"},
+        {"10.0.0.2:mpls:ipsec", nullptr, 12, 1, "20"},
+        {nullptr, nullptr, 40, 1, "5:"},
+        {nullptr, "10.0.0.5:mpls:gre", 40, 1, "0:6/60,7/70,"},
+        {nullptr, "10.0.0.5:lte:gre", 40, 1, "0:"},
+        {nullptr, "10.0.0.5:mpls:gre", 41, 1, "0:"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.answer);
+        uint32_t label = 99;
+        if (c.tloc != nullptr) {
+            const t_tloc_id t = tloc(c.tloc);
+            cb(1, t.addr.u.addr4.s_addr, t.color, t.encap, c.vpn, c.service, false, &label, nullptr, nullptr, 0);
+            EXPECT_EQ(std::to_string(label), c.answer);
+            continue;
+        }
+        t_tloc_id originator{};
+        if (c.originator != nullptr) {
+            originator = tloc(c.originator);
+            originator.encap = 0;  // the library asks without one
+        }
+        t_pol_te_info te{};
+        cb(1, 0, 0, 0, c.vpn, c.service, true, &label, &originator, &te, 0);
+        std::string answer = std::to_string(label) + ":";
+        for (uint32_t i = 0; i < te.num_entries; i++) {
+            answer += std::to_string(te.entries[i].label) + "/" + std::to_string(te.entries[i].preference) + ",";
+        }
+        EXPECT_EQ(answer, c.answer);
+    }
+    polctl::label_callback_from(nullptr);
 }
 
 TEST(RoutesFile, RoutesCarryEveryAttributeTheyName)

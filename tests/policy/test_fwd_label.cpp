@@ -231,7 +231,9 @@ TEST_F(FwdLabelTest, EvaluationLooksOnlyAtItsOwnSequences)
         ASSERT_EQ(pol_fwd_entry_tloc_upd(nullptr, ctx_, "B", POL_TYPE_DATA, "W", n, true, &far), ERR_OK);
     }
     notified();
+    const int64_t blocks = live_count(POL_MEM_BLOCK);
     EXPECT_EQ(evaluate(3, 12, 9), std::vector<std::string>{"3/1:12:0"});  // the index is made here
+    EXPECT_EQ(live_count(POL_MEM_BLOCK), blocks + 2);  // counted as the blocks' memory, freed with the context
     for (int i = 0; i < 100; i++) {
         pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000009u), 1, 12, 7, false);  // aimed at by none
     }
@@ -265,6 +267,14 @@ TEST_F(FwdLabelTest, ServiceSequenceTakesTheHostsAnswer)
 
 TEST_F(FwdLabelTest, AllocationFailures)
 {
+    // The target index: the evaluation walks instead and asks the same.
+    {
+        AllocFailure fail(POL_MEM_BLOCK);
+        EXPECT_EQ(evaluate(3, 12, 9), std::vector<std::string>{"3/1:12:0"});
+    }
+    notified();
+    g_host.calls.clear();
+
     // The bare label's node: logged, and the rest of the policy is left.
     g_host.service_label = 55;
     {
@@ -357,7 +367,7 @@ TEST_F(NameSetTest, TestAndInsert)
         }
         EXPECT_EQ(pol_fwd_list_exists(&list_, s.name.c_str()), s.answer);
     }
-    EXPECT_EQ(live_count(POL_MEM_ENTRY_LIST), 6);
+    EXPECT_EQ(live_count(POL_MEM_ENTRY_LIST), 6 + 2);  // the names, the set's record and its table
 
     // Emptied: by its own clear, or by hand elsewhere; names count afresh.
     pol_fwd_list_clear(&list_);
@@ -380,17 +390,34 @@ TEST_F(NameSetTest, TestAndInsert)
     pol_fwd_list_clear(&other);
 }
 
-// Many names, each asked twice: every name is found again, none twice.
+// Many names, each asked twice: every name is found again, none twice,
+// also when the table cannot grow (the 36th allocation of the set is its
+// first growth, at 32 names) and the set is walked from then on.
 TEST_F(NameSetTest, ManyNamesEachOnce)
 {
     constexpr int kNames = 5000;
-    int answers = 0;
-    for (int round = 0; round < 2; round++) {
-        for (int i = 0; i < kNames; i++) {
-            answers += pol_fwd_list_exists(&list_, ("list-" + std::to_string(i)).c_str());
+    struct Case {
+        unsigned fail_at;  // 0: none
+        int tables;        // left with the set's record
+    };
+    for (const Case c : {Case{0, 1}, Case{36, 0}}) {
+        SCOPED_TRACE(c.fail_at);
+        std::optional<AllocFailure> fail;
+        if (c.fail_at != 0) {
+            fail.emplace(POL_MEM_ENTRY_LIST, c.fail_at);
         }
+        const int64_t before = live_count(POL_MEM_ENTRY_LIST);
+        int answers = 0;
+        for (int round = 0; round < 2; round++) {
+            for (int i = 0; i < kNames; i++) {
+                answers += pol_fwd_list_exists(&list_, ("list-" + std::to_string(i)).c_str());
+            }
+        }
+        EXPECT_EQ(answers, kNames);
+        EXPECT_EQ(live_count(POL_MEM_ENTRY_LIST), before + kNames + 1 + c.tables);
+        pol_fwd_list_clear(&list_);
+        EXPECT_EQ(live_count(POL_MEM_ENTRY_LIST), before);
     }
-    EXPECT_EQ(answers, kNames);
 }
 
 }  // namespace

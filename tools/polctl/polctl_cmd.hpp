@@ -15,6 +15,7 @@ enum exit_status { EXIT_OK = 0, EXIT_INPUT = 1, EXIT_USAGE = 2 };
 struct options {
     bool json = false;
     uint32_t debug = 0;  // library debug level; its log lines go to err
+    std::string labels;  // render and stats: the labels file the label callback answers from
 };
 
 int cmd_run(const options &opt, const std::string &config, const std::string &routes,

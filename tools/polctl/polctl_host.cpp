@@ -100,7 +100,7 @@ bool host::start(std::string *error)
     }
     t_pol_init_params init;
     std::memset(&init, 0, sizeof(init));
-    init.pol_label_cb = on_label;
+    init.pol_label_cb = label_cb_ != nullptr ? label_cb_ : on_label;
     init.tenant_vpn_id = 1;
     std::snprintf(init.tenant_orgname, sizeof(init.tenant_orgname), "%s", "polctl");
     ctx_ = pol_init(&init);

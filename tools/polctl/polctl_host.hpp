@@ -67,6 +67,10 @@ public:
     host(const host &) = delete;
     host &operator=(const host &) = delete;
 
+    // The label callback start hands the library instead of this host's
+    // own (which labels TE tables by label_table's rule only).
+    void set_label_callback(t_pol_label_cb_f cb) { label_cb_ = cb; }
+
     // False with a message when the library or the datastore cannot start.
     bool start(std::string *error);
 
@@ -109,6 +113,7 @@ private:
     std::vector<std::unique_ptr<user_record>> users_;
     std::vector<notification> notifications_;
     label_table labels_;
+    t_pol_label_cb_f label_cb_ = nullptr;
 };
 
 }  // namespace polctl

@@ -33,6 +33,8 @@ const char kUsage[] =
     "  --json          print the report as JSON\n"
     "  --debug LEVEL   library debug level; its log lines go to standard error\n"
     "  --kind K        render: only the documents of kind K (data-policy, vpn-list, ...)\n"
+    "  --labels FILE   render, stats: the label callback answers from FILE (labels of\n"
+    "                  TLOCs, targets of services; docs/polctl-routes.md)\n"
     "  -h, --help      print this help\n"
     "\n"
     "exit status: 0 done, 1 bad input (the message names the file and line, or the\n"
@@ -72,6 +74,11 @@ int main(int argc, char **argv)
                 return usage_error("--kind needs a kind");
             }
             kind = argv[++i];
+        } else if (arg == "--labels") {
+            if (i + 1 >= argc || argv[i + 1][0] == '\0') {
+                return usage_error("--labels needs a file");
+            }
+            opt.labels = argv[++i];
         } else if (arg == "--debug") {
             char *end = nullptr;
             if (i + 1 >= argc) {
@@ -100,6 +107,9 @@ int main(int argc, char **argv)
     };
     if (!kind.empty() && command != "render") {
         return usage_error("--kind goes with render only");
+    }
+    if (!opt.labels.empty() && command != "render" && command != "stats") {
+        return usage_error("--labels goes with render and stats only");
     }
     if (command == "run") {
         if (args.size() > 3) {

@@ -7,6 +7,7 @@
 
 #include "pol_xml.hpp"
 #include "polctl_cmd_internal.hpp"
+#include "polctl_labels.hpp"
 
 namespace polctl {
 
@@ -74,14 +75,23 @@ bool render_documents(e_pol_xml_type only, std::vector<rendered_doc> *docs,
 }
 
 // Commits the configuration and renders its documents: EXIT_OK, or the
-// exit status of the failure, already reported.
-int commit_and_render(host &h, const options &opt, const char *command, const std::string &config,
-                      e_pol_xml_type only, std::vector<rendered_doc> *docs, std::ostream &out,
-                      std::ostream &err)
+// exit status of the failure, already reported. With a labels file, the
+// library's label callback answers from it, and its service answers are
+// reported before rendering; it outlives the host.
+int commit_and_render(host &h, labels_file &labels, const options &opt, const char *command,
+                      const std::string &config, e_pol_xml_type only, std::vector<rendered_doc> *docs,
+                      std::ostream &out, std::ostream &err)
 {
+    if (!opt.labels.empty()) {
+        if (!read_labels_file(opt.labels, &labels) || !labels.errors.empty()) {
+            return input_failure(opt, command, config, labels.errors, out, err);
+        }
+        h.set_label_callback(label_callback_from(&labels));
+    }
     if (int rc = start_and_commit(h, opt, command, config, out, err); rc != EXIT_OK) {
         return rc;
     }
+    report_service_answers(h.ctx(), labels);
     std::vector<input_error> errors;
     if (!render_documents(only, docs, &errors)) {
         for (input_error &e : errors) {
@@ -103,9 +113,10 @@ int cmd_render(const options &opt, const std::string &config, const std::string 
             << "\"\n";
         return EXIT_USAGE;
     }
+    labels_file labels;
     host h;
     std::vector<rendered_doc> docs;
-    if (int rc = commit_and_render(h, opt, "render", config, only, &docs, out, err); rc != EXIT_OK) {
+    if (int rc = commit_and_render(h, labels, opt, "render", config, only, &docs, out, err); rc != EXIT_OK) {
         return rc;
     }
     if (opt.json) {
@@ -126,9 +137,10 @@ int cmd_render(const options &opt, const std::string &config, const std::string 
 
 int cmd_stats(const options &opt, const std::string &config, std::ostream &out, std::ostream &err)
 {
+    labels_file labels;
     host h;
     std::vector<rendered_doc> docs;
-    if (int rc = commit_and_render(h, opt, "stats", config, POL_XML_TYPE_INVALID, &docs, out, err);
+    if (int rc = commit_and_render(h, labels, opt, "stats", config, POL_XML_TYPE_INVALID, &docs, out, err);
         rc != EXIT_OK) {
         return rc;
     }

@@ -19,156 +19,6 @@ namespace polctl {
 
 namespace {
 
-// What reading one line of the file gave.
-enum class line_status { ok, too_long, nul_byte, file_too_long, end };
-
-// Limits that keep a file without newlines, or one that never ends (a
-// device, a pipe), from growing polctl without bound.
-constexpr size_t kMaxLineLength = 4096;
-constexpr uint64_t kMaxFileBytes = 4u << 20;
-
-// Lines of at most kMaxLineLength characters, from at most kMaxFileBytes
-// bytes; a longer line is read to its end but not kept.
-class bounded_reader {
-public:
-    explicit bounded_reader(std::streambuf &in) : in_(in) {}
-
-    line_status next(std::string *text)
-    {
-        using traits = std::char_traits<char>;
-        text->clear();
-        bool any = false;
-        bool too_long = false;
-        bool nul_byte = false;
-        while (true) {
-            if (total_ >= kMaxFileBytes && in_.sgetc() != traits::eof()) {
-                return line_status::file_too_long;
-            }
-            const int c = in_.sbumpc();
-            if (c == traits::eof() && !any) {
-                return line_status::end;
-            }
-            if (c == traits::eof() || c == '\n') {
-                break;
-            }
-            total_++;
-            any = true;
-            nul_byte = nul_byte || c == '\0';
-            if (text->size() < kMaxLineLength) {
-                text->push_back(static_cast<char>(c));
-            } else {
-                too_long = true;
-            }
-        }
-        total_++;
-        if (too_long) {
-            return line_status::too_long;
-        }
-        return nul_byte ? line_status::nul_byte : line_status::ok;
-    }
-
-private:
-    std::streambuf &in_;
-    uint64_t total_ = 0;
-};
-
-std::string line_problem(line_status status)
-{
-    switch (status) {
-    case line_status::too_long:
-        return "line longer than " + std::to_string(kMaxLineLength) + " characters";
-    case line_status::nul_byte:
-        return "NUL byte in the line";
-    default:
-        return "file longer than " + std::to_string(kMaxFileBytes) +
-               " bytes; the rest is not read";
-    }
-}
-
-// A line's words, and the first problem found in them.
-class line_reader {
-public:
-    line_reader(const std::string &text)
-    {
-        std::istringstream in(text.substr(0, text.find('#')));
-        std::string word;
-        while (in >> word) {
-            words_.push_back(word);
-        }
-    }
-
-    bool empty() const { return words_.empty(); }
-    size_t size() const { return words_.size(); }
-    bool done() const { return pos_ >= words_.size(); }
-    const std::string &peek() const { return words_[pos_]; }
-
-    // The next word, or a problem naming what was expected.
-    bool next(const char *what, std::string *word)
-    {
-        if (done()) {
-            return fail(std::string("missing ") + what);
-        }
-        *word = words_[pos_++];
-        return true;
-    }
-
-    // The words from index from to the end, joined by blanks.
-    std::string rest_from(size_t from) const
-    {
-        std::string out;
-        for (size_t i = from; i < words_.size(); i++) {
-            out += (i == from ? "" : " ") + words_[i];
-        }
-        return out;
-    }
-
-    bool fail(const std::string &message)
-    {
-        if (error_.empty()) {
-            error_ = message;
-        }
-        return false;
-    }
-
-    const std::string &error() const { return error_; }
-
-private:
-    std::vector<std::string> words_;
-    size_t pos_ = 0;
-    std::string error_;
-};
-
-bool parse_number(const std::string &text, uint64_t max, uint64_t *value)
-{
-    if (text.empty() || text.size() > 20 ||
-        text.find_first_not_of("0123456789") != std::string::npos) {
-        return false;
-    }
-    errno = 0;
-    const unsigned long long n = std::strtoull(text.c_str(), nullptr, 10);
-    if (errno != 0 || n > max) {
-        return false;
-    }
-    *value = n;
-    return true;
-}
-
-bool parse_address(const std::string &text, t_ipaddr *addr)
-{
-    std::memset(addr, 0, sizeof(*addr));
-    struct in_addr v4;
-    if (inet_pton(AF_INET, text.c_str(), &v4) == 1) {
-        IPADDR_SET_V4(addr, v4.s_addr);
-        return true;
-    }
-    uint8_t v6[16];
-    if (inet_pton(AF_INET6, text.c_str(), v6) == 1) {
-        IPADDR_SET_V6(addr, v6);
-        return true;
-    }
-    return false;
-}
-
 bool parse_prefix(const std::string &text, t_ipprefix *pfx)
 {
     std::memset(pfx, 0, sizeof(*pfx));
@@ -180,28 +30,6 @@ bool parse_prefix(const std::string &text, t_ipprefix *pfx)
     }
     pfx->prefixlen = static_cast<uint8_t>(len);
     return true;
-}
-
-bool parse_color(const std::string &text, uint8_t *color)
-{
-    for (uint32_t code = 1; code <= ZEN_TLOC_COLOR_MAX; code++) {
-        if (text == zen_util_tloc_color_name(code)) {
-            *color = static_cast<uint8_t>(code);
-            return true;
-        }
-    }
-    return false;
-}
-
-bool parse_encap(const std::string &text, uint8_t *encap)
-{
-    for (uint32_t code = ZEN_TLOC_ENCAP_GRE; code < ZEN_TLOC_ENCAP_MAX; code++) {
-        if (text == zen_util_tloc_encap_name(code)) {
-            *encap = static_cast<uint8_t>(code);
-            return true;
-        }
-    }
-    return false;
 }
 
 struct origin_name {
@@ -385,11 +213,9 @@ void read_label(line_reader &in, routes_file *out, bool unreachable)
         }
         decl.label = static_cast<uint32_t>(label);
     }
-    if (!in.done()) {
-        in.fail("unexpected \"" + in.peek() + "\"");
-        return;
+    if (in.expect_end()) {
+        out->labels.push_back(decl);
     }
-    out->labels.push_back(decl);
 }
 
 // One attribute of a route: keyword and value.
@@ -557,30 +383,6 @@ void read_route(line_reader &in, routes_file *out, int line)
 
 }  // namespace
 
-std::string input_error::text() const
-{
-    if (line > 0) {
-        return file + ":" + std::to_string(line) + ": " + message;
-    }
-    return file + ": " + message;
-}
-
-bool parse_tloc(const std::string &text, t_tloc_id *tloc)
-{
-    std::memset(tloc, 0, sizeof(*tloc));
-    const size_t last = text.rfind(':');
-    if (last == std::string::npos || last == 0) {
-        return false;
-    }
-    const size_t middle = text.rfind(':', last - 1);
-    if (middle == std::string::npos) {
-        return false;
-    }
-    return parse_address(text.substr(0, middle), &tloc->addr) &&
-           parse_color(text.substr(middle + 1, last - middle - 1), &tloc->color) &&
-           parse_encap(text.substr(last + 1), &tloc->encap);
-}
-
 const char *device_name(e_zen_device device)
 {
     switch (device) {
@@ -596,39 +398,14 @@ const char *device_name(e_zen_device device)
 bool read_routes_file(const std::string &path, routes_file *out)
 {
     out->path = path;
-    std::ifstream file(path);
-    if (!file) {
-        out->errors.push_back({path, 0, std::string("cannot open: ") + std::strerror(errno)});
-        return false;
-    }
-    struct stat st;
-    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-        out->errors.push_back({path, 0, "is a directory, not a routes file"});
-        return false;
-    }
-    bounded_reader reader(*file.rdbuf());
-    std::string text;
-    int line = 0;
     bool device_seen = false;
-    for (line_status status; (status = reader.next(&text)) != line_status::end;) {
-        line++;
-        if (status != line_status::ok) {
-            out->errors.push_back({path, line, line_problem(status)});
-            if (status == line_status::file_too_long) {
-                break;
-            }
-            continue;
-        }
-        line_reader in(text);
-        if (in.empty()) {
-            continue;
-        }
+    return read_statements(path, "routes file", &out->errors, [&](int line, line_reader &in) {
         std::string statement;
         in.next("statement", &statement);
         if (statement == "device") {
             read_device(in, out, &device_seen);
-            if (in.error().empty() && !in.done()) {
-                in.fail("unexpected \"" + in.peek() + "\"");
+            if (in.error().empty()) {
+                in.expect_end();
             }
         } else if (statement == "user") {
             read_user(in, out);
@@ -646,11 +423,7 @@ bool read_routes_file(const std::string &path, routes_file *out)
             in.fail("unknown statement \"" + statement +
                     "\" (device, user, label, unreachable or route)");
         }
-        if (!in.error().empty()) {
-            out->errors.push_back({path, line, in.error()});
-        }
-    }
-    return true;
+    });
 }
 
 route_execution::route_execution(const route_decl &route, e_zen_device device)

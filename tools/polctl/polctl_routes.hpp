@@ -8,17 +8,9 @@
 #include <vector>
 
 #include "pol_internal.h"
+#include "polctl_lines.hpp"
 
 namespace polctl {
-
-// A problem of one line of an input file.
-struct input_error {
-    std::string file;
-    int line = 0;
-    std::string message;
-
-    std::string text() const;
-};
 
 struct user_decl {
     int line = 0;
@@ -63,8 +55,7 @@ struct routes_file {
 // (with one error) only when the file cannot be read.
 bool read_routes_file(const std::string &path, routes_file *out);
 
-// Text forms shared with the output: "10.0.0.1:mpls:ipsec" and device names.
-bool parse_tloc(const std::string &text, t_tloc_id *tloc);
+// The device kind as the routes file and the output name it.
 const char *device_name(e_zen_device device);
 
 // One run of a declared route through pol_execute, set up as a host does:
