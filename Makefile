@@ -76,9 +76,10 @@ valgrind: build ## run every test binary and polctl under valgrind memcheck; fai
 	done; \
 	if [ -n "$$failed" ]; then echo "valgrind: errors in:$$failed" >&2; exit 1; fi
 
-demo: build ## load the examples with polctl, print the policies, run the example routes
+demo: build ## load the examples with polctl, print the policies, run the example routes; publish an edge's data policies into a daemon of its own
 	./$(BUILD)/tools/polctl show policies examples/policy.xml examples/routes.txt
 	./$(BUILD)/tools/polctl run examples/policy.xml examples/routes.txt
+	./scripts/demo-publish $(BUILD)
 
 bench: deps $(BUILD_REL)/CMakeCache.txt ## run every benchmark of a release build; fails if any misses its target
 	cmake --build $(BUILD_REL) -j$(JOBS)

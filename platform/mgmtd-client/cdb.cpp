@@ -1,6 +1,7 @@
 // Data connections: read sessions on the running or operational database.
 #include "client.hpp"
 
+#include <cstdlib>
 #include <cstring>
 
 using zen::client::call;
@@ -112,6 +113,37 @@ int cdb_delete(int sock, const char *fmt, ...)
     const int rc = path_call(sock, MGMTD_OP_CDB_DELETE, fmt, ap, results);
     va_end(ap);
     return rc;
+}
+
+int cdb_get_tree(int sock, enum cdb_tree_format format, char **text, const char *fmt, ...)
+{
+    if (text == nullptr) {
+        return fail(MGMTD_ERR_PROTOUSAGE, "no text pointer");
+    }
+    *text = nullptr;
+    if (fmt == nullptr) {
+        return fail(MGMTD_ERR_BADPATH, "no path");
+    }
+    va_list ap;
+    va_start(ap, fmt);
+    writer w;
+    w.i32(format).str(zen::client::vformat(fmt, ap));
+    va_end(ap);
+    std::string results;
+    if (!call(sock, MGMTD_OP_CDB_GET_TREE, w, results)) {
+        return MGMTD_ERR;
+    }
+    zen::wire::reader r(results);
+    const std::string tree = r.str();
+    if (!r.ok()) {
+        return fail(MGMTD_ERR_PROTO, "truncated tree answer");
+    }
+    *text = static_cast<char *>(std::malloc(tree.size() + 1));
+    if (*text == nullptr) {
+        return fail(MGMTD_ERR_MALLOC, "no memory for the tree text");
+    }
+    std::memcpy(*text, tree.c_str(), tree.size() + 1);
+    return MGMTD_OK;
 }
 
 }  // extern "C"

@@ -4,6 +4,7 @@
 #include <zen/maapi.h>
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace zen::mgmtd {
 
@@ -44,6 +45,34 @@ failure data_request(const wire::reader &r, const connection_state &c)
     return f ? f : need_data_session(c);
 }
 
+// The nodes with their subtrees and their parents, merged into one
+// forest and printed.
+failure print_with_parents(const std::vector<lyd_node *> &nodes, LYD_FORMAT format, std::string &out)
+{
+    tree forest;
+    for (const lyd_node *node : nodes) {
+        lyd_node *dup = nullptr;
+        if (lyd_dup_single(node, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_PARENTS, &dup) != LY_SUCCESS) {
+            return fail(MGMTD_ERR_MALLOC, "cannot copy the tree");
+        }
+        while (dup->parent != nullptr) {
+            dup = lyd_parent(dup);
+        }
+        const tree copy(dup);
+        if (lyd_merge_siblings(forest.slot(), copy.first(), 0) != LY_SUCCESS) {
+            return fail(MGMTD_ERR_INTERNAL, "cannot merge the tree");
+        }
+    }
+    char *text = nullptr;
+    if (forest.first() != nullptr &&
+        lyd_print_mem(&text, forest.first(), format, LYD_PRINT_WITHSIBLINGS) != LY_SUCCESS) {
+        return fail(MGMTD_ERR_INTERNAL, "cannot print the tree");
+    }
+    out = text != nullptr ? text : "";
+    std::free(text);
+    return {};
+}
+
 int schema_kind(const lysc_node *schema)
 {
     switch (schema->nodetype) {
@@ -81,6 +110,7 @@ const daemon::op_entry daemon::kOps[] = {
     {MGMTD_OP_CDB_PUSHD, MGMTD_CONN_CDB, &daemon::cdb_pushd},
     {MGMTD_OP_CDB_POPD, MGMTD_CONN_CDB, &daemon::cdb_popd},
     {MGMTD_OP_CDB_DELETE, MGMTD_CONN_CDB, &daemon::cdb_delete},
+    {MGMTD_OP_CDB_GET_TREE, MGMTD_CONN_CDB, &daemon::cdb_get_tree},
 };
 
 /* ---- connections ---- */
@@ -497,6 +527,25 @@ failure daemon::cdb_delete(connection_state &c, wire::reader &r, wire::writer &)
         return fail(MGMTD_ERR_NOT_WRITABLE, "data sessions change operational data only");
     }
     return store_.delete_operational(join_path(c.cwd, path));
+}
+
+failure daemon::cdb_get_tree(connection_state &c, wire::reader &r, wire::writer &w)
+{
+    const int32_t format = r.i32();
+    std::string full;
+    std::vector<lyd_node *> nodes;
+    if (failure f = session_data(c, r, full, nodes)) {
+        return f;
+    }
+    if (format != CDB_TREE_XML && format != CDB_TREE_JSON) {
+        return fail(MGMTD_ERR_PROTOUSAGE, "tree format " + std::to_string(format) + " is not known");
+    }
+    std::string text;
+    if (failure f = print_with_parents(nodes, format == CDB_TREE_JSON ? LYD_JSON : LYD_XML, text)) {
+        return f;
+    }
+    w.str(text);
+    return {};
 }
 
 }  // namespace zen::mgmtd

@@ -86,6 +86,7 @@ private:
     failure cdb_pushd(connection_state &c, wire::reader &r, wire::writer &w);
     failure cdb_popd(connection_state &c, wire::reader &r, wire::writer &w);
     failure cdb_delete(connection_state &c, wire::reader &r, wire::writer &w);
+    failure cdb_get_tree(connection_state &c, wire::reader &r, wire::writer &w);
 
     void end_user_session(connection_state &c);
     failure writable_transaction(connection_state &c, int handle, transaction *&out);

@@ -376,15 +376,15 @@ long mgmtd_ds_tree_count(const mgmtd_ds_tree_t *tree, const char *xpath)
     return tree != nullptr ? count_of(tree->root, xpath) : 0;
 }
 
-long mgmtd_ds_tree_foreach(const mgmtd_ds_tree_t *tree, const char *xpath,
-                           void (*fn)(void *fn_ctx_p, const char *value), void *fn_ctx_p)
+static long foreach_of(const lyd_node *root, const char *xpath,
+                       void (*fn)(void *fn_ctx_p, const char *value), void *fn_ctx_p)
 {
-    if (tree == nullptr || tree->root == nullptr) {
+    if (root == nullptr) {
         return 0;
     }
     ly_set *set = nullptr;
-    if (lyd_find_xpath(tree->root, xpath, &set) != LY_SUCCESS) {
-        ly_err_clean(const_cast<ly_ctx *>(LYD_CTX(tree->root)), nullptr);
+    if (lyd_find_xpath(root, xpath, &set) != LY_SUCCESS) {
+        ly_err_clean(const_cast<ly_ctx *>(LYD_CTX(root)), nullptr);
         return -1;
     }
     for (uint32_t i = 0; i < set->count; i++) {
@@ -395,6 +395,12 @@ long mgmtd_ds_tree_foreach(const mgmtd_ds_tree_t *tree, const char *xpath,
     const long n = static_cast<long>(set->count);
     ly_set_free(set, nullptr);
     return n;
+}
+
+long mgmtd_ds_tree_foreach(const mgmtd_ds_tree_t *tree, const char *xpath,
+                           void (*fn)(void *fn_ctx_p, const char *value), void *fn_ctx_p)
+{
+    return tree != nullptr ? foreach_of(tree->root, xpath, fn, fn_ctx_p) : 0;
 }
 
 int mgmtd_ds_commit(mgmtd_ds_t *ds, mgmtd_ds_tree_t *tree)
@@ -435,6 +441,12 @@ char *mgmtd_ds_running_text(const mgmtd_ds_t *ds)
 long mgmtd_ds_running_count(const mgmtd_ds_t *ds, const char *xpath)
 {
     return count_of(ds->running, xpath);
+}
+
+long mgmtd_ds_running_foreach(const mgmtd_ds_t *ds, const char *xpath,
+                              void (*fn)(void *fn_ctx_p, const char *value), void *fn_ctx_p)
+{
+    return foreach_of(ds->running, xpath, fn, fn_ctx_p);
 }
 
 const char *mgmtd_ds_tag_name(const mgmtd_ds_t *ds, uint32_t tag)

@@ -504,4 +504,49 @@ TEST_F(MgmtdDaemon, ConcurrentClientsLoseAndDuplicateNoCommit)
     EXPECT_EQ(count("/policy-from-qarmon/sla-class"), kClients);
 }
 
+// Subtrees read back whole: every node a path names with its parents, in
+// one document, in XML or JSON; nothing there is an empty text.
+TEST_F(MgmtdDaemon, DataSessionsReadSubtreesWithTheirParents)
+{
+    ASSERT_EQ(publish(show_doc(data_policy("dp1", "vl1") + data_policy("dp2", "vl2") + vpn_list("vl1", 1)),
+                      kShowFlags, MGMTD_OPERATIONAL),
+              0);
+    struct row {
+        const char *path;
+        cdb_tree_format format;
+        int errcode;
+        std::vector<std::string> present;  // in this order
+        std::vector<std::string> absent;
+    } rows[] = {
+        {"/policy/from-qarmon/data-policy", CDB_TREE_XML, 0,
+         {"<policy xmlns=\"urn:zen:params:xml:ns:yang:zen-policy-edge\">", "<from-qarmon>", "<name>dp1</name>",
+          "<name>vl1</name>", "<name>dp2</name>", "</from-qarmon>"},
+         {"<lists>", "</policy>\n<policy"}},  // one chain of parents for both
+        {"/policy/from-qarmon/data-policy{dp2}/vpn-list", CDB_TREE_JSON, 0,
+         {"\"zen-policy-edge:policy\": {", "\"from-qarmon\": {", "\"name\": \"dp2\"", "\"name\": \"vl2\""},
+         {"dp1", "vl1"}},
+        {"/policy/from-qarmon/lists/app-list", CDB_TREE_XML, 0, {}, {"<"}},
+        {"/policy/from-qarmon", static_cast<cdb_tree_format>(3), MGMTD_ERR_PROTOUSAGE, {}, {}},
+        {"/policy/no-such-node", CDB_TREE_XML, MGMTD_ERR_BADPATH, {}, {}},
+    };
+    conn o = cdb_conn(port(), MGMTD_OPERATIONAL);
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.path);
+        char *text = nullptr;
+        ASSERT_EQ(err(cdb_get_tree(o.fd, r.format, &text, "%s", r.path)), r.errcode) << mgmtd_lasterr();
+        const std::string tree = text != nullptr ? text : "";
+        std::free(text);
+        EXPECT_EQ(text == nullptr, r.errcode != 0);
+        size_t at = 0;
+        for (const std::string &piece : r.present) {
+            at = tree.find(piece, at);
+            EXPECT_NE(at, std::string::npos) << piece << " in order in:\n" << tree;
+        }
+        for (const std::string &piece : r.absent) {
+            EXPECT_EQ(tree.find(piece), std::string::npos) << piece << " in:\n" << tree;
+        }
+    }
+    EXPECT_EQ(cdb_end_session(o.fd), MGMTD_OK);
+}
+
 }  // namespace

@@ -36,6 +36,18 @@ int cmd_render(const options &opt, const std::string &config, const std::string 
 // statistics tables of the documents.
 int cmd_stats(const options &opt, const std::string &config, std::ostream &out, std::ostream &err);
 
+// Controller side: commits CONFIG and prints the payload of the policies
+// that edge's apply-policy entry names (pol_fwd_policy_populate).
+int cmd_publish(const options &opt, const std::string &config, const std::string &edge,
+                std::ostream &out, std::ostream &err);
+// Edge side: wraps the payload in a file, filtered against the daemon's
+// schema, and loads it into the daemon on 127.0.0.1:port as configuration
+// (candidate, apply, commit), then as show data.
+int cmd_load(const options &opt, const std::string &payload_file, int port, std::ostream &out,
+             std::ostream &err);
+// Prints the show data under /policy/from-qarmon of the daemon on port.
+int cmd_show_data(const options &opt, int port, std::ostream &out, std::ostream &err);
+
 // Where the example inputs live: the source tree, or the installed copy.
 std::string examples_dir();
 

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <zen/maapi.h>
+
 #include "polctl_cmd.hpp"
 
 namespace {
@@ -25,6 +27,11 @@ const char kUsage[] =
     "                              object, or of the objects of kind K\n"
     "  stats CONFIG                commit and render CONFIG, then print the library's summary\n"
     "                              and statistics tables of the documents\n"
+    "  publish CONFIG --edge NAME  commit CONFIG and print the payload of the policies that\n"
+    "                              edge NAME's apply-policy entry names\n"
+    "  load PAYLOAD [--port N]     load a payload into the management daemon as configuration\n"
+    "                              (filtered against its schema) and as show data\n"
+    "  show-data [--port N]        print the daemon's show data under /policy/from-qarmon\n"
     "\n"
     "CONFIG is an XML or JSON (*.json) file of the zen-policy module; ROUTES a routes file.\n"
     "Defaults: the files of the examples directory (%s).\n"
@@ -35,10 +42,12 @@ const char kUsage[] =
     "  --kind K        render: only the documents of kind K (data-policy, vpn-list, ...)\n"
     "  --labels FILE   render, stats: the label callback answers from FILE (labels of\n"
     "                  TLOCs, targets of services; docs/polctl-routes.md)\n"
+    "  --edge NAME     publish: the edge router whose policies to publish\n"
+    "  --port N        load, show-data: the daemon's port on 127.0.0.1 (default 4565)\n"
     "  -h, --help      print this help\n"
     "\n"
     "exit status: 0 done, 1 bad input (the message names the file and line, or the\n"
-    "configuration path), 2 usage\n";
+    "configuration path) or a daemon that is down or refuses the load, 2 usage\n";
 
 void usage(std::ostream &out)
 {
@@ -60,6 +69,8 @@ int main(int argc, char **argv)
 {
     polctl::options opt;
     std::string kind;  // render only
+    std::string edge;  // publish only
+    int port = 0;      // load and show-data only; 0: not given
     std::vector<std::string> args;
     for (int i = 1; i < argc; i++) {
         const std::string arg = argv[i];
@@ -79,6 +90,18 @@ int main(int argc, char **argv)
                 return usage_error("--labels needs a file");
             }
             opt.labels = argv[++i];
+        } else if (arg == "--edge") {
+            if (i + 1 >= argc || argv[i + 1][0] == '\0') {
+                return usage_error("--edge needs an edge name");
+            }
+            edge = argv[++i];
+        } else if (arg == "--port") {
+            char *end = nullptr;
+            const long value = i + 1 < argc ? std::strtol(argv[++i], &end, 10) : 0;
+            if (end == nullptr || *end != '\0' || value < 1 || value > 65535) {
+                return usage_error("--port needs a port from 1 to 65535");
+            }
+            port = static_cast<int>(value);
         } else if (arg == "--debug") {
             char *end = nullptr;
             if (i + 1 >= argc) {
@@ -110,6 +133,27 @@ int main(int argc, char **argv)
     }
     if (!opt.labels.empty() && command != "render" && command != "stats") {
         return usage_error("--labels goes with render and stats only");
+    }
+    if (!edge.empty() && command != "publish") {
+        return usage_error("--edge goes with publish only");
+    }
+    if (port != 0 && command != "load" && command != "show-data") {
+        return usage_error("--port goes with load and show-data only");
+    }
+    if (command == "publish") {
+        if (args.size() != 2 || edge.empty()) {
+            return usage_error("publish needs one CONFIG and --edge NAME");
+        }
+        return polctl::cmd_publish(opt, args[1], edge, std::cout, std::cerr);
+    }
+    if (command == "load" || command == "show-data") {
+        const size_t want = command == "load" ? 2 : 1;
+        if (args.size() != want) {
+            return usage_error(command == "load" ? "load needs one PAYLOAD" : "show-data takes no argument");
+        }
+        const int daemon_port = port != 0 ? port : MGMTD_PORT;
+        return command == "load" ? polctl::cmd_load(opt, args[1], daemon_port, std::cout, std::cerr)
+                                 : polctl::cmd_show_data(opt, daemon_port, std::cout, std::cerr);
     }
     if (command == "run") {
         if (args.size() > 3) {

@@ -222,6 +222,20 @@ int cdb_popd(int sock);
 /* Deletes the node(s) a path names (operational sessions only). */
 int cdb_delete(int sock, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
+/* Text formats of cdb_get_tree. */
+enum cdb_tree_format {
+    CDB_TREE_XML = 1,
+    CDB_TREE_JSON = 2,
+};
+
+/*
+ * The node(s) a path names with everything below them and the chain of
+ * their parents, as one document in a format (JSON: the modules' JSON
+ * encoding). *text is malloc'ed (free it) and "" when nothing is there.
+ */
+int cdb_get_tree(int sock, enum cdb_tree_format format, char **text, const char *fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+
 /* ---- schema ---- */
 
 enum mgmtd_cs_kind {

@@ -170,6 +170,9 @@ uint32_t mgmtd_ds_delivered(const mgmtd_ds_t *ds);
 /* The running configuration as XML text (malloc'ed; "" when empty), null on failure. */
 char *mgmtd_ds_running_text(const mgmtd_ds_t *ds);
 long mgmtd_ds_running_count(const mgmtd_ds_t *ds, const char *xpath);
+/* As mgmtd_ds_tree_foreach, over the running configuration. */
+long mgmtd_ds_running_foreach(const mgmtd_ds_t *ds, const char *xpath,
+                              void (*fn)(void *fn_ctx_p, const char *value), void *fn_ctx_p);
 
 /* Name of a tag of the datastore's schema, null when unknown. */
 const char *mgmtd_ds_tag_name(const mgmtd_ds_t *ds, uint32_t tag);

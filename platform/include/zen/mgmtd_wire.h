@@ -60,6 +60,7 @@ enum mgmtd_wire_op {
     MGMTD_OP_CDB_PUSHD = 34,     /* str path */
     MGMTD_OP_CDB_POPD = 35,
     MGMTD_OP_CDB_DELETE = 36,    /* str path */
+    MGMTD_OP_CDB_GET_TREE = 37,  /* i32 format, str path -> str text */
 };
 
 #endif /* ZEN_MGMTD_WIRE_H */

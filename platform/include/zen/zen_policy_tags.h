@@ -149,7 +149,12 @@
     X(CFLOWD_TEMPLATE,         "cflowd-template",         0x7a700023)           \
     X(COLLECTOR,               "collector",               0x7a700024)           \
     X(PORT,                    "port",                    0x7a700025)           \
-    X(TRANSPORT,               "transport",               0x7a700026)
+    X(TRANSPORT,               "transport",               0x7a700026)           \
+    /* which policies each edge router gets: read by the host, not the readers */ \
+    X(APPLY_POLICY,            "apply-policy",            0x7a700027)           \
+    X(EDGE,                    "edge",                    0x7a700028)           \
+    X(DATA_POLICY_FROM_SERVICE, "data-policy-from-service", 0x7a700029)         \
+    X(DATA_POLICY_FROM_TUNNEL, "data-policy-from-tunnel", 0x7a70002a)
 /* clang-format on */
 
 #endif /* ZEN_POLICY_TAGS_H */
