@@ -2,12 +2,6 @@
 // originator's label change reaches and what the host is asked, the TLOC
 // list refresh walk, re-rendered documents, one notification per
 // evaluation, and the list-name sets of the document publisher.
-#include <arpa/inet.h>
-
-#include <functional>
-#include <string>
-#include <vector>
-
 #include <bsd/string.h>
 #include <libxml/xmlmemory.h>
 #include <policy/pol_config.h>
@@ -18,47 +12,6 @@
 using namespace poltest;
 
 namespace {
-
-// The host: a TLOC's label is 100 + the low byte of its address; a service
-// question (no address, a TE table) gets the answer set beforehand.
-struct LabelHost {
-    std::vector<std::string> calls;  // "host/colour:vpn:service"
-    uint32_t service_label = 0;
-    std::vector<t_pol_te> service_te;
-};
-LabelHost g_host;
-
-uint32_t host_byte(uint32_t word)
-{
-    return ntohl(word) & 0xff;
-}
-
-void label_cb(uint16_t, uint32_t addr, uint8_t color, uint8_t, uint64_t vpn_id, uint16_t service, bool,
-              uint32_t *label_p, t_tloc_id *, t_pol_te_info *te_info_p, uint32_t)
-{
-    g_host.calls.push_back(std::to_string(host_byte(addr)) + "/" + std::to_string(color) + ":" +
-                           std::to_string(vpn_id) + ":" + std::to_string(service));
-    if (te_info_p == nullptr) {
-        *label_p = 100 + host_byte(addr);
-        return;
-    }
-    *label_p = g_host.service_label;
-    for (const t_pol_te &e : g_host.service_te) {
-        te_info_p->entries[te_info_p->num_entries++] = e;
-    }
-}
-
-// A sequence's targets as "host/colour:label:preference".
-std::vector<std::string> targets(const t_pol_entry *entry)
-{
-    std::vector<std::string> out;
-    const t_tloc_entry *n;
-    TAILQ_FOREACH(n, &entry->set_entry.fwd_tloc_entry_head, tloc_entry) {
-        out.push_back(std::to_string(host_byte(n->tloc.addr.u.addr4.s_addr)) + "/" + std::to_string(n->tloc.color) +
-                      ":" + std::to_string(n->set_fwd_label) + ":" + std::to_string(n->route_preference));
-    }
-    return out;
-}
 
 // Data policy "D" on VPN list "V":
 //   10 TLOC 10.0.0.1 colour 1, VPN 12      20 TLOC list TL (.1, .2), VPN 12

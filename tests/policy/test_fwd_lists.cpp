@@ -6,27 +6,12 @@
 
 #include <zen/zen_util.h>
 
-#include "pol_test_support.hpp"
+#include "fwd_test_support.hpp"
 
 namespace {
 
 using namespace poltest;
 using Texts = std::vector<std::string>;
-
-// A condition linked as the data-policy model links it (a match entry under
-// a VPN-list record of a data policy).
-struct FwdCondition {
-    t_pol_fwd_vpn_entry vpn{};
-    t_pol_match_entry match{};
-    t_app_list_dll_node saas{};  // how the condition holds a SaaS list
-    explicit FwdCondition(const char *policy)
-    {
-        uint8_t changed = 0;
-        vpn.pol_block_p = pol_block_find_or_create(g_pol_ctx_p, policy, POL_TYPE_DATA, &changed);
-        match.pol_vpn_p = &vpn;
-        saas.match_entry_p = &match;
-    }
-};
 
 // Its data-policy users go first: a data policy with users outlives the
 // shutdown's deletion.
@@ -113,7 +98,7 @@ TEST_F(FwdPfxListTest, CommitsReachBothRolesInOnePassAndListsOutliveTheirUsers)
         const std::string src_pol = std::string(f.what) + "-src", dst_pol = std::string(f.what) + "-dst";
         watch(dst_pol.c_str());
         watch(src_pol.c_str());
-        FwdCondition src(src_pol.c_str()), dst(dst_pol.c_str()), other(dst_pol.c_str());
+        DataSequence src(src_pol.c_str()), dst(dst_pol.c_str()), other(dst_pol.c_str());
         t_fwd_pfx_list *list = f.user_add(ctx_, "L", POL_FWD_LIST_SRC, &src.match);
         ASSERT_NE(list, nullptr);
         EXPECT_EQ(f.user_add(ctx_, "L", POL_FWD_LIST_DST, &dst.match), list);
@@ -156,7 +141,7 @@ TEST_F(FwdPfxListTest, CommitsReachBothRolesInOnePassAndListsOutliveTheirUsers)
 // chains of both by links of its own.
 TEST_F(FwdPfxListTest, DumpsShowEachFamilyWithItsPrefixesInOrderAndUsersByRole)
 {
-    FwdCondition s("S"), d1("D1"), d2("D2");
+    DataSequence s("S"), d1("D1"), d2("D2");
     kFamilies[0].add_text("edge", "10.1.0.0/16");
     kFamilies[0].add_text("edge", "10.0.0.0/8");
     t_fwd_pfx_list *edge = pol_fwd_pfx_list_user_add(ctx_, "edge", POL_FWD_LIST_DST, &d1.match);
@@ -198,15 +183,15 @@ Texts apps(t_app_list *list)
 
 const struct Chain {
     const char *what;
-    t_app_list *(*add)(t_pol_ctx *, const char *, FwdCondition &);
-    e_err (*remove)(t_pol_ctx *, t_app_list *, FwdCondition &);
+    t_app_list *(*add)(t_pol_ctx *, const char *, DataSequence &);
+    e_err (*remove)(t_pol_ctx *, t_app_list *, DataSequence &);
 } kChains[] = {
-    {"app", [](t_pol_ctx *c, const char *n, FwdCondition &f) { return pol_app_list_user_add(c, n, &f.match); },
-     [](t_pol_ctx *c, t_app_list *l, FwdCondition &f) { return pol_app_list_user_remove(c, l, &f.match); }},
-    {"dns", [](t_pol_ctx *c, const char *n, FwdCondition &f) { return pol_dns_app_list_user_add(c, n, &f.match); },
-     [](t_pol_ctx *c, t_app_list *l, FwdCondition &f) { return pol_dns_app_list_user_remove(c, l, &f.match); }},
-    {"saas", [](t_pol_ctx *c, const char *n, FwdCondition &f) { return pol_saas_app_list_user_add(c, n, &f.saas); },
-     [](t_pol_ctx *c, t_app_list *l, FwdCondition &f) { return pol_saas_app_list_user_remove(c, l, &f.saas); }},
+    {"app", [](t_pol_ctx *c, const char *n, DataSequence &f) { return pol_app_list_user_add(c, n, &f.match); },
+     [](t_pol_ctx *c, t_app_list *l, DataSequence &f) { return pol_app_list_user_remove(c, l, &f.match); }},
+    {"dns", [](t_pol_ctx *c, const char *n, DataSequence &f) { return pol_dns_app_list_user_add(c, n, &f.match); },
+     [](t_pol_ctx *c, t_app_list *l, DataSequence &f) { return pol_dns_app_list_user_remove(c, l, &f.match); }},
+    {"saas", [](t_pol_ctx *c, const char *n, DataSequence &f) { return pol_saas_app_list_user_add(c, n, &f.saas); },
+     [](t_pol_ctx *c, t_app_list *l, DataSequence &f) { return pol_saas_app_list_user_remove(c, l, &f.saas); }},
 };
 
 TEST_F(AppListTest, EachChainHearsOnlyOfCommitsAndKeepsItsListWhole)
@@ -214,7 +199,7 @@ TEST_F(AppListTest, EachChainHearsOnlyOfCommitsAndKeepsItsListWhole)
     for (const Chain &c : kChains) {
         SCOPED_TRACE(c.what);
         watch(c.what);
-        FwdCondition cond(c.what);
+        DataSequence cond(c.what);
         t_app_list *list = c.add(ctx_, "L", cond);  // an unknown name is created
         ASSERT_NE(list, nullptr);
         EXPECT_TRUE(list->fetch_xml == 1 && !pol_app_list_is_empty(list));
@@ -269,7 +254,7 @@ TEST_F(AppListTest, LastAddDecidesTheTypeNamesAreBoundedFailuresUndoCreation)
     EXPECT_TRUE(ghost->fetch_xml == 1 && apps(ghost).empty() && pol_app_list_is_empty(ghost));
     EXPECT_TRUE(pol_app_list_first(ctx_) == ghost && pol_app_list_next(ctx_, ghost)->app_list_name == name63);
 
-    FwdCondition cond("D");
+    DataSequence cond("D");
     const std::function<e_err()> creators[] = {
         [&] { return pol_app_list_entry_add_app(ctx_, "new", "web", POL_APP_LIST_TYPE_APP); },
         [&] { return pol_app_list_entry_del_app(ctx_, "new", "web"); },
@@ -294,7 +279,7 @@ TEST_F(AppListTest, OneCommitTellsTheChainsInOrderAndTheDumpShowsThem)
     for (const char *policy : {"D3", "D2", "D1"}) {
         watch(policy);
     }
-    FwdCondition a("D1"), a2("D1"), d("D2"), s("D3");
+    DataSequence a("D1"), a2("D1"), d("D2"), s("D3");
     pol_app_list_entry_add_app(ctx_, "apps", "web", POL_APP_LIST_TYPE_APP);
     pol_app_list_entry_add_app(ctx_, "apps", "mail", POL_APP_LIST_TYPE_APP_FAMILY);
     t_app_list *list = pol_saas_app_list_user_add(ctx_, "apps", &s.saas);

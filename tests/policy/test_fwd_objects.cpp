@@ -4,31 +4,13 @@
 // dumps.
 #include <bsd/string.h>
 
-#include "pol_test_support.hpp"
+#include "fwd_test_support.hpp"
 
 namespace {
 
 using namespace poltest;
 using Calls = std::vector<std::string>;
 using FwdObjectsTest = PolContextTest;
-
-// A data-policy sequence's entries as the data-policy model links them:
-// they reach their policy through the sequence's VPN record, never through
-// their own block pointer (pointed here at a decoy policy).
-struct DataSequence {
-    t_pol_fwd_vpn_entry vpn{};
-    t_pol_match_entry match{};
-    t_pol_set_entry set{};
-
-    explicit DataSequence(const char *policy, e_pol_type type = POL_TYPE_PFR)
-    {
-        uint8_t changed = 0;
-        vpn.pol_block_p = pol_block_find_or_create(g_pol_ctx_p, policy, type, &changed);
-        t_pol_block *decoy = pol_block_find_or_create(g_pol_ctx_p, "decoy", type, &changed);
-        match.pol_vpn_p = set.pol_vpn_p = &vpn;
-        match.pol_block_p = set.pol_block_p = decoy;
-    }
-};
 
 // Debug logging on for one scope.
 struct DebugLevel {
@@ -106,7 +88,7 @@ TEST_F(FwdObjectsTest, ValueObjectsLiveWhileConfiguredOrUsed)
     for (const Family &f : families) {
         SCOPED_TRACE(f.what);
         const int64_t live0 = live_count(f.row);
-        DataSequence seq("AR");
+        DataSequence seq("AR", POL_TYPE_PFR);
         calls.clear();
         for (bool by_user : {false, true}) {
             AllocFailure fail(f.row);
@@ -131,11 +113,11 @@ TEST_F(FwdObjectsTest, ValueObjectsLiveWhileConfiguredOrUsed)
 }
 
 // The dumps beyond what the command-line goldens show (the policer's is
-// theirs): a new SLA class's unset limits, a colour without DSCP, an
-// app-id's users.
+// theirs, an app-id's users test_fwd_entry's): a new SLA class's unset
+// limits, a colour without DSCP.
 TEST_F(FwdObjectsTest, DumpsOfFilledObjects)
 {
-    DataSequence s1("AR1"), s2("AR2"), d("DP", POL_TYPE_DATA);
+    DataSequence s1("AR1", POL_TYPE_PFR), s2("AR2", POL_TYPE_PFR);
     pol_fwd_sla_class_entry_change(ctx_, "fresh");
     t_fwd_sla_class *fresh = pol_fwd_sla_class_find(ctx_, "fresh");
     t_fwd_sla_class *sla = pol_fwd_sla_class_user_add(ctx_, "voice", &s1.set);
@@ -148,7 +130,6 @@ TEST_F(FwdObjectsTest, DumpsOfFilledObjects)
     pol_app_probe_class_add_entry(ctx_, "apc", 3, 0);
     t_app_probe_class *apc = pol_fwd_app_probe_class_user_add(ctx_, "apc", sla);
     apc->fetch_xml = 0;
-    t_fwd_app_id *app_id = pol_fwd_app_id_user_add(ctx_, "zoom", &d.match);
 
     const struct {
         void (*dump)(mgmtd_cli_user_info *);
@@ -166,8 +147,6 @@ TEST_F(FwdObjectsTest, DumpsOfFilledObjects)
              "\napp_probe_class: apc (0x" + ptr(apc) +
              ", 0)\n  Forwarding-Class: fc-voice\n  Color: 3\n  DSCP: Not Configured\n  Color: 5\n  DSCP: 46"
              "\n App Probe Class apc is referenced in : voice\nend \n"},
-        {pol_dump_fwd_app_id_all,
-         heading("FORWARDING APP IDS") + "\napp-id: zoom (" + ptr(app_id) + ")\n  APP ID User: DP\nend \n"},
     };
     for (const auto &c : cases) {
         EXPECT_EQ(dump(c.dump), c.expected);
@@ -175,7 +154,6 @@ TEST_F(FwdObjectsTest, DumpsOfFilledObjects)
 
     pol_fwd_sla_class_user_remove(ctx_, sla, &s1.set);
     pol_fwd_sla_class_user_remove(ctx_, sla, &s2.set);
-    pol_fwd_app_id_user_remove(ctx_, app_id, &d.match);
     // Torn down with the SLA class still in the app-probe class's chain.
 }
 
@@ -183,7 +161,7 @@ TEST_F(FwdObjectsTest, PolicerLeaves)
 {
     Calls calls;
     register_user("dp", "DP", POL_TYPE_DATA, POL_DIR_OUT, record_cb, &calls);
-    DataSequence d("DP", POL_TYPE_DATA);
+    DataSequence d("DP");
     t_fwd_policer *policer = pol_fwd_policer_user_add(ctx_, "P", &d.set);
     const struct {
         std::vector<mgmtd_tag_value_t> leaves;
@@ -269,7 +247,7 @@ TEST_F(FwdObjectsTest, ProbeClassChangesCascadeToSlaClasses)
     Calls calls;
     register_user("u2", "AR2", POL_TYPE_PFR, POL_DIR_OUT, record_cb, &calls);
     register_user("u1", "AR1", POL_TYPE_PFR, POL_DIR_OUT, record_cb, &calls);
-    DataSequence s1("AR1"), s2("AR2"), s3("AR1");
+    DataSequence s1("AR1", POL_TYPE_PFR), s2("AR2", POL_TYPE_PFR), s3("AR1", POL_TYPE_PFR);
     t_fwd_sla_class *b = pol_fwd_sla_class_user_add(ctx_, "B", &s2.set);
     t_fwd_sla_class *a = pol_fwd_sla_class_user_add(ctx_, "A", &s1.set);
     t_fwd_sla_class *lone = pol_fwd_sla_class_user_add(ctx_, "lone", &s3.set);
