@@ -161,3 +161,9 @@ polctl_test(polctl_bad_routes_directory 1 ARGS run examples/policy.xml ${POLCTL_
   ERR_REGEX "polctl: ${POLCTL_DATA}: is a directory, not a routes file")
 polctl_test(polctl_bad_config_directory 1 ARGS check ${POLCTL_DATA}
   ERR_REGEX "polctl: ${POLCTL_DATA}: is a directory, not a configuration file")
+# Every condition, action and list entry of the control side once, as the
+# library's dumps print the model the commit left.
+foreach(what policies lists)
+  polctl_test(polctl_show_control_leaves_${what} 0 ARGS show ${what} ${POLCTL_DATA}/control-leaves.xml
+    GOLDEN ${POLCTL_GOLDEN}/show-control-leaves-${what}.txt MASK_POINTERS 1)
+endforeach()
