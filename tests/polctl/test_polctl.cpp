@@ -34,23 +34,6 @@ polctl::routes_file read_routes(const std::string &text, bool ok = false)
     return rf;
 }
 
-class HostTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        std::string error;
-        ASSERT_TRUE(host_.start(&error)) << error;
-    }
-
-    void commit(const std::string &file)
-    {
-        std::string error;
-        ASSERT_EQ(host_.commit_file(kExamples + "/" + file, &error), MGMTD_DS_OK) << error;
-    }
-
-    polctl::host host_;
-};
-
 // The rule's service part; explicit labels, unreachable TLOCs and the rest
 // of the rule are pinned by the golden text of polctl run.
 TEST(LabelTable, RuleCountsTheService)
@@ -186,9 +169,11 @@ TEST(RoutesFile, UnreadableInputIsBoundedAndReported)
 // Users the library would take for one (same type and direction, names
 // equal up to a NUL byte or the library's 127-character field) get one
 // handle, held once, so it is unregistered once at the end.
-TEST_F(HostTest, OneHandlePerLibraryUser)
+TEST(Host, OneHandlePerLibraryUser)
 {
-    commit("policy.xml");
+    polctl::host host_;
+    std::string error;
+    ASSERT_TRUE(host_.start(&error) && host_.commit_file(kExamples + "/policy.xml", &error) == MGMTD_DS_OK) << error;
     const std::string long_name(127, 'n');
     struct { std::string first, second; e_pol_dir second_dir; bool both; } const cases[] = {
         {std::string("a\0x", 3), std::string("a\0y", 3), POL_DIR_OUT, false},
