@@ -2,12 +2,9 @@
 
 #include "pol_xml.hpp"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -30,108 +27,16 @@ namespace {
 
 /* ---- the route sample ---- */
 
-// Values the series files and the fuzz generator use, so that every
-// condition of theirs both holds and fails on some route of the sample.
-const char *const kSites[] = {"1", "5", "100", "150", "199", "250", "300"};
-const char *const kVpns[] = {"1", "10", "20", "25", "50", "60"};
-const char *const kTlocs[] = {"10.0.0.1:mpls:ipsec", "10.0.0.2:mpls:ipsec", "10.0.0.2:business-internet:ipsec",
-                              "10.0.0.3:lte:gre",    "10.0.0.4:gold:ipsec", "10.0.0.5:mpls:gre",
-                              "2001:db8::1:private1:ipsec"};
-const char *const kPrefixes4[] = {"10.0.0.0/8",     "10.1.0.0/16",    "10.1.2.0/24",
-                                  "10.1.2.0/28",    "172.16.5.0/24",  "172.16.0.0/12",
-                                  "192.168.1.0/24", "0.0.0.0/0",      "10.200.0.0/30"};
-const char *const kPrefixes6[] = {"2001:db8::/32", "2001:db8:1::/48", "2001:db8:1:2::/64", "fd00::/8",
-                                  "2001:db8:1:2::1/128"};
-const char *const kPreferences[] = {"50", "100", "200"};
-const char *const kTags[] = {"5", "7", "9"};
-const char *const kDomains[] = {"1", "2"};
-const char *const kOrigins[] = {"static", "connected", "bgp-external", "ospf-intra-area"};
-const char *const kMetrics[] = {"100", "800"};
-const char *const kOriginators[] = {"10.0.0.9", "10.0.0.1"};
-const char *const kCarriers[] = {"default", "carrier1", "carrier2"};
-const char *const kGroups[] = {"1", "2", "3", "1,2", "2,3"};
-const char *const kCommunities[] = {"65000:1",   "65000:10",  "65000:100",       "65001:5",
-                                    "no-export", "65535:666", "65000:1,65001:5", "65000:100,no-export"};
+#ifndef COMMIT_SERIES_ROUTES
+#error "COMMIT_SERIES_ROUTES names the routes file of the sample"
+#endif
 
-class sample_chooser {
-public:
-    uint32_t below(uint32_t n)
-    {
-        state_ = state_ * 6364136223846793005ULL + 1442695040888963407ULL;
-        return static_cast<uint32_t>((state_ >> 33) % n);
-    }
-    template <size_t N>
-    const char *pick(const char *const (&options)[N])
-    {
-        return options[below(N)];
-    }
-
-private:
-    uint64_t state_ = 20240601;
-};
-
-constexpr int kSampleRoutes = 320;
-
-std::string sample_attributes(sample_chooser &c)
-{
-    std::string out;
-    auto maybe = [&](const char *name, const char *value) {
-        if (c.below(100) < 55) {
-            out += std::string(" ") + name + " " + value;
-        }
-    };
-    maybe("site", c.pick(kSites));
-    maybe("tloc", c.pick(kTlocs));
-    maybe("preference", c.pick(kPreferences));
-    maybe("tag", c.pick(kTags));
-    maybe("domain", c.pick(kDomains));
-    maybe("origin", c.pick(kOrigins));
-    maybe("metric", c.pick(kMetrics));
-    maybe("originator", c.pick(kOriginators));
-    maybe("carrier", c.pick(kCarriers));
-    maybe("group", c.pick(kGroups));
-    maybe("community", c.pick(kCommunities));
-    return out;
-}
-
-// Virtual IPv4 and IPv6 routes, TLOC routes and service routes in turn.
-const std::vector<std::string> &sample_route_texts()
-{
-    static const std::vector<std::string> texts = [] {
-        sample_chooser c;
-        std::vector<std::string> out;
-        for (int i = 0; i < kSampleRoutes; i++) {
-            std::string text = i % 4 == 0   ? std::string("vroute ") + c.pick(kPrefixes4) + " vpn " + c.pick(kVpns)
-                               : i % 4 == 1 ? std::string("vroute ") + c.pick(kPrefixes6) + " vpn " + c.pick(kVpns)
-                               : i % 4 == 2 ? std::string("tloc ") + c.pick(kTlocs)
-                                            : std::string("service vpn ") + c.pick(kVpns);
-            out.push_back(text + sample_attributes(c));
-        }
-        return out;
-    }();
-    return texts;
-}
-
-// The sample read as polctl reads a routes file.
+// The sample as polctl reads a routes file.
 const std::vector<polctl::route_decl> &sample_routes()
 {
     static const std::vector<polctl::route_decl> routes = [] {
-        char path[] = "/tmp/commit-series-routes-XXXXXX";
-        const int fd = mkstemp(path);
-        if (fd < 0) {
-            harness_broken("no file for the route sample");
-        }
-        close(fd);
-        {
-            std::ofstream out(path);
-            for (const std::string &text : sample_route_texts()) {
-                out << "route u " << text << "\n";
-            }
-        }
         polctl::routes_file rf;
-        const bool read = polctl::read_routes_file(path, &rf);
-        std::remove(path);
-        if (!read || !rf.errors.empty() || rf.routes.size() != sample_route_texts().size()) {
+        if (!polctl::read_routes_file(COMMIT_SERIES_ROUTES, &rf) || !rf.errors.empty() || rf.routes.empty()) {
             harness_broken("route sample does not read: " + (rf.errors.empty() ? "?" : rf.errors.front().text()));
         }
         return rf.routes;
@@ -273,7 +178,7 @@ std::string first_change(const char *what, const snapshot &x, const snapshot &y,
     for (size_t u = 0; u < users.size(); u++) {
         for (size_t r = 0; skip.count(users[u].name) == 0 && r < sample_routes().size(); r++) {
             if (x.answers[u][r] != y.answers[u][r]) {
-                return "user " + users[u].name + what + sample_route_texts()[r] + "\":\n  " + x_name + " " +
+                return "user " + users[u].name + what + sample_routes()[r].text + "\":\n  " + x_name + " " +
                        x.answers[u][r] + "\n  " + y_name + " " + y.answers[u][r];
             }
         }

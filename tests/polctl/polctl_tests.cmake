@@ -167,3 +167,14 @@ foreach(what policies lists)
   polctl_test(polctl_show_control_leaves_${what} 0 ARGS show ${what} ${POLCTL_DATA}/control-leaves.xml
     GOLDEN ${POLCTL_GOLDEN}/show-control-leaves-${what}.txt MASK_POINTERS 1)
 endforeach()
+
+
+# The model the second example leaves, lists and policies (that a commit of
+# it over the first example leaves the same is the commit series' check),
+# and a commit of an unchanged configuration: no callback, nobody notified.
+foreach(what policies lists)
+  polctl_test(polctl_show_v2_${what} 0 ARGS show ${what} examples/policy-v2.xml
+    GOLDEN ${POLCTL_GOLDEN}/show-v2-${what}.txt MASK_POINTERS 1)
+endforeach()
+polctl_test(polctl_diff_unchanged 0 ARGS diff examples/policy-v2.xml examples/policy-v2.xml
+  OUT_REGEX "\ncommit 2: examples/policy-v2.xml\n  0 callbacks, 0 notifications\n$")

@@ -48,6 +48,21 @@ const char *const kKnownFaults[] = {
     "policy-kind-swap",
 };
 
+// The examples, committed one after the other and back: a change that
+// modifies, adds and deletes, then its reverse.
+const char *const kExampleSeries[] = {"policy.xml", "policy-v2.xml", "policy.xml"};
+
+void expect_every_step_equals_a_fresh_commit(const std::vector<std::string> &files)
+{
+    const std::vector<commit_series::user_spec> users = commit_series::users_of_files(files);
+    ASSERT_FALSE(users.empty());
+    for (const commit_series::step_report &r : commit_series::check_series(files, users)) {
+        SCOPED_TRACE("step " + std::to_string(r.step));
+        EXPECT_TRUE(r.committed) << r.refusal;
+        EXPECT_TRUE(r.difference.empty()) << r.difference;
+    }
+}
+
 // Every series directory must be in one of the tables, so that a new one
 // cannot be forgotten.
 TEST(CommitSeries, EveryStepEqualsAFreshCommitOfIt)
@@ -65,14 +80,14 @@ TEST(CommitSeries, EveryStepEqualsAFreshCommitOfIt)
             files.push_back(step.string());
         }
         ASSERT_GE(files.size(), 2u) << "a series has steps step-1.xml, step-2.xml, ...";
-        const std::vector<commit_series::user_spec> users = commit_series::users_of_files(files);
-        ASSERT_FALSE(users.empty());
-        for (const commit_series::step_report &r : commit_series::check_series(files, users)) {
-            SCOPED_TRACE("step " + std::to_string(r.step));
-            EXPECT_TRUE(r.committed) << r.refusal;
-            EXPECT_TRUE(r.difference.empty()) << r.difference;
-        }
+        expect_every_step_equals_a_fresh_commit(files);
     }
+    std::vector<std::string> examples;
+    for (const char *file : kExampleSeries) {
+        examples.push_back(fs::path(COMMIT_SERIES_DIR) / "../../../examples" / file);
+    }
+    SCOPED_TRACE("examples");
+    expect_every_step_equals_a_fresh_commit(examples);
 }
 
 }  // namespace

@@ -6,8 +6,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <map>
-#include <regex>
 #include <string>
 #include <tuple>
 
@@ -24,15 +22,6 @@ namespace {
 
 const std::string kExamples = POLCTL_TEST_EXAMPLES;
 
-// Everything the library's whole dump prints, without the addresses of
-// the records.
-std::string dump_all()
-{
-    const std::string dump =
-        polctl::cmd_detail::capture_dump([](mgmtd_cli_user_info *cli) { pol_dump_all(cli, 0, nullptr); });
-    return std::regex_replace(dump, std::regex("0x[0-9a-f]+"), "ADDR");
-}
-
 const std::string kRoutesPath = ::testing::TempDir() + "polctl_routes_" + std::to_string(getpid()) + ".txt";
 
 // What the routes reader makes of a file holding text; ok: what it must return.
@@ -43,65 +32,6 @@ polctl::routes_file read_routes(const std::string &text, bool ok = false)
     EXPECT_TRUE(polctl::read_routes_file(kRoutesPath, &rf) || !ok);
     std::remove(kRoutesPath.c_str());
     return rf;
-}
-
-class HostTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        std::string error;
-        ASSERT_TRUE(host_.start(&error)) << error;
-    }
-
-    void commit(const std::string &file)
-    {
-        std::string error;
-        ASSERT_EQ(host_.commit_file(kExamples + "/" + file, &error), MGMTD_DS_OK) << error;
-    }
-
-    polctl::host host_;
-};
-
-// What the whole dump shows, and must not show, after the second example
-// commit, which modifies, adds and deletes; a third commit goes back to
-// where the first one left the model. (The first model is pinned by the
-// golden text of polctl run.)
-TEST_F(HostTest, ExampleCommitsBuildTheModelTheConfigurationDescribes)
-{
-    commit("policy.xml");
-    const std::string first = dump_all();
-    commit("policy-v2.xml");
-    const std::string second = dump_all();
-    for (const char *want :
-         {"prefix 172.16.0.0/12 RANGE min 16 max 28",  // the bound that did not change stays
-          "tloc 10.0.0.2:mpls:ipsec preference 120",
-          "set [TLOC]\n    match: site-list spokes, prefix-list corp-prefixes\n    set: tloc 10.0.0.2:mpls:ipsec\n",
-          "set: tag 77, community 65000:999 65000:998\n", "set: vpn 40\n    default-action: reject"}) {
-        EXPECT_NE(second.find(want), std::string::npos) << "lacks " << want;
-    }
-    for (const char *gone :
-         {"business-internet:ipsec preference", "color-list: private-transports", "sequence 60:", "additive"}) {
-        EXPECT_EQ(second.find(gone), std::string::npos) << "has " << gone;
-    }
-    commit("policy.xml");
-    EXPECT_EQ(dump_all(), first);
-}
-
-TEST_F(HostTest, UsersHearOfTheirPolicyOnce)
-{
-    commit("policy.xml");
-    host_.register_user("spokes", "hub-and-spoke", POL_TYPE_ROUTE, POL_DIR_OUT);
-    host_.register_user("members", "vpn-membership", POL_TYPE_MEMBERSHIP, POL_DIR_IN);
-    host_.take_notifications();
-    commit("policy-v2.xml");
-    std::map<std::string, int> heard;
-    for (const polctl::notification &n : host_.take_notifications()) {
-        heard[n.user]++;
-    }
-    EXPECT_GT(heard["spokes"], 0);
-    EXPECT_EQ(heard["members"], 1);  // one change to its policy: one callback
-    commit("policy-v2.xml");
-    EXPECT_TRUE(host_.take_notifications().empty());
 }
 
 // The rule's service part; explicit labels, unreachable TLOCs and the rest
@@ -239,9 +169,11 @@ TEST(RoutesFile, UnreadableInputIsBoundedAndReported)
 // Users the library would take for one (same type and direction, names
 // equal up to a NUL byte or the library's 127-character field) get one
 // handle, held once, so it is unregistered once at the end.
-TEST_F(HostTest, OneHandlePerLibraryUser)
+TEST(Host, OneHandlePerLibraryUser)
 {
-    commit("policy.xml");
+    polctl::host host_;
+    std::string error;
+    ASSERT_TRUE(host_.start(&error) && host_.commit_file(kExamples + "/policy.xml", &error) == MGMTD_DS_OK) << error;
     const std::string long_name(127, 'n');
     struct { std::string first, second; e_pol_dir second_dir; bool both; } const cases[] = {
         {std::string("a\0x", 3), std::string("a\0y", 3), POL_DIR_OUT, false},

@@ -149,6 +149,11 @@ TEST_F(Exec, ListIndexesFallBackToTheEntriesWhenTheirAllocationFails)
         std::function<Route(int)> probe;            // route i of four
         std::vector<bool> before, after;            // accepted, before and after grow
     };
+    // Both prefix conditions: the list's own index and the policy's.
+    auto pfx_probe = [](int i) {
+        return vroute(1, std::vector<const char *>{"10.1.0.0/16", "10.1.1.0/24", "172.16.1.0/24", "192.168.0.0/16"}[i]);
+    };
+    const std::vector<bool> pfx_before{true, false, false, true}, pfx_after{true, false, true, true};
     const Case cases[] = {
         {"site list", POL_MEM_LIST_SITE,
          [&](t_pol_entry *e) {
@@ -195,10 +200,7 @@ TEST_F(Exec, ListIndexesFallBackToTheEntriesWhenTheirAllocationFails)
              pol_entry_match_pfx_list_add(ctx_, e, &key, &changed_);
          },
          [&] { add_pfx("172.16.0.0/12", PFX_OP_GE, 24, 0); },
-         [&] { return pol_pfx_list_find(ctx_, &key)->exec_index; },
-         [](int i) { return vroute(1, std::vector<const char *>{"10.1.0.0/16", "10.1.1.0/24", "172.16.1.0/24",
-                                                                 "192.168.0.0/16"}[i]); },
-         {true, false, false, true}, {true, false, true, true}},
+         [&] { return pol_pfx_list_find(ctx_, &key)->exec_index; }, pfx_probe, pfx_before, pfx_after},
         // The policy's sequence index, over the prefix conditions of enough
         // sequences to be indexed (the first decides).
         {"sequence index", POL_MEM_BLOCK,
@@ -211,10 +213,7 @@ TEST_F(Exec, ListIndexesFallBackToTheEntriesWhenTheirAllocationFails)
              }
          },
          [&] { add_pfx_to(key2, "172.16.0.0/12", PFX_OP_GE, 24, 0); },
-         [&] { return block_->exec_index; },
-         [](int i) { return vroute(1, std::vector<const char *>{"10.1.0.0/16", "10.1.1.0/24", "172.16.1.0/24",
-                                                                 "192.168.0.0/16"}[i]); },
-         {true, false, false, true}, {true, false, true, true}},
+         [&] { return block_->exec_index; }, pfx_probe, pfx_before, pfx_after},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);

@@ -2,6 +2,7 @@
 // rules, and the small exported entry points.
 #include <cstring>
 #include <map>
+#include <set>
 
 #include "pol_test_support.hpp"
 
@@ -68,105 +69,50 @@ TEST_F(PolUser, RegistrationKeepsFirstBindingAndMakesTheBlock)
     EXPECT_EQ(avl_numnodes(&ctx_->pol_users), 3u);
 }
 
-TEST_F(PolUser, BatchesChangesInFirstQueuedOrder)
-{
-    t_pol_user *a1 = add("a1", "P1"), *a2 = add("a2", "P1"), *b = add("b", "P2");
-    uint8_t changed = 0;
-    touch("P1", "P1");
-    pol_entry_action_add(ctx_, pol_entry_find(ctx_, a1->pol_block_p, 1, nullptr), POL_ACTION_ACCEPT, &changed);
-    EXPECT_TRUE(g_calls.empty());
-    flush();
-    flush();
-    EXPECT_EQ(g_calls, (Calls{"a1", "a2"}));
-    g_calls.clear();
-    touch("P2", "P1", "P2");
-    flush();
-    EXPECT_EQ(g_calls, (Calls{"b", "a1", "a2"}));
-    EXPECT_TRUE(!queued(a1) && !queued(a2) && !queued(b) && TAILQ_EMPTY(&ctx_->pol_users_chg));
-}
-
-TEST_F(PolUser, CallbackThatFlushesDoesNotRecurse)
-{
-    // Changing its own policy queues the user again, for the next flush;
-    // neither a flush nor a direct notification nests inside a callback.
-    t_pol_user *a = nullptr;
-    int runs = 0;
-    std::function<void()> again = [&] {
-        if (runs++ == 0) { touch("P1"); flush(); pol_block_user_notify_all(ctx_, a->pol_block_p); }
-    };
-    a = add("a", "P1", &again);
-    add("y", "P5");
-    touch("P1", "P5");
-    flush();
-    EXPECT_EQ(g_calls, Calls{"a"});  // a, queued again behind y, ends the walk
-    EXPECT_TRUE(queued(a));
-    flush();
-    EXPECT_EQ(g_calls, (Calls{"a", "y", "a"}));
-
-    // Users queued behind the current position are delivered by the
-    // running walk, not by the inner flush.
-    g_calls.clear();
-    size_t inside = 0;
-    std::function<void()> queue_b = [&] { touch("P3"); flush(); inside = g_calls.size(); };
-    add("c", "P4", &queue_b);
-    add("x", "P2");
-    add("b", "P3");
-    touch("P4", "P2");
-    flush();
-    EXPECT_EQ(g_calls, (Calls{"c", "x", "b"}));
-    EXPECT_TRUE(inside == 1u && g_max_depth == 1);
-    EXPECT_TRUE(TAILQ_EMPTY(&ctx_->pol_users_chg));
-}
-
-TEST_F(PolUser, UnregisterNullsHandleAndUnqueues)
-{
-    t_pol_user *h = add("h", "P1"), *keep = add("keep", "P1");
-    t_pol_block *blk = h->pol_block_p;
-    touch("P1");
-    EXPECT_TRUE(queued(h));
-    pol_unregister(&h);
-    EXPECT_TRUE(h == nullptr && pol_user_find(ctx_, "h", POL_TYPE_ROUTE, POL_DIR_OUT, nullptr) == nullptr);
-    EXPECT_TRUE(TAILQ_FIRST(&blk->users_list) == keep && TAILQ_NEXT(keep, pol_block_list_entry) == nullptr);
-    flush();
-    EXPECT_EQ(g_calls, Calls{"keep"});
-    pol_unregister(&h);
-    pol_unregister(nullptr);
-    pol_unregister(&keep);
-    EXPECT_TRUE(TAILQ_EMPTY(&blk->users_list));
-}
-
-// A change callback may unregister any user, itself included, at any point
-// of a walk (the queue flush, or a block's direct notification), and the
-// walk goes on with the users still registered. Steps, run before the walk
-// ("" key) or by a user's callback: "-u" drops one registration of u, "xP"
-// deletes route policy P (detaching its users), "+P" changes policy P.
+// Changes are batched: each user queued once, in the order of its first
+// change, and delivered by a flush. A change callback may unregister any
+// user, itself included, at any point of a walk (the queue flush, or a
+// block's direct notification), and the walk goes on with the users still
+// registered; a flush or notification inside a callback delivers nothing.
+// Steps, run before the walks ("" key) or by a user's callback at its first
+// call: "-u" drops one registration of u, "xP" deletes route policy P
+// (detaching its users), "+P" changes policy P, "f" flushes and "nP"
+// notifies the users of P.
 struct UnregisterCase {
     const char *what;
     std::vector<std::pair<const char *, const char *>> users;  // queued in this order
     std::map<std::string, std::vector<std::string>> steps;
-    Calls delivered;
-    const char *notify_block = nullptr;  // walk this block's users instead of the queue
+    std::vector<Calls> walks;            // what each walk delivers
+    const char *notify_block = nullptr;  // the first walk goes to this block's users instead of the queue
+    std::pair<const char *, const char *> idle = {};  // registered, not queued
 };
 
 const UnregisterCase kUnregisterCases[] = {
+    {"changes batched in first-queued order", {{"b", "P2"}, {"a1", "P1"}, {"a2", "P1"}},
+     {{"", {"+P2", "+P1", "+P1"}}}, {{"b", "a1", "a2"}, {}}},
+    {"unregistered user leaves the queue", {{"h", "P1"}, {"keep", "P1"}}, {{"", {"-h"}}}, {{"keep"}}},
+    {"callback's own flush and notification do not nest; its change queues it again", {{"a", "P1"}, {"y", "P5"}},
+     {{"a", {"+P1", "f", "nP1"}}}, {{"a"}, {"y", "a"}}},
+    {"users queued behind the walk are delivered by it, not by an inner flush", {{"c", "P4"}, {"x", "P2"}},
+     {{"c", {"+P3", "f"}}}, {{"c", "x", "b"}}, nullptr, {"b", "P3"}},
     {"detached user unregistered before the flush", {{"a", "P1"}, {"b", "P2"}, {"c", "P3"}},
-     {{"", {"xP2", "-b"}}}, {"a", "c"}},
+     {{"", {"xP2", "-b"}}}, {{"a", "c"}}},
     {"callback unregisters a queued detached user", {{"a", "P1"}, {"v", "P2"}, {"c", "P3"}},
-     {{"", {"xP2"}}, {"a", {"-v"}}}, {"a", "c"}},
+     {{"", {"xP2"}}, {"a", {"-v"}}}, {{"a", "c"}}},
     {"callback detaches the next user, then unregisters it", {{"a", "P1"}, {"v", "P2"}, {"c", "P3"}},
-     {{"a", {"xP2", "-v"}}}, {"a", "c"}},
+     {{"a", {"xP2", "-v"}}}, {{"a", "c"}}},
     {"detached callback unregisters itself", {{"a", "P1"}, {"s", "P2"}, {"c", "P3"}},
-     {{"", {"xP2"}}, {"s", {"-s"}}}, {"a", "s", "c"}},
+     {{"", {"xP2"}}, {"s", {"-s"}}}, {{"a", "s", "c"}}},
     {"callback queues itself again, then unregisters", {{"a", "P1"}, {"s", "P2"}, {"c", "P3"}},
-     {{"s", {"+P2", "-s"}}}, {"a", "s", "c"}},
+     {{"s", {"+P2", "-s"}}}, {{"a", "s", "c"}}},
     {"callback unregisters everybody left", {{"a", "P1"}, {"v", "P2"}, {"w", "P3"}},
-     {{"", {"xP3"}}, {"a", {"-w", "-v", "-a"}}}, {"a"}},
+     {{"", {"xP3"}}, {"a", {"-w", "-v", "-a"}}}, {{"a"}}},
     {"a second registration counts", {{"t", "P1"}, {"t", "P9"}, {"c", "P2"}},
-     {{"", {"-t"}}, {"c", {"-t"}}}, {"t", "c"}},
+     {{"", {"-t"}}, {"c", {"-t"}}}, {{"t", "c"}}},
     {"block walk: callback unregisters the next user", {{"a", "P1"}, {"v", "P1"}, {"w", "P1"}},
-     {{"a", {"-v"}}}, {"a", "w"}, "P1"},
+     {{"a", {"-v"}}}, {{"a", "w"}}, "P1"},
     {"block walk: callback deletes the block", {{"a", "P1"}, {"v", "P1"}},
-     {{"a", {"xP1", "-v"}}}, {"a"}, "P1"},
+     {{"a", {"xP1", "-v"}}}, {{"a"}}, "P1"},
 };
 
 // Detached users stay queued but keep no link into the freed block.
@@ -189,12 +135,14 @@ TEST_F(PolUser, CallbacksMayUnregisterAnyUserDuringAWalk)
     for (const UnregisterCase &c : kUnregisterCases) {
         SCOPED_TRACE(c.what);
         g_calls.clear();
+        g_max_depth = 0;
         std::map<std::string, std::vector<t_pol_user *>> handles;
         std::map<std::string, std::function<void()>> actions;
+        std::set<std::string> ran;
         auto run = [&](const std::string &who) {
             auto it = c.steps.find(who);
             const std::vector<std::string> none;
-            for (const std::string &step : it != c.steps.end() ? it->second : none) {
+            for (const std::string &step : it != c.steps.end() && ran.insert(who).second ? it->second : none) {
                 const std::string arg = step.substr(1);
                 uint8_t changed = 0;
                 if (step[0] == '-') {
@@ -202,36 +150,56 @@ TEST_F(PolUser, CallbacksMayUnregisterAnyUserDuringAWalk)
                     auto live = std::find_if(hs.begin(), hs.end(), [](t_pol_user *h) { return h != nullptr; });
                     ASSERT_NE(live, hs.end()) << step;
                     pol_unregister(&*live);
+                    EXPECT_EQ(*live, nullptr);
+                    const bool left = std::any_of(hs.begin(), hs.end(), [](t_pol_user *h) { return h != nullptr; });
+                    EXPECT_EQ(pol_user_find(ctx_, arg.c_str(), POL_TYPE_ROUTE, POL_DIR_OUT, nullptr) != nullptr, left);
                 } else if (step[0] == 'x') {
                     pol_block_find_and_delete(ctx_, arg.c_str(), POL_TYPE_ROUTE, &changed);
                     expect_no_link_into_deleted_blocks(handles);
-                } else {
+                } else if (step[0] == '+') {
                     touch(arg.c_str());
+                } else if (step[0] == 'n') {
+                    pol_block_user_notify_all(ctx_, pol_block_find(ctx_, arg.c_str(), POL_TYPE_ROUTE, nullptr));
+                } else {
+                    flush();
                 }
             }
         };
-        for (const auto &[user, policy] : c.users) {
+        auto add_user = [&](const char *user, const char *policy) {
             actions[user] = [&run, name = std::string(user)] { run(name); };
             handles[user].push_back(add(user, policy, &actions[user]));
-            ASSERT_EQ(handles[user].back(), handles[user].front());
+            EXPECT_EQ(handles[user].back(), handles[user].front());
+        };
+        for (const auto &[user, policy] : c.users) {
+            add_user(user, policy);
             touch(policy);
         }
-        run("");
-        if (c.notify_block != nullptr) {
-            pol_block_user_notify_all(ctx_, pol_block_find(ctx_, c.notify_block, POL_TYPE_ROUTE, nullptr));
-        } else {
-            flush();
+        if (c.idle.first != nullptr) {
+            add_user(c.idle.first, c.idle.second);
         }
-        EXPECT_EQ(g_calls, c.delivered);
+        run("");
+        EXPECT_TRUE(g_calls.empty());  // nothing is delivered before a walk
+        for (size_t walk = 0; walk < c.walks.size(); walk++) {
+            g_calls.clear();
+            if (walk == 0 && c.notify_block != nullptr) {
+                pol_block_user_notify_all(ctx_, pol_block_find(ctx_, c.notify_block, POL_TYPE_ROUTE, nullptr));
+            } else {
+                flush();
+            }
+            EXPECT_EQ(g_calls, c.walks[walk]) << "walk " << walk;
+        }
+        EXPECT_EQ(g_max_depth, 1);
+        EXPECT_TRUE(c.notify_block != nullptr || TAILQ_EMPTY(&ctx_->pol_users_chg));
         for (auto &[name, hs] : handles) {
             for (t_pol_user *&h : hs) {
                 pol_unregister(&h);
             }
         }
+        pol_unregister(nullptr);
         flush();
         EXPECT_TRUE(TAILQ_EMPTY(&ctx_->pol_users_chg) && avl_numnodes(&ctx_->pol_users) == 0u);
         EXPECT_EQ(live_count(POL_MEM_TYPE_POL_USER), users0);
-        for (const char *policy : {"P1", "P2", "P3", "P9"}) {
+        for (const char *policy : {"P1", "P2", "P3", "P4", "P5", "P9"}) {
             uint8_t changed = 0;
             pol_block_find_and_delete(ctx_, policy, POL_TYPE_ROUTE, &changed);
         }
