@@ -12,11 +12,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -113,6 +116,17 @@ struct conn {
     int fd;
 };
 
+// A port of 127.0.0.1 nobody listens on: bound, read and closed again.
+inline int unused_port()
+{
+    endpoint a(0);
+    conn probe;
+    socklen_t len = sizeof a.in;
+    EXPECT_EQ(bind(probe.fd, a.addr(), len), 0);
+    getsockname(probe.fd, a.addr(), &len);
+    return ntohs(a.in.sin_port);
+}
+
 // A management connection with a user session, or without when asked.
 inline conn maapi_conn(int port, bool session = true)
 {
@@ -134,6 +148,63 @@ inline conn cdb_conn(int port, mgmtd_dbname db, bool session = true)
     EXPECT_TRUE(!session || cdb_start_session2(c.fd, db, 0) == MGMTD_OK) << mgmtd_lasterr();
     return c;
 }
+
+// The daemon of a test (or of a whole run) on a database directory of its
+// own, named after it; close() expects it idle, stops it cleanly and
+// removes the directory.
+struct test_daemon {
+    void open(const std::string &name)
+    {
+        dir = fs::temp_directory_path() / (name + "-" + std::to_string(getpid()));
+        fs::remove_all(dir);
+        fs::create_directories(dir);
+        ASSERT_TRUE(process.start(dir));
+        mgmtd_set_timeout_ms(20000);
+    }
+
+    void close()
+    {
+        mgmtd_cs_reset();
+        if (process.running()) {
+            expect_idle();
+            EXPECT_EQ(process.stop(), 0);
+        }
+        fs::remove_all(dir);
+    }
+
+    // No session, transaction or lock left open; the connections of
+    // clients that just went away are given a moment to close.
+    void expect_idle() const
+    {
+        // One connection asks throughout, so no connection of an earlier
+        // question is still closing when the count is read.
+        conn asking = maapi_conn(port(), false);
+        auto still_open = [&asking] {
+            mgmtd_status_t st{};
+            EXPECT_EQ(mgmtd_get_status(asking.fd, &st), MGMTD_OK) << mgmtd_lasterr();
+            return std::vector<long>{st.connections - 1, st.user_sessions, st.data_sessions, st.transactions, st.locks};
+        };
+        for (int i = 0; i < 200 && still_open() != std::vector<long>(5, 0); i++) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        EXPECT_EQ(still_open(), std::vector<long>(5, 0))
+            << "other connections, user sessions, data sessions, transactions, locks";
+    }
+
+    // The instances under a path of a database, as the daemon counts them.
+    int count(const std::string &path, mgmtd_dbname db = MGMTD_RUNNING) const
+    {
+        conn c = cdb_conn(port(), db);
+        const int n = cdb_num_instances(c.fd, "%s", path.c_str());
+        EXPECT_EQ(cdb_end_session(c.fd), MGMTD_OK);
+        return n;
+    }
+
+    int port() const { return process.port(); }
+
+    fs::path dir;
+    daemon_process process;
+};
 
 }  // namespace zen_test
 

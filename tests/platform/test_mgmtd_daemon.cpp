@@ -76,42 +76,10 @@ class MgmtdDaemon : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        dir_ = fs::temp_directory_path() / ("mgmtd-test-" + std::to_string(getpid()) + "-" +
-                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir_);
-        fs::create_directories(dir_);
-        ASSERT_TRUE(daemon_.start(dir_));
-        mgmtd_set_timeout_ms(20000);
+        daemon_.open(std::string("mgmtd-test-") + ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        dir_ = daemon_.dir;
     }
-
-    void TearDown() override
-    {
-        mgmtd_cs_reset();
-        if (daemon_.running()) {
-            expect_idle();
-            EXPECT_EQ(daemon_.stop(), 0);
-        }
-        fs::remove_all(dir_);
-    }
-
-    // No session, transaction or lock left open; the connections of
-    // clients that just went away are given a moment to close.
-    void expect_idle()
-    {
-        // One connection asks throughout, so no connection of an earlier
-        // question is still closing when the count is read.
-        conn asking = maapi_conn(port(), false);
-        auto still_open = [&asking] {
-            mgmtd_status_t st{};
-            EXPECT_EQ(mgmtd_get_status(asking.fd, &st), MGMTD_OK) << mgmtd_lasterr();
-            return std::vector<long>{st.connections - 1, st.user_sessions, st.data_sessions, st.transactions, st.locks};
-        };
-        for (int i = 0; i < 200 && still_open() != std::vector<long>(5, 0); i++) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        EXPECT_EQ(still_open(), std::vector<long>(5, 0))
-            << "other connections, user sessions, data sessions, transactions, locks";
-    }
+    void TearDown() override { daemon_.close(); }
 
     // The calls of one publication: session, transaction, load, apply,
     // commit (of the candidate), finish, end. The failing call's errno, or 0.
@@ -133,18 +101,12 @@ protected:
         return failed;
     }
 
-    int count(const std::string &path, mgmtd_dbname db = MGMTD_RUNNING)
-    {
-        conn c = cdb_conn(port(), db);
-        const int n = cdb_num_instances(c.fd, "%s", path.c_str());
-        EXPECT_EQ(cdb_end_session(c.fd), MGMTD_OK);
-        return n;
-    }
-
+    int count(const std::string &path, mgmtd_dbname db = MGMTD_RUNNING) { return daemon_.count(path, db); }
     int port() const { return daemon_.port(); }
+    void expect_idle() { daemon_.expect_idle(); }
 
+    test_daemon daemon_;
     fs::path dir_;
-    daemon_process daemon_;
 };
 
 TEST_F(MgmtdDaemon, TransactionAppliesToCandidateAndCommitMakesItRunning)
@@ -368,8 +330,8 @@ TEST_F(MgmtdDaemon, RunningConfigurationPersistsAcrossRestarts)
     ASSERT_EQ(publish(first), 0);
     for (const int sig : {SIGTERM, SIGKILL}) {
         SCOPED_TRACE(sig);
-        EXPECT_EQ(daemon_.stop(sig), sig == SIGTERM ? 0 : -SIGKILL);
-        ASSERT_TRUE(daemon_.start(dir_));
+        EXPECT_EQ(daemon_.process.stop(sig), sig == SIGTERM ? 0 : -SIGKILL);
+        ASSERT_TRUE(daemon_.process.start(dir_));
         EXPECT_EQ(count("/policy-from-qarmon/data-policy{dp1}"), 1);
         // The candidate starts as the running configuration.
         EXPECT_EQ(publish(config_doc(vpn_list("vl2", 2)), MAAPI_CONFIG_XML), 0);
@@ -377,7 +339,7 @@ TEST_F(MgmtdDaemon, RunningConfigurationPersistsAcrossRestarts)
         EXPECT_EQ(publish(first), 0);
     }
     expect_idle();
-    ASSERT_EQ(daemon_.stop(), 0);
+    ASSERT_EQ(daemon_.process.stop(), 0);
     std::ofstream(dir_ / "running.xml") << "<policy-from-qarmon xmlns=\"" << kEdgeNs << "\"><nonsense/>";
     std::string output;
     daemon_process broken;

@@ -179,32 +179,18 @@ std::string policy(const std::string &set_body)
            set_body + "</set></sequence></control-policy>\n";
 }
 
+// A file refused at each stage it goes through (opened, parsed as XML or
+// JSON, validated) changes and delivers nothing. (polctl's bad-input cases
+// pin the message of each kind of mistake.)
 TEST_F(DatastoreTest, InvalidInputChangesAndDeliversNothing)
 {
-    // (A good JSON file: polctl run on examples/policy.json.)
     commit(policy("<preference>1</preference>"));
     const std::string before = running();
-    // file: written with the text unless that is empty; message: what follows the file's path; also: further on
-    struct bad_case { const char *file; std::string text; const char *message, *also = ""; };
-    // The stages a file goes through: opened, parsed (XML or JSON), validated.
-    // (polctl's bad-input tests pin the message of each kind of mistake.)
-    const bad_case cases[] = {
-        {"bad.xml", xml("<lists><site-list><name>x</name>"), ":2: Opening (\"site-list\") and closing"},
-        {"bad.xml",
-         xml("<control-policy><name>p</name><sequence><seq>1</seq><action>accept</action><match>"
-             "<kind>route</kind><site-list>nope</site-list></match></sequence></control-policy>"),
-         ": Invalid leafref value \"nope\"", "(at /zen-policy:policy/control-policy"},
-        {"bad.json", "{\"zen-policy:policy\": {\"lists\": {\"vpn-list\": [\n  {\"name\": \"v\", \"bogus\": 1}]}}}",
-         ":2: "},
-        {"missing.xml", "", ": cannot open"},
-    };
-    for (const bad_case &c : cases) {
-        SCOPED_TRACE(c.text);
-        const std::string path = c.text.empty() ? dir_ + "/" + c.file : write(c.text, c.file);
+    for (const char *file : {"no-such-file.xml", "malformed.xml", "wrong-type.json", "dangling-ref.xml"}) {
+        SCOPED_TRACE(file);
+        const std::string path = std::string(POL_TEST_BAD_INPUT) + "/" + file;
         EXPECT_TRUE(commit_path(path, MGMTD_DS_INVALID).empty());
-        const std::string msg = mgmtd_ds_error(ds_);
-        EXPECT_EQ(msg.rfind(path + c.message, 0), 0u) << msg;
-        EXPECT_NE(msg.find(c.also), std::string::npos) << msg;
+        EXPECT_EQ(std::string(mgmtd_ds_error(ds_)).rfind(path + ":", 0), 0u) << mgmtd_ds_error(ds_);
         EXPECT_EQ(mgmtd_ds_delivered(ds_), 0u);
         EXPECT_EQ(running(), before);
     }

@@ -178,3 +178,20 @@ foreach(what policies lists)
 endforeach()
 polctl_test(polctl_diff_unchanged 0 ARGS diff examples/policy-v2.xml examples/policy-v2.xml
   OUT_REGEX "\ncommit 2: examples/policy-v2.xml\n  0 callbacks, 0 notifications\n$")
+
+# What publish assembles for each example edge (the payload goes through a
+# real daemon in test_polctl_publish), and an edge the configuration lacks.
+polctl_test(polctl_publish_json 0 ARGS --json publish examples/data-policy.xml --edge branch-1
+  OUT_REGEX "\"policies\": {\n    \"data-policy-from-service\": \"hub-and-spoke-data\",\n    \"app-route-policy\": \"voice-and-video\",\n    \"cflowd-template\": \"flows\"\n  },\n  \"payload\": \"<data-policy>.*<direction>from-service</direction>")
+polctl_test(polctl_publish_both_ways 0 ARGS --json publish examples/data-policy.xml --edge branch-2
+  OUT_REGEX "\"policies\": {\n    \"data-policy-from-service\": \"hub-and-spoke-data\",\n    \"data-policy-from-tunnel\": \"hub-and-spoke-data\"\n  },\n  \"payload\": \"<data-policy>.*<direction>all</direction>")
+polctl_test(polctl_bad_publish_edge 1 ARGS publish examples/data-policy.xml --edge branch-9
+  ERR_REGEX "polctl: examples/data-policy.xml: no edge \"branch-9\" under apply-policy \\(edges: branch-1, branch-2\\)" OUT_REGEX "^$")
+# load and show-data with no daemon on the port (1: nobody listens there),
+# and a payload that is not XML, refused before any connection.
+polctl_test(polctl_bad_load_daemon_down 1 ARGS load examples/data-policy.xml --port 1
+  ERR_REGEX "^polctl: load: the management daemon does not answer on 127.0.0.1:1 \\(socket error:" OUT_REGEX "^$")
+polctl_test(polctl_bad_show_data_daemon_down 1 ARGS show-data --port 1
+  ERR_REGEX "^polctl: show-data: the management daemon does not answer on 127.0.0.1:1 \\(socket error:" OUT_REGEX "^$")
+polctl_test(polctl_bad_load_not_xml 1 ARGS load ${POLCTL_DATA}/malformed.xml --port 1
+  ERR_REGEX "^polctl: ${POLCTL_DATA}/malformed.xml:8: the payload is not well-formed XML" OUT_REGEX "^$")

@@ -16,7 +16,6 @@
 #include "../platform/mgmtd_test_daemon.hpp"
 #include "pol_publish.hpp"
 #include "pol_test_support.hpp"
-#include "polctl_host.hpp"
 
 namespace {
 
@@ -28,52 +27,22 @@ constexpr const char *kNs = POL_XML_POLICY_NS;
 // One daemon for the whole run; every test points the library at it.
 class DaemonEnv : public ::testing::Environment {
 public:
-    void SetUp() override
-    {
-        dir = fs::temp_directory_path() / ("pol-publish-" + std::to_string(getpid()));
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-        ASSERT_TRUE(daemon.start(dir));
-        mgmtd_set_timeout_ms(20000);
-    }
-    void TearDown() override
-    {
-        mgmtd_cs_reset();
-        EXPECT_EQ(daemon.stop(), 0);
-        fs::remove_all(dir);
-    }
-    zen_test::daemon_process daemon;
-    fs::path dir;
+    void SetUp() override { daemon.open("pol-publish"); }
+    void TearDown() override { daemon.close(); }
+    zen_test::test_daemon daemon;
 };
 
 DaemonEnv *g_env = static_cast<DaemonEnv *>(::testing::AddGlobalTestEnvironment(new DaemonEnv));
+const zen_test::test_daemon &g_daemon = g_env->daemon;
 
 // Points the library at the test daemon (and the schema look-ups with it:
 // they follow the last connection made) with a short lock retry delay.
-void use_test_daemon(int port, unsigned retries = 32, unsigned delay_ms = 20)
+void use_test_daemon(unsigned retries = 32, unsigned delay_ms = 20)
 {
     static std::string show_file;
-    show_file = (g_env->dir / "show_fwd_pol_data.xml").string();
-    pol::publish::set_settings({port, retries, delay_ms, show_file.c_str()});
-    zen_test::maapi_conn(port, false);
-}
-
-// Everything under a path of a database, as the daemon counts it.
-int count(mgmtd_dbname db, const char *path)
-{
-    zen_test::conn c = zen_test::cdb_conn(g_env->daemon.port(), db);
-    const int n = cdb_num_instances(c.fd, "%s", path);
-    cdb_end_session(c.fd);
-    return n;
-}
-
-std::string leaf(mgmtd_dbname db, const std::string &path)
-{
-    zen_test::conn c = zen_test::cdb_conn(g_env->daemon.port(), db);
-    char buf[128] = "";
-    cdb_get_str(c.fd, buf, sizeof buf, "%s", path.c_str());
-    cdb_end_session(c.fd);
-    return buf;
+    show_file = (g_daemon.dir / "show_fwd_pol_data.xml").string();
+    pol::publish::set_settings({g_daemon.port(), retries, delay_ms, show_file.c_str()});
+    zen_test::maapi_conn(g_daemon.port(), false);
 }
 
 size_t occurrences(const std::string &text, const std::string &what)
@@ -112,12 +81,17 @@ std::string wrap(const std::string &payload_text, bool show = false)
     return text;
 }
 
+int set_config(const std::string &text)
+{
+    return pol_fwd_policy_mgmtd_set(static_cast<uint32_t>(text.size()), text.c_str(), 0);
+}
+
 class PolPublishTest : public poltest::PolContextTest {
 protected:
     void SetUp() override
     {
         PolContextTest::SetUp();
-        use_test_daemon(g_env->daemon.port());
+        use_test_daemon();
     }
     void TearDown() override
     {
@@ -125,6 +99,8 @@ protected:
             pol_unregister(&u);
         }
         pol::publish::set_settings(pol::publish::default_settings());
+        mgmtd_cs_reset();  // closes the schema look-ups' connection
+        g_daemon.expect_idle();
         PolContextTest::TearDown();
     }
 
@@ -276,55 +252,36 @@ TEST_F(PolPublishTest, FilterRemovesWhatTheSchemaDoesNotKnow)
     EXPECT_EQ(strstr_reverse(path, "/p:a/p:b/p:c"), nullptr);
 }
 
-// Publishes what an edge router gets: configuration committed and read
-// back, show data loaded, both removed again; an empty payload replaces
-// the subtree with an empty one.
-TEST(PolPublish, ExampleDataPolicyReachesTheDaemon)
+// The payload set as configuration and as show data, then taken out again:
+// the show data deleted, an empty payload replacing the subtree with an
+// empty one, the configuration deleted. (What the payload of an example
+// edge puts there is read back by polctl's publishing tests.)
+TEST_F(PolPublishTest, PayloadIsSetAndRemovedAgain)
 {
-    use_test_daemon(g_env->daemon.port());
-    polctl::host host;
-    std::string error;
-    ASSERT_TRUE(host.start(&error)) << error;
-    ASSERT_EQ(host.commit_file(std::string(POL_TEST_EXAMPLES) + "/data-policy.xml", &error), MGMTD_DS_OK) << error;
-    polctl::user_record *in = host.register_user("edge", "hub-and-spoke-data", POL_TYPE_DATA, POL_DIR_IN);
-    polctl::user_record *pfr = host.register_user("edge", "voice-and-video", POL_TYPE_PFR, POL_DIR_NONE);
-    polctl::user_record *cf = host.register_user("edge", "flows", POL_TYPE_CFLOWD, POL_DIR_NONE);
-    ASSERT_TRUE(in != nullptr && pfr != nullptr && cf != nullptr);
-    const payload p = populate(in->handle, nullptr, pfr->handle, cf->handle);
+    data_policy("D", POL_TYPE_DATA, "V", "SRC");
+    const payload p = populate(user("in", "D", POL_TYPE_DATA, POL_DIR_IN), nullptr);
     ASSERT_EQ(p.rc, ERR_OK);
-
-    const std::string config = wrap(p.text);
-    ASSERT_EQ(pol_fwd_policy_mgmtd_set(static_cast<uint32_t>(config.size()), config.c_str(), 0), ERR_OK);
-    const std::string show = wrap(p.text, true);
-    ASSERT_EQ(pol_show_fwd_policy_mgmtd_set(show.c_str(), 0), ERR_OK);
-    for (mgmtd_dbname db : {MGMTD_RUNNING, MGMTD_OPERATIONAL}) {
-        const std::string root = db == MGMTD_RUNNING ? "/policy-from-qarmon" : "/policy/from-qarmon";
-        SCOPED_TRACE(root);
-        EXPECT_EQ(leaf(db, root + "/data-policy{hub-and-spoke-data}/direction"), "from-service");
-        EXPECT_EQ(count(db, (root + "/app-route-policy").c_str()), 1);
-        EXPECT_EQ(count(db, (root + "/cflowd-template").c_str()), 1);
-        EXPECT_EQ(count(db, (root + "/lists/vpn-list").c_str()), 2);
-        EXPECT_GE(count(db, (root + "/lists/data-prefix-list").c_str()), 1);
-    }
+    constexpr mgmtd_dbname O = MGMTD_OPERATIONAL;
+    ASSERT_EQ(set_config(wrap(p.text)), ERR_OK);
+    ASSERT_EQ(pol_show_fwd_policy_mgmtd_set(wrap(p.text, true).c_str(), 0), ERR_OK);
+    EXPECT_EQ(g_daemon.count("/policy-from-qarmon/data-policy{D}"), 1);
+    EXPECT_EQ(g_daemon.count("/policy/from-qarmon/lists/vpn-list{V}", O), 1);
 
     EXPECT_EQ(pol_show_fwd_policy_mgmtd_delete(0), ERR_OK);
-    EXPECT_EQ(count(MGMTD_OPERATIONAL, "/policy/from-qarmon/data-policy"), 0);
-    EXPECT_EQ(count(MGMTD_OPERATIONAL, "/policy/from-qarmon/lists/vpn-list"), 0);
-    const std::string empty = wrap("");
-    ASSERT_EQ(pol_fwd_policy_mgmtd_set(static_cast<uint32_t>(empty.size()), empty.c_str(), 0), ERR_OK);
-    EXPECT_EQ(count(MGMTD_RUNNING, "/policy-from-qarmon/data-policy"), 0);
-    ASSERT_EQ(pol_fwd_policy_mgmtd_set(static_cast<uint32_t>(config.size()), config.c_str(), 0), ERR_OK);
+    EXPECT_EQ(g_daemon.count("/policy/from-qarmon/data-policy", O), 0);
+    EXPECT_EQ(g_daemon.count("/policy/from-qarmon/lists/vpn-list", O), 0);
+    ASSERT_EQ(set_config(wrap("")), ERR_OK);
+    EXPECT_EQ(g_daemon.count("/policy-from-qarmon/data-policy"), 0);
+    ASSERT_EQ(set_config(wrap(p.text)), ERR_OK);
     EXPECT_EQ(pol_fwd_policy_mgmtd_delete(0), ERR_OK);
-    EXPECT_EQ(count(MGMTD_RUNNING, "/policy-from-qarmon/data-policy"), 0);
-    pol::publish::set_settings(pol::publish::default_settings());
+    EXPECT_EQ(g_daemon.count("/policy-from-qarmon/data-policy"), 0);
 }
 
 // A daemon that is down, and a candidate database another session holds
 // locked: for some retries, then free; or throughout.
-TEST(PolPublish, DaemonDownOrLocked)
+TEST_F(PolPublishTest, DaemonDownOrLocked)
 {
-    const std::string config = wrap("");
-    const auto set = [&] { return pol_fwd_policy_mgmtd_set(static_cast<uint32_t>(config.size()), config.c_str(), 0); };
+    const auto set = [] { return set_config(wrap("")); };
     struct row {
         const char *what;
         int unlock_after;  // retries seen before the lock is released; -1 never
@@ -340,9 +297,9 @@ TEST(PolPublish, DaemonDownOrLocked)
     });
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
-        use_test_daemon(g_env->daemon.port(), 4, 50);
+        use_test_daemon(4, 50);
         retries = 0;
-        zen_test::conn locker = zen_test::maapi_conn(g_env->daemon.port());
+        zen_test::conn locker = zen_test::maapi_conn(g_daemon.port());
         ASSERT_EQ(maapi_lock(locker.fd, MGMTD_CANDIDATE), MGMTD_OK) << mgmtd_lasterr();
         std::atomic<int> rc{-1};
         std::thread publisher([&] { rc = set(); });
@@ -359,19 +316,11 @@ TEST(PolPublish, DaemonDownOrLocked)
     }
     pol_log_set_sink(nullptr);
 
-    zen_test::endpoint unused(0);
-    zen_test::conn probe;  // a port nobody listens on: bind, read it, close
-    ASSERT_EQ(bind(probe.fd, unused.addr(), sizeof unused.in), 0);
-    socklen_t len = sizeof unused.in;
-    getsockname(probe.fd, unused.addr(), &len);
-    const int dead_port = ntohs(unused.in.sin_port);
-    close(std::exchange(probe.fd, -1));
-    pol::publish::set_settings({dead_port, 1, 1, "/nonexistent/show.xml"});
+    pol::publish::set_settings({zen_test::unused_port(), 1, 1, "/nonexistent/show.xml"});
     EXPECT_EQ(set(), ERR_SOCKET);
     EXPECT_EQ(pol_fwd_policy_mgmtd_delete(0), ERR_SOCKET);
     EXPECT_EQ(pol_show_fwd_policy_mgmtd_set("<x/>", 0), ERR_SOCKET);
     EXPECT_EQ(pol_show_fwd_policy_mgmtd_delete(0), ERR_SOCKET);
-    pol::publish::set_settings(pol::publish::default_settings());
 }
 
 }  // namespace
