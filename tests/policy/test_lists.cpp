@@ -745,6 +745,7 @@ TEST_F(Lists, PrefixAloneIdentifiesAnEntryAndChangesNotifyItsPolicies)
     const t_pfx_list_key unknown = key("none");
     EXPECT_EQ(pol_pfx_list_find_entry(ctx_, &unknown, &ge, &found), nullptr);
     EXPECT_EQ(found, nullptr);
+    EXPECT_EQ(pol_pfx_list_del_entry(ctx_, &unknown, &ge), ERR_OK);  // unknown list: no error
     EXPECT_EQ(pol_pfx_list_del_entry(ctx_, &k, &longer), ERR_OK);
     EXPECT_EQ(p1_calls, 3);
     const t_pfx_entry_param eq = pfx("10.0.0.0/8", PFX_OP_EQ, 1, 2), p6 = pfx("2001:db8::/32");
