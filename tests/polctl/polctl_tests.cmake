@@ -36,6 +36,10 @@ foreach(what policies lists)
   polctl_test(polctl_show_data_${what} 0 ARGS show ${what} examples/data-policy.xml
     GOLDEN ${POLCTL_GOLDEN}/show-data-${what}.txt MASK_POINTERS 1)
 endforeach()
+# Every kind of list, entries and lists given out of order, with the
+# policies that match on them and one that only sets a TLOC list.
+polctl_test(polctl_show_every_list 0 ARGS show lists ${POLCTL_DATA}/show-lists.xml
+  GOLDEN ${POLCTL_GOLDEN}/show-lists.txt MASK_POINTERS 1)
 # The documents of the data-plane objects: every kind, one kind, as JSON,
 # and their cost (the durations vary per run: masked). A configuration of
 # the control side only has no data-plane object but its VPN and TLOC lists.
