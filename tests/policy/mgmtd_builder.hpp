@@ -55,7 +55,6 @@ public:
     keys &u64(uint64_t v) { return push(detail::value(C_UINT64, &U::u64, v)); }
     keys &enum_value(int32_t v) { return push(detail::value(C_ENUM_VALUE, &U::enumvalue, v)); }
     keys &ipv4(const char *addr) { return push(detail::value(C_IPV4, &U::ip, detail::ipv4(addr))); }
-    keys &ipv6(const char *addr) { return push(detail::value(C_IPV6, &U::ip6, detail::ipv6(addr))); }
     keys &ipv4_prefix(const char *addr, uint8_t len)
     {
         return push(detail::value(C_IPV4PREFIX, &U::ipv4prefix, mgmtd_ipv4prefix_t{detail::ipv4(addr), len}));

@@ -201,6 +201,19 @@ bool parse_address(const std::string &text, t_ipaddr *addr)
     return false;
 }
 
+bool parse_prefix(const std::string &text, t_ipprefix *pfx)
+{
+    std::memset(pfx, 0, sizeof(*pfx));
+    const size_t slash = text.find('/');
+    uint64_t len = 0;
+    if (slash == std::string::npos || !parse_address(text.substr(0, slash), &pfx->addr) ||
+        !parse_number(text.substr(slash + 1), IPADDR_IS_V4(&pfx->addr) ? 32 : 128, &len)) {
+        return false;
+    }
+    pfx->prefixlen = static_cast<uint8_t>(len);
+    return true;
+}
+
 bool parse_color(const std::string &text, uint8_t *color)
 {
     for (uint32_t code = 1; code <= ZEN_TLOC_COLOR_MAX; code++) {

@@ -61,6 +61,8 @@ bool read_statements(const std::string &path, const char *what, std::vector<inpu
 
 bool parse_number(const std::string &text, uint64_t max, uint64_t *value);
 bool parse_address(const std::string &text, t_ipaddr *addr);
+// "10.1.0.0/16", "2001:db8::/32"; a length past the family's width is refused.
+bool parse_prefix(const std::string &text, t_ipprefix *pfx);
 bool parse_color(const std::string &text, uint8_t *color);
 bool parse_encap(const std::string &text, uint8_t *encap);
 // "10.0.0.1:mpls:ipsec", "2001:db8::1:gold:gre" (split from the right).

@@ -19,19 +19,6 @@ namespace polctl {
 
 namespace {
 
-bool parse_prefix(const std::string &text, t_ipprefix *pfx)
-{
-    std::memset(pfx, 0, sizeof(*pfx));
-    const size_t slash = text.find('/');
-    uint64_t len = 0;
-    if (slash == std::string::npos || !parse_address(text.substr(0, slash), &pfx->addr) ||
-        !parse_number(text.substr(slash + 1), IPADDR_IS_V4(&pfx->addr) ? 32 : 128, &len)) {
-        return false;
-    }
-    pfx->prefixlen = static_cast<uint8_t>(len);
-    return true;
-}
-
 struct origin_name {
     const char *name;
     uint8_t proto;
