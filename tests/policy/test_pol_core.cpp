@@ -127,24 +127,13 @@ TEST_F(PolBlock, NamesTypesOrderAndExistingObjects)
     pol_entry_find_and_delete(ctx_, a, 10, &changed);
     EXPECT_TRUE(changed == 1 && pol_entry_find(ctx_, a, 10, nullptr) == nullptr);
 
-    // Blocks of one type walk in name order, sequences in number order.
-    for (const char *name : {"m", "z", "a"}) {
-        pol_block_find_or_create(ctx_, name, POL_TYPE_ROUTE, &changed);
+    // Numbers compare unsigned (the walks in name and number order are pinned
+    // by the polctl_show_policy_order golden, whose numbers stop at 65535).
+    for (uint32_t n : {0x80000000u, 5u}) {
+        ASSERT_NE(pol_entry_find_or_create(ctx_, a, n, &changed), nullptr);
     }
-    pol_block_find_or_create(ctx_, "b", POL_TYPE_MEMBERSHIP, &changed);
-    t_pol_block *blk = pol_block_first(ctx_, POL_TYPE_ROUTE);
-    for (uint32_t n : {100u, 0x80000000u, 10u, 5u}) {
-        ASSERT_NE(pol_entry_find_or_create(ctx_, blk, n, &changed), nullptr);
-    }
-    std::string order;
-    for (t_pol_block *b = blk; b; b = pol_block_next(ctx_, b, POL_TYPE_ROUTE)) {
-        order += b->pol_name[0];
-    }
-    for (void *s = avl_first(&blk->pol_entries); s; s = avl_walk(&blk->pol_entries, s, AVL_AFTER)) {
-        order += " " + std::to_string(static_cast<t_pol_entry *>(s)->entry_num);
-    }
-    EXPECT_EQ(order, "amppz 5 10 100 2147483648");
-    EXPECT_DEATH((dup2(2, 1), pol_block_next(ctx_, blk, POL_TYPE_MEMBERSHIP)), "failed assertion");
+    EXPECT_EQ(static_cast<t_pol_entry *>(avl_first(&a->pol_entries))->entry_num, 5u);
+    EXPECT_DEATH((dup2(2, 1), pol_block_next(ctx_, a, POL_TYPE_MEMBERSHIP)), "failed assertion");
 }
 
 TEST_F(PolBlock, DefaultActionAndDeletingTheBlock)
