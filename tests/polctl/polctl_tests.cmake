@@ -199,3 +199,14 @@ polctl_test(polctl_bad_show_data_daemon_down 1 ARGS show-data --port 1
   ERR_REGEX "^polctl: show-data: the management daemon does not answer on 127.0.0.1:1 \\(socket error:" OUT_REGEX "^$")
 polctl_test(polctl_bad_load_not_xml 1 ARGS load ${POLCTL_DATA}/malformed.xml --port 1
   ERR_REGEX "^polctl: ${POLCTL_DATA}/malformed.xml:8: the payload is not well-formed XML" OUT_REGEX "^$")
+
+# The label callback of a labels file: each kind of question a data policy
+# puts, answered by the first line that fits it (or by none); the order in
+# which policies and sequences of each kind are printed; and routes giving
+# every attribute, accepted only when the routes file was read right.
+polctl_test(polctl_render_labels_questions 0 ARGS render ${POLCTL_DATA}/labels-questions.xml
+  --labels ${POLCTL_DATA}/labels-questions.txt GOLDEN ${POLCTL_GOLDEN}/render-labels-questions.txt)
+polctl_test(polctl_show_policy_order 0 ARGS show policies ${POLCTL_DATA}/policy-order.xml
+  GOLDEN ${POLCTL_GOLDEN}/show-policy-order.txt MASK_POINTERS 1)
+polctl_test(polctl_run_every_attribute 0 ARGS run ${POLCTL_DATA}/every-attribute.xml ${POLCTL_DATA}/every-attribute.txt
+  GOLDEN ${POLCTL_GOLDEN}/run-every-attribute.txt)
