@@ -199,3 +199,7 @@ polctl_test(polctl_bad_show_data_daemon_down 1 ARGS show-data --port 1
   ERR_REGEX "^polctl: show-data: the management daemon does not answer on 127.0.0.1:1 \\(socket error:" OUT_REGEX "^$")
 polctl_test(polctl_bad_load_not_xml 1 ARGS load ${POLCTL_DATA}/malformed.xml --port 1
   ERR_REGEX "^polctl: ${POLCTL_DATA}/malformed.xml:8: the payload is not well-formed XML" OUT_REGEX "^$")
+# The data-side lists and objects their dumps print beyond the example: one
+# name in both prefix families, users by role and chain, unset limits.
+polctl_test(polctl_show_data_list_objects 0 ARGS show lists ${POLCTL_DATA}/data-lists.xml
+  GOLDEN ${POLCTL_GOLDEN}/show-data-lists-objects.txt MASK_POINTERS 1)

@@ -1,7 +1,7 @@
 // Policers, SLA classes, app-probe classes and app-ids: their life cycle
-// with data-policy users, the policer's leaves, the colour entries, the
-// SLA-class chain of an app-probe class with its change cascade, and the
-// dumps.
+// with data-policy users, the policer's leaves, the colour entries and the
+// SLA-class chain of an app-probe class with its change cascade (their
+// dumps are the command-line goldens').
 #include <bsd/string.h>
 
 #include "fwd_test_support.hpp"
@@ -110,51 +110,6 @@ TEST_F(FwdObjectsTest, ValueObjectsLiveWhileConfiguredOrUsed)
         EXPECT_EQ(f.find(), nullptr);
         EXPECT_EQ(live_count(f.row), live0);
     }
-}
-
-// The dumps beyond what the command-line goldens show (the policer's is
-// theirs, an app-id's users test_fwd_entry's): a new SLA class's unset
-// limits, a colour without DSCP.
-TEST_F(FwdObjectsTest, DumpsOfFilledObjects)
-{
-    DataSequence s1("AR1", POL_TYPE_PFR), s2("AR2", POL_TYPE_PFR);
-    pol_fwd_sla_class_entry_change(ctx_, "fresh");
-    t_fwd_sla_class *fresh = pol_fwd_sla_class_find(ctx_, "fresh");
-    t_fwd_sla_class *sla = pol_fwd_sla_class_user_add(ctx_, "voice", &s1.set);
-    pol_fwd_sla_class_user_add(ctx_, "voice", &s2.set);
-    sla->loss = 2;
-    sla->latency = 150;
-    sla->jitter = 0;
-    pol_app_probe_class_entry_change(ctx_, "apc", "fc-voice");
-    pol_app_probe_class_add_entry(ctx_, "apc", 5, 46);
-    pol_app_probe_class_add_entry(ctx_, "apc", 3, 0);
-    t_app_probe_class *apc = pol_fwd_app_probe_class_user_add(ctx_, "apc", sla);
-    apc->fetch_xml = 0;
-
-    const struct {
-        void (*dump)(mgmtd_cli_user_info *);
-        std::string expected;
-    } cases[] = {
-        {pol_dump_fwd_sla_class_all,
-         heading("SLA CLASSES         ") + "\nsla-class: fresh (" + ptr(fresh) +
-             ", 1)\n  Loss: Not Configured\n  Latency: Not Configured\n  Jitter: Not Configured"
-             "\n  App Probe Class: Not Configured\nend \n" +
-             "\nsla-class: voice (" + ptr(sla) +
-             ", 1)\n  Loss: 2\n  Latency: 150\n  Jitter: 0\n  App Probe Class: apc"
-             "\n  SLA CLASS User: AR1\n  SLA CLASS User: AR2\nend \n"},
-        {pol_dump_app_probe_class_all,
-         "\n================================\n APP PROBE CLASS LISTS\n================================"
-             "\napp_probe_class: apc (0x" + ptr(apc) +
-             ", 0)\n  Forwarding-Class: fc-voice\n  Color: 3\n  DSCP: Not Configured\n  Color: 5\n  DSCP: 46"
-             "\n App Probe Class apc is referenced in : voice\nend \n"},
-    };
-    for (const auto &c : cases) {
-        EXPECT_EQ(dump(c.dump), c.expected);
-    }
-
-    pol_fwd_sla_class_user_remove(ctx_, sla, &s1.set);
-    pol_fwd_sla_class_user_remove(ctx_, sla, &s2.set);
-    // Torn down with the SLA class still in the app-probe class's chain.
 }
 
 TEST_F(FwdObjectsTest, PolicerLeaves)
