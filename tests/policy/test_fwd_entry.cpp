@@ -1,5 +1,5 @@
-// Updates of data-policy sequences: the valued fields and flags (one table),
-// the sequence's action, the match arrays, set TLOC, service with the
+// Updates of data-policy sequences: the valued fields, flags and actions
+// (one table), the match arrays, set TLOC, service with the
 // host's labels, and the TLOC-list reference with the sequence's targets.
 #include <arpa/inet.h>
 
@@ -106,6 +106,12 @@ const ScalarRow kScalars[] = {
      [](const t_pol_entry &e) { return addr(e.set_entry.next_hop); }, false, 0, "1", "2", "0"},
     {"next hop v6", [](ARGS) { const t_ipaddr a = v6(k); return pol_fwd_entry_next_hop_v6_upd(AT, &a, add); },
      [](const t_pol_entry &e) { return addr(e.set_entry.next_hop_ipv6); }, false, 0, "1", "2", "0"},
+    {"action", [](ARGS) { return pol_fwd_entry_action_upd(AT, uint8_t(add ? k + 1 : 0)); },
+     [](const t_pol_entry &e) { return num(e.set_entry.action); }, false, 0, "2", "3", "0"},
+    {"default action (made 1)", [](ARGS) {
+         return pol_fwd_default_entry_action_upd(c, "D", POL_TYPE_DATA, s == 10 ? "V" : "W", uint8_t(add ? k + 1 : 1)); },
+     [](const t_pol_entry &e) { return num(e.pol_vpn_p->default_pol_entry->set_entry.action); }, false, 0, "2", "3",
+     "1"},
     FLAG_ROW("cflowd", pol_fwd_entry_cflowd_upd, 0x40000),
     FLAG_ROW("tcp optimisation", pol_fwd_entry_tcp_opt_upd, 0x80000),
     FLAG_ROW("ssl optimisation", pol_fwd_entry_ssl_opt_upd, 0x100000),
@@ -164,20 +170,6 @@ TEST_F(FwdEntryTest, ServiceLocalNeverNotifies)
     EXPECT_TRUE(!s.set_fwd_service_local && !s.set_fwd_service_local_restrict && entry_->entry_set_flags == 0);
     EXPECT_EQ(notified(), 0);
     EXPECT_EQ(pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 9, true, true, true), ERR_NOT_FOUND);
-}
-
-TEST_F(FwdEntryTest, SequenceAndDefaultAction)
-{
-    EXPECT_EQ(pol_fwd_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, 2), ERR_OK);
-    EXPECT_TRUE(entry_->set_entry.action == 2 && notified() == 1);
-    EXPECT_EQ(pol_fwd_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, 2), ERR_OK);
-    EXPECT_EQ(notified(), 0);
-    EXPECT_EQ(pol_fwd_default_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 1), ERR_OK);  // as made
-    EXPECT_EQ(notified(), 0);
-    EXPECT_EQ(pol_fwd_default_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 2), ERR_OK);
-    EXPECT_TRUE(vpn_->default_pol_entry->set_entry.action == 2 && notified() == 1);
-    EXPECT_EQ(pol_fwd_default_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "W", 2), ERR_NOT_FOUND);
-    EXPECT_EQ(pol_fwd_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 11, 2), ERR_NOT_FOUND);
 }
 
 // One match array: its leaf tag, accounting row, element size, setter and
