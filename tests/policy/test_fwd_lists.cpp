@@ -11,24 +11,11 @@ namespace {
 using namespace poltest;
 using Texts = std::vector<std::string>;
 
-// Its data-policy users go first: a data policy with users outlives the
-// shutdown's deletion.
 class FwdListTest : public PolContextTest {
 protected:
     // A user named after the data policy it watches, recording into calls_.
-    void watch(const char *policy)
-    {
-        users_.push_back(register_user(policy, policy, POL_TYPE_DATA, POL_DIR_NONE, record_cb, &calls_));
-    }
-    void TearDown() override
-    {
-        for (t_pol_user *&user : users_) {
-            pol_unregister(&user);
-        }
-        PolContextTest::TearDown();
-    }
+    void watch(const char *policy) { register_user(policy, policy, POL_TYPE_DATA, POL_DIR_NONE, record_cb, &calls_); }
     Texts calls_;
-    std::vector<t_pol_user *> users_;
 };
 
 /* ---- data prefix lists ---- */
