@@ -41,7 +41,7 @@ protected:
         set_tloc(60, 1);
         set_tloc(70, 1);
         pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 70, 4, false);
-        other_user_ = register_user("e", "E", POL_TYPE_DATA, POL_DIR_IN, count_cb, &other_calls_);
+        register_user("e", "E", POL_TYPE_DATA, POL_DIR_IN, count_cb, &other_calls_);
         ASSERT_NE(pol_fwd_vpn_find_or_create(ctx_, "E", POL_TYPE_DATA, "V"), nullptr);
         ASSERT_NE(pol_fwd_entry_find_or_create(ctx_, "E", POL_TYPE_DATA, "V", 10), nullptr);
         pol_fwd_entry_vpn_upd(ctx_, "E", POL_TYPE_DATA, "V", 10, 12, true);
@@ -50,12 +50,6 @@ protected:
         g_host.calls.clear();
         stale_document();
     }
-    void TearDown() override
-    {
-        pol_unregister(&other_user_);
-        FwdTest::TearDown();
-    }
-
     void set_tloc(uint32_t seq, uint32_t host)
     {
         const t_tloc_id t{v4(host), 1, 2};
@@ -96,7 +90,6 @@ protected:
         return g_host.calls;
     }
 
-    t_pol_user *other_user_ = nullptr;
     int other_calls_ = 0;
 };
 
