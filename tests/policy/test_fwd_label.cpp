@@ -178,24 +178,19 @@ TEST_F(FwdLabelTest, EvaluationLooksOnlyAtItsOwnSequences)
     }
     notified();
     const int64_t blocks = live_count(POL_MEM_BLOCK);
+    {
+        AllocFailure fail(POL_MEM_BLOCK);  // no index: the evaluation walks instead and asks the same
+        EXPECT_EQ(evaluate(3, 12, 9), std::vector<std::string>{"3/1:12:0"});
+    }
+    EXPECT_EQ(live_count(POL_MEM_BLOCK), blocks);
     EXPECT_EQ(evaluate(3, 12, 9), std::vector<std::string>{"3/1:12:0"});  // the index is made here
     EXPECT_EQ(live_count(POL_MEM_BLOCK), blocks + 2);  // counted as the blocks' memory, freed with the context
-    for (int i = 0; i < 100; i++) {
-        pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000009u), 1, 12, 7, false);  // aimed at by none
-    }
+    pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000009u), 1, 12, 7, false);  // aimed at by none
     EXPECT_EQ(g_host.calls.size(), 1u);
 }
 
 TEST_F(FwdLabelTest, AllocationFailures)
 {
-    // The target index: the evaluation walks instead and asks the same.
-    {
-        AllocFailure fail(POL_MEM_BLOCK);
-        EXPECT_EQ(evaluate(3, 12, 9), std::vector<std::string>{"3/1:12:0"});
-    }
-    notified();
-    g_host.calls.clear();
-
     // The bare label's node: logged, and the rest of the policy is left.
     g_host.service_label = 55;
     {
@@ -317,15 +312,12 @@ TEST_F(NameSetTest, TestAndInsert)
 TEST_F(NameSetTest, ManyNamesEachOnce)
 {
     constexpr int kNames = 5000;
-    struct Case {
-        unsigned fail_at;  // 0: none
-        int tables;        // left with the set's record
-    };
-    for (const Case c : {Case{0, 1}, Case{36, 0}}) {
-        SCOPED_TRACE(c.fail_at);
+    // The allocation made to fail (0: none), the tables left with the set's record.
+    for (const auto &[fail_at, tables] : {std::pair{0u, 1}, std::pair{36u, 0}}) {
+        SCOPED_TRACE(fail_at);
         std::optional<AllocFailure> fail;
-        if (c.fail_at != 0) {
-            fail.emplace(POL_MEM_ENTRY_LIST, c.fail_at);
+        if (fail_at != 0) {
+            fail.emplace(POL_MEM_ENTRY_LIST, fail_at);
         }
         const int64_t before = live_count(POL_MEM_ENTRY_LIST);
         int answers = 0;
@@ -335,7 +327,7 @@ TEST_F(NameSetTest, ManyNamesEachOnce)
             }
         }
         EXPECT_EQ(answers, kNames);
-        EXPECT_EQ(live_count(POL_MEM_ENTRY_LIST), before + kNames + 1 + c.tables);
+        EXPECT_EQ(live_count(POL_MEM_ENTRY_LIST), before + kNames + 1 + tables);
         pol_fwd_list_clear(&list_);
         EXPECT_EQ(live_count(POL_MEM_ENTRY_LIST), before);
     }
