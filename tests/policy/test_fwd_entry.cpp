@@ -153,25 +153,6 @@ TEST_F(FwdEntryTest, ValuedFields)
     EXPECT_EQ(notified(), 0);
 }
 
-TEST_F(FwdEntryTest, ServiceLocalNeverNotifies)
-{
-    const t_pol_set_entry &s = entry_->set_entry;
-    auto upd = [&](bool local, bool restrict1, bool add) {
-        return pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, local, restrict1, add);
-    };
-    EXPECT_EQ(upd(true, true, true), ERR_OK);
-    EXPECT_TRUE(s.set_fwd_service_local && s.set_fwd_service_local_restrict &&
-                (entry_->entry_set_flags & 0x80000000) != 0);
-    EXPECT_EQ(upd(false, true, true), ERR_OK);
-    EXPECT_TRUE(!s.set_fwd_service_local && s.set_fwd_service_local_restrict &&
-                (entry_->entry_set_flags & 0x80000000) == 0);
-    EXPECT_EQ(upd(true, true, true), ERR_OK);
-    EXPECT_EQ(upd(true, true, false), ERR_OK);
-    EXPECT_TRUE(!s.set_fwd_service_local && !s.set_fwd_service_local_restrict && entry_->entry_set_flags == 0);
-    EXPECT_EQ(notified(), 0);
-    EXPECT_EQ(pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 9, true, true, true), ERR_NOT_FOUND);
-}
-
 // One match array: its leaf tag, accounting row, element size, setter and
 // what it holds.
 struct ArrayRow {
@@ -263,14 +244,32 @@ TEST_F(FwdEntryTest, SetTlocMergesPartialTloc)
                  "failed assertion `pol_type == POL_TYPE_DATA'");
 }
 
-// The host's answer for a service becomes the sequence's targets (the
-// kinds of answer and a node that cannot be had are test_fwd_label's).
+// The local flags of a service, and the host's answer for it becoming the
+// sequence's targets (the kinds of answer and a node that cannot be had
+// are test_fwd_label's).
 TEST_F(FwdEntryTest, ServiceAsksTheHostForTargets)
 {
+    // Its local flags never notify: the service's question carries them.
+    const t_pol_set_entry &s = entry_->set_entry;
+    auto local = [&](bool local, bool restrict1, bool add) {
+        return pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, local, restrict1, add);
+    };
+    EXPECT_EQ(local(true, true, true), ERR_OK);
+    EXPECT_TRUE(s.set_fwd_service_local && s.set_fwd_service_local_restrict &&
+                (entry_->entry_set_flags & 0x80000000) != 0);
+    EXPECT_EQ(local(false, true, true), ERR_OK);
+    EXPECT_TRUE(!s.set_fwd_service_local && s.set_fwd_service_local_restrict &&
+                (entry_->entry_set_flags & 0x80000000) == 0);
+    EXPECT_EQ(local(true, true, true), ERR_OK);
+    EXPECT_EQ(local(true, true, false), ERR_OK);
+    EXPECT_TRUE(!s.set_fwd_service_local && !s.set_fwd_service_local_restrict && entry_->entry_set_flags == 0);
+    EXPECT_EQ(notified(), 0);
+    EXPECT_EQ(pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 9, true, true, true), ERR_NOT_FOUND);
+
     ctx_->init_params.pol_label_cb = label_cb;
     g_host = LabelHost{{}, 77, {{5, 40, {v4(3), 1, 2}}, {6, 50, {v4(4), 2, 2}}}, {}};
     pol_fwd_entry_vpn_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, 12, true);
-    pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, true, false, true);
+    local(true, false, true);
     notified();
     auto svc = [&](uint16_t type, bool del) {
         return pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 10, type, del);
@@ -300,7 +299,6 @@ TEST_F(FwdEntryTest, ServiceAsksTheHostForTargets)
     // Removal zeroes the service and its local flags; afterwards a call
     // with neither does nothing.
     ASSERT_EQ(svc(0, true), ERR_OK);
-    const t_pol_set_entry &s = entry_->set_entry;
     EXPECT_TRUE(s.set_fwd_service == 0 && !s.set_fwd_service_local && !(entry_->entry_set_flags & 0x400) &&
                 !(block_->pol_flags & 0x10) && targets(entry_).empty() && notified() == 1);
     ASSERT_EQ(svc(0, false), ERR_OK);
