@@ -109,7 +109,8 @@ const ScalarRow kScalars[] = {
     {"action", [](ARGS) { return pol_fwd_entry_action_upd(AT, uint8_t(add ? k + 1 : 0)); },
      [](const t_pol_entry &e) { return num(e.set_entry.action); }, false, 0, "2", "3", "0"},
     {"default action (made 1)", [](ARGS) {
-         return pol_fwd_default_entry_action_upd(c, "D", POL_TYPE_DATA, s == 10 ? "V" : "W", uint8_t(add ? k + 1 : 1)); },
+         const char *vpn = s == 10 ? "V" : "W";
+         return pol_fwd_default_entry_action_upd(c, "D", POL_TYPE_DATA, vpn, uint8_t(add ? k + 1 : 1)); },
      [](const t_pol_entry &e) { return num(e.pol_vpn_p->default_pol_entry->set_entry.action); }, false, 0, "2", "3",
      "1"},
     FLAG_ROW("cflowd", pol_fwd_entry_cflowd_upd, 0x40000),
