@@ -210,3 +210,8 @@ polctl_test(polctl_show_policy_order 0 ARGS show policies ${POLCTL_DATA}/policy-
   GOLDEN ${POLCTL_GOLDEN}/show-policy-order.txt MASK_POINTERS 1)
 polctl_test(polctl_run_every_attribute 0 ARGS run ${POLCTL_DATA}/every-attribute.xml ${POLCTL_DATA}/every-attribute.txt
   GOLDEN ${POLCTL_GOLDEN}/run-every-attribute.txt)
+
+# The data-side lists and objects their dumps print beyond the example: one
+# name in both prefix families, users by role and chain, unset limits.
+polctl_test(polctl_show_data_list_objects 0 ARGS show lists ${POLCTL_DATA}/data-lists.xml
+  GOLDEN ${POLCTL_GOLDEN}/show-data-lists-objects.txt MASK_POINTERS 1)

@@ -6,6 +6,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "pol_test_support.hpp"
@@ -122,19 +123,42 @@ inline std::vector<std::string> targets(const t_pol_entry *entry)
     return out;
 }
 
-// The names of the records whose section of a dump shows the line
-// "  " + line, once per showing.
-inline std::vector<std::string> showing(void (*fn)(mgmtd_cli_user_info *), const std::string &line)
+// A dump's records in order: each one's name and the lines under it.
+using Records = std::vector<std::pair<std::string, std::vector<std::string>>>;
+inline Records records(void (*fn)(mgmtd_cli_user_info *))
 {
-    std::vector<std::string> out;
+    Records out;
     std::istringstream text(dump(fn));
-    std::string section;
     for (std::string l; std::getline(text, l);) {
         const std::size_t colon = l.find(": ");
         if (!l.empty() && l[0] != ' ' && colon != std::string::npos) {
-            section = l.substr(colon + 2, l.find(" (") - colon - 2);
-        } else if (l == "  " + line) {
-            out.push_back(section);
+            out.emplace_back(l.substr(colon + 2, l.find(" (") - colon - 2), std::vector<std::string>{});
+        } else if (!out.empty()) {
+            out.back().second.push_back(l);
+        }
+    }
+    return out;
+}
+
+// The names of the records that show the line "  " + line, once per showing.
+inline std::vector<std::string> showing(void (*fn)(mgmtd_cli_user_info *), const std::string &line)
+{
+    std::vector<std::string> out;
+    for (const auto &[name, lines] : records(fn)) {
+        out.insert(out.end(), std::count(lines.begin(), lines.end(), "  " + line), name);
+    }
+    return out;
+}
+
+// The entries a dump shows for the record "name" (its lines indented by four).
+inline std::vector<std::string> entries(void (*fn)(mgmtd_cli_user_info *), const std::string &name)
+{
+    std::vector<std::string> out;
+    for (const auto &[record, lines] : records(fn)) {
+        for (const std::string &l : lines) {
+            if (record == name && l.rfind("    ", 0) == 0) {
+                out.push_back(l.substr(4));
+            }
         }
     }
     return out;

@@ -30,7 +30,13 @@ TEST_F(FwdModelTest, VpnRecordLifeCycle)
                 dflt->pol_block_p == block_ && dflt->set_entry.pol_vpn_p == vpn_);
     EXPECT_EQ(pol_fwd_entry_find(ctx_, vpn_, 0, nullptr), nullptr);
 
-    // Existing: the same record and no notification; new: exactly one.
+    // A failed allocation leaves nothing; existing: the same record and no
+    // notification; new: exactly one.
+    for (e_pol_mem row : {POL_MEM_FWD_ENTRY_VPN, POL_MEM_ENTRY_POLICY, POL_MEM_LIST_VPN}) {
+        AllocFailure fail(row);
+        EXPECT_EQ(pol_fwd_vpn_find_or_create(ctx_, "D", POL_TYPE_DATA, "W"), nullptr) << row;
+    }
+    EXPECT_TRUE(pol_fwd_vpn_find(ctx_, block_, "W", nullptr) == nullptr && pol_vpn_list_find(ctx_, "W") == nullptr);
     EXPECT_EQ(pol_fwd_vpn_find_or_create(ctx_, "D", POL_TYPE_DATA, "V"), vpn_);
     EXPECT_EQ(notified(), 0);
     const std::string long_a = std::string(128, 'x') + "a", long_b = std::string(128, 'x') + "b";
@@ -54,18 +60,6 @@ TEST_F(FwdModelTest, VpnRecordLifeCycle)
     pol_fwd_vpn_find_and_delete(ctx_, "D", POL_TYPE_DATA, "V");
     EXPECT_EQ(pol_vpn_list_find(ctx_, "V"), nullptr);
     EXPECT_EQ(live_count(POL_MEM_ENTRY_POLICY), seqs - 3);
-}
-
-// Each allocation of a new record failing leaves nothing behind.
-TEST_F(FwdModelTest, FailedVpnRecordLeavesNothing)
-{
-    for (e_pol_mem row : {POL_MEM_FWD_ENTRY_VPN, POL_MEM_ENTRY_POLICY, POL_MEM_LIST_VPN}) {
-        AllocFailure fail(row);
-        EXPECT_EQ(pol_fwd_vpn_find_or_create(ctx_, "D", POL_TYPE_DATA, "W"), nullptr) << row;
-        EXPECT_EQ(pol_fwd_vpn_find(ctx_, block_, "W", nullptr), nullptr);
-    }
-    EXPECT_EQ(pol_vpn_list_find(ctx_, "W"), nullptr);
-    EXPECT_EQ(notified(), 0);
 }
 
 TEST_F(FwdModelTest, SequenceNumbersAndLookups)

@@ -1,5 +1,5 @@
-// Updates of data-policy sequences: the valued fields and flags (one table),
-// the sequence's action, the match arrays, set TLOC, service with the
+// Updates of data-policy sequences: the valued fields, flags and actions
+// (one table), the match arrays, set TLOC, service with the
 // host's labels, and the TLOC-list reference with the sequence's targets.
 #include <arpa/inet.h>
 
@@ -106,6 +106,13 @@ const ScalarRow kScalars[] = {
      [](const t_pol_entry &e) { return addr(e.set_entry.next_hop); }, false, 0, "1", "2", "0"},
     {"next hop v6", [](ARGS) { const t_ipaddr a = v6(k); return pol_fwd_entry_next_hop_v6_upd(AT, &a, add); },
      [](const t_pol_entry &e) { return addr(e.set_entry.next_hop_ipv6); }, false, 0, "1", "2", "0"},
+    {"action", [](ARGS) { return pol_fwd_entry_action_upd(AT, uint8_t(add ? k + 1 : 0)); },
+     [](const t_pol_entry &e) { return num(e.set_entry.action); }, false, 0, "2", "3", "0"},
+    {"default action (made 1)", [](ARGS) {
+         const char *vpn = s == 10 ? "V" : "W";
+         return pol_fwd_default_entry_action_upd(c, "D", POL_TYPE_DATA, vpn, uint8_t(add ? k + 1 : 1)); },
+     [](const t_pol_entry &e) { return num(e.pol_vpn_p->default_pol_entry->set_entry.action); }, false, 0, "2", "3",
+     "1"},
     FLAG_ROW("cflowd", pol_fwd_entry_cflowd_upd, 0x40000),
     FLAG_ROW("tcp optimisation", pol_fwd_entry_tcp_opt_upd, 0x80000),
     FLAG_ROW("ssl optimisation", pol_fwd_entry_ssl_opt_upd, 0x100000),
@@ -145,39 +152,6 @@ TEST_F(FwdEntryTest, ValuedFields)
     // Loss protection compares even with nothing stored.
     EXPECT_EQ(pol_fwd_entry_loss_protect_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, 0, true), ERR_OK);
     EXPECT_EQ(notified(), 0);
-}
-
-TEST_F(FwdEntryTest, ServiceLocalNeverNotifies)
-{
-    const t_pol_set_entry &s = entry_->set_entry;
-    auto upd = [&](bool local, bool restrict1, bool add) {
-        return pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, local, restrict1, add);
-    };
-    EXPECT_EQ(upd(true, true, true), ERR_OK);
-    EXPECT_TRUE(s.set_fwd_service_local && s.set_fwd_service_local_restrict &&
-                (entry_->entry_set_flags & 0x80000000) != 0);
-    EXPECT_EQ(upd(false, true, true), ERR_OK);
-    EXPECT_TRUE(!s.set_fwd_service_local && s.set_fwd_service_local_restrict &&
-                (entry_->entry_set_flags & 0x80000000) == 0);
-    EXPECT_EQ(upd(true, true, true), ERR_OK);
-    EXPECT_EQ(upd(true, true, false), ERR_OK);
-    EXPECT_TRUE(!s.set_fwd_service_local && !s.set_fwd_service_local_restrict && entry_->entry_set_flags == 0);
-    EXPECT_EQ(notified(), 0);
-    EXPECT_EQ(pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 9, true, true, true), ERR_NOT_FOUND);
-}
-
-TEST_F(FwdEntryTest, SequenceAndDefaultAction)
-{
-    EXPECT_EQ(pol_fwd_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, 2), ERR_OK);
-    EXPECT_TRUE(entry_->set_entry.action == 2 && notified() == 1);
-    EXPECT_EQ(pol_fwd_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, 2), ERR_OK);
-    EXPECT_EQ(notified(), 0);
-    EXPECT_EQ(pol_fwd_default_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 1), ERR_OK);  // as made
-    EXPECT_EQ(notified(), 0);
-    EXPECT_EQ(pol_fwd_default_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 2), ERR_OK);
-    EXPECT_TRUE(vpn_->default_pol_entry->set_entry.action == 2 && notified() == 1);
-    EXPECT_EQ(pol_fwd_default_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "W", 2), ERR_NOT_FOUND);
-    EXPECT_EQ(pol_fwd_entry_action_upd(ctx_, "D", POL_TYPE_DATA, "V", 11, 2), ERR_NOT_FOUND);
 }
 
 // One match array: its leaf tag, accounting row, element size, setter and
@@ -271,14 +245,32 @@ TEST_F(FwdEntryTest, SetTlocMergesPartialTloc)
                  "failed assertion `pol_type == POL_TYPE_DATA'");
 }
 
-// The host's answer for a service becomes the sequence's targets (the
-// kinds of answer and a node that cannot be had are test_fwd_label's).
+// The local flags of a service, and the host's answer for it becoming the
+// sequence's targets (the kinds of answer and a node that cannot be had
+// are test_fwd_label's).
 TEST_F(FwdEntryTest, ServiceAsksTheHostForTargets)
 {
+    // Its local flags never notify: the service's question carries them.
+    const t_pol_set_entry &s = entry_->set_entry;
+    auto local = [&](bool local, bool restrict1, bool add) {
+        return pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, local, restrict1, add);
+    };
+    EXPECT_EQ(local(true, true, true), ERR_OK);
+    EXPECT_TRUE(s.set_fwd_service_local && s.set_fwd_service_local_restrict &&
+                (entry_->entry_set_flags & 0x80000000) != 0);
+    EXPECT_EQ(local(false, true, true), ERR_OK);
+    EXPECT_TRUE(!s.set_fwd_service_local && s.set_fwd_service_local_restrict &&
+                (entry_->entry_set_flags & 0x80000000) == 0);
+    EXPECT_EQ(local(true, true, true), ERR_OK);
+    EXPECT_EQ(local(true, true, false), ERR_OK);
+    EXPECT_TRUE(!s.set_fwd_service_local && !s.set_fwd_service_local_restrict && entry_->entry_set_flags == 0);
+    EXPECT_EQ(notified(), 0);
+    EXPECT_EQ(pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 9, true, true, true), ERR_NOT_FOUND);
+
     ctx_->init_params.pol_label_cb = label_cb;
     g_host = LabelHost{{}, 77, {{5, 40, {v4(3), 1, 2}}, {6, 50, {v4(4), 2, 2}}}, {}};
     pol_fwd_entry_vpn_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, 12, true);
-    pol_fwd_entry_svc_local_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, true, false, true);
+    local(true, false, true);
     notified();
     auto svc = [&](uint16_t type, bool del) {
         return pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 10, type, del);
@@ -308,7 +300,6 @@ TEST_F(FwdEntryTest, ServiceAsksTheHostForTargets)
     // Removal zeroes the service and its local flags; afterwards a call
     // with neither does nothing.
     ASSERT_EQ(svc(0, true), ERR_OK);
-    const t_pol_set_entry &s = entry_->set_entry;
     EXPECT_TRUE(s.set_fwd_service == 0 && !s.set_fwd_service_local && !(entry_->entry_set_flags & 0x400) &&
                 !(block_->pol_flags & 0x10) && targets(entry_).empty() && notified() == 1);
     ASSERT_EQ(svc(0, false), ERR_OK);

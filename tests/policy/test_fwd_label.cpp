@@ -41,7 +41,7 @@ protected:
         set_tloc(60, 1);
         set_tloc(70, 1);
         pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 70, 4, false);
-        other_user_ = register_user("e", "E", POL_TYPE_DATA, POL_DIR_IN, count_cb, &other_calls_);
+        register_user("e", "E", POL_TYPE_DATA, POL_DIR_IN, count_cb, &other_calls_);
         ASSERT_NE(pol_fwd_vpn_find_or_create(ctx_, "E", POL_TYPE_DATA, "V"), nullptr);
         ASSERT_NE(pol_fwd_entry_find_or_create(ctx_, "E", POL_TYPE_DATA, "V", 10), nullptr);
         pol_fwd_entry_vpn_upd(ctx_, "E", POL_TYPE_DATA, "V", 10, 12, true);
@@ -50,12 +50,6 @@ protected:
         g_host.calls.clear();
         stale_document();
     }
-    void TearDown() override
-    {
-        pol_unregister(&other_user_);
-        FwdTest::TearDown();
-    }
-
     void set_tloc(uint32_t seq, uint32_t host)
     {
         const t_tloc_id t{v4(host), 1, 2};
@@ -77,95 +71,94 @@ protected:
 
     // What the host is asked by an originator's evaluation, and by the
     // plain walk of every data policy that has such sequences.
-    std::vector<std::string> evaluate(uint32_t host, uint64_t vpn, uint16_t service)
+    std::vector<std::string> evaluate(uint32_t host, uint64_t vpn, uint16_t service, uint8_t color = 1)
     {
         g_host.calls.clear();
-        pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000000u | host), 1, vpn, service, false);
+        pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000000u | host), color, vpn, service, false);
         return g_host.calls;
     }
-    std::vector<std::string> walk(uint32_t host, uint64_t vpn, uint16_t service)
+    std::vector<std::string> walk(uint32_t host, uint64_t vpn, uint16_t service, uint8_t color = 1)
     {
         g_host.calls.clear();
         for (t_pol_block *b = pol_block_first(ctx_, POL_TYPE_DATA); b != nullptr;
              b = pol_block_next(ctx_, b, POL_TYPE_DATA)) {
             if (b->pol_flags & 0x38) {
-                pol_fwd_eval_block(ctx_, nullptr, b, htonl(0x0a000000u | host), 1, vpn, service, false);
+                pol_fwd_eval_block(ctx_, nullptr, b, htonl(0x0a000000u | host), color, vpn, service, false);
             }
         }
         notified();
         return g_host.calls;
     }
 
-    t_pol_user *other_user_ = nullptr;
     int other_calls_ = 0;
 };
 
+// An originator's evaluation asks the host for the sequences aiming at it
+// as they are then, in the same order as the walk, and the service
+// sequences take the host's answer.
 TEST_F(FwdLabelTest, OriginatorReachesOnlyTheSequencesAimingAtIt)
 {
+    const t_tloc_id t1{v4(1), 1, 2};
     struct Case {
+        std::function<void()> change;
         uint32_t originator;
         uint64_t vpn;
         uint16_t service;
         std::vector<std::string> asked;  // in the order the host is asked
+        std::function<void()> then = [] {};
+        uint8_t color = 1;  // the originator's
     };
+    const auto labels_kept = [&] {
+        EXPECT_EQ(seq(10)->set_entry.set_fwd_label, 101u);
+        EXPECT_EQ(targets(seq(20)), (std::vector<std::string>{"1/1:101:10", "2/2:102:20"}));
+    };
+    const auto service_targets = [&](const std::vector<std::string> &want) { EXPECT_EQ(targets(seq(40)), want); };
     const Case cases[] = {
         // TLOC at it, the list holding it, the service, the TLOC with that service.
-        {1, 12, 4, {"1/1:12:0", "1/1:12:0", "2/2:12:0", "0/0:12:4", "1/1:12:4"}},
+        {[] {}, 1, 12, 4, {"1/1:12:0", "1/1:12:0", "2/2:12:0", "0/0:12:4", "1/1:12:4"}},
         // Only the list holds .2; the TLOC-with-service sequence wants .1.
-        {2, 12, 4, {"1/1:12:0", "2/2:12:0", "0/0:12:4"}},
+        {[] {}, 2, 12, 4, {"1/1:12:0", "2/2:12:0", "0/0:12:4"}},
         // Another service: the service sequences stay out, so does 70.
-        {1, 12, 5, {"1/1:12:0", "1/1:12:0", "2/2:12:0", "0/0:12:5"}},
-        {3, 12, 9, {"3/1:12:0"}},
-        {1, 13, 0, {"1/1:13:0"}},
-        {9, 12, 7, {}},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.originator * 1000 + c.service);
-        g_host.calls.clear();
-        stale_document();
-        EXPECT_EQ(evaluate(c.originator, c.vpn, c.service), c.asked);
-        EXPECT_EQ(calls_, c.asked.empty() ? 0 : 1);  // once, however many sequences
-        EXPECT_EQ(rerendered(), !c.asked.empty());
-        EXPECT_EQ(other_calls_, 0);  // a policy with no such sequence is never evaluated
-        calls_ = 0;
-        EXPECT_EQ(walk(c.originator, c.vpn, c.service), c.asked);
-    }
-    EXPECT_EQ(seq(10)->set_entry.set_fwd_label, 101u);
-    EXPECT_EQ(targets(seq(20)), (std::vector<std::string>{"1/1:101:10", "2/2:102:20"}));
-}
-
-// What a sequence aims at may change between two evaluations: each sees
-// the sequences as they are then, in the same order as the walk.
-TEST_F(FwdLabelTest, ChangesBetweenEvaluationsAreSeen)
-{
-    const t_tloc_id t1{v4(1), 1, 2};
-    struct Step {
-        std::function<void()> change;
-        std::vector<std::string> asked;  // for 10.0.0.1, VPN 12, service 9
-    };
-    const Step steps[] = {
-        {[] {}, {"1/1:12:0", "1/1:12:0", "2/2:12:0"}},
-        {[&] { set_tloc(50, 1); }, {"1/1:12:0", "1/1:12:0", "2/2:12:0", "1/1:12:0"}},
-        {[&] { pol_fwd_entry_find_and_delete(ctx_, "D", POL_TYPE_DATA, "V", 10); },
+        {[] {}, 1, 12, 5, {"1/1:12:0", "1/1:12:0", "2/2:12:0", "0/0:12:5"}},
+        {[] {}, 3, 12, 9, {"3/1:12:0"}},
+        {[] {}, 1, 13, 0, {"1/1:13:0"}},
+        {[] {}, 9, 12, 7, {}, labels_kept},
+        // The service sequence's targets: the host's TE entries when there
+        // are any, else the bare label at the originator, else none.
+        {[] { g_host.service_label = 55; }, 7, 12, 5, {"0/0:12:5"}, [&] { service_targets({"7/3:55:0"}); }, 3},
+        {[] { g_host.service_te = {{5, 40, {v4(3), 1, 2}}, {6, 50, {v4(4), 2, 2}}}; }, 7, 12, 5, {"0/0:12:5"},
+         [&] { service_targets({"3/1:5:40", "4/2:6:50"}); }, 3},
+        {[] { g_host = LabelHost{}; }, 7, 12, 5, {"0/0:12:5"}, [&] { service_targets({}); }, 3},
+        // What the sequences aim at changes between two evaluations.
+        {[] {}, 1, 12, 9, {"1/1:12:0", "1/1:12:0", "2/2:12:0"}},
+        {[&] { set_tloc(50, 1); }, 1, 12, 9, {"1/1:12:0", "1/1:12:0", "2/2:12:0", "1/1:12:0"}},
+        {[&] { pol_fwd_entry_find_and_delete(ctx_, "D", POL_TYPE_DATA, "V", 10); }, 1, 12, 9,
          {"1/1:12:0", "2/2:12:0", "1/1:12:0"}},
         {[&] {
              pol_tloc_list_del_entry(ctx_, "TL", &t1);
              pol_config_update_tloc_list(nullptr, ctx_);
          },
-         {"1/1:12:0"}},
-        {[&] { pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 40, 9, false); },
+         1, 12, 9, {"1/1:12:0"}},
+        {[&] { pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 40, 9, false); }, 1, 12, 9,
          {"0/0:12:9", "1/1:12:0"}},
         {[&] {
              pol_fwd_entry_tloc_list_upd(ctx_, "D", POL_TYPE_DATA, "V", 20, "");
              pol_fwd_entry_svc_upd(nullptr, ctx_, "D", POL_TYPE_DATA, "V", 20, 9, false);
          },
-         {"0/0:12:9", "0/0:12:9", "1/1:12:0"}},
+         1, 12, 9, {"0/0:12:9", "0/0:12:9", "1/1:12:0"}},
     };
-    for (size_t i = 0; i < std::size(steps); i++) {
-        SCOPED_TRACE(i);
-        steps[i].change();
-        EXPECT_EQ(evaluate(1, 12, 9), steps[i].asked);
-        EXPECT_EQ(walk(1, 12, 9), steps[i].asked);
+    for (const Case &c : cases) {
+        SCOPED_TRACE(&c - cases);
+        c.change();
+        notified();
+        stale_document();
+        EXPECT_EQ(evaluate(c.originator, c.vpn, c.service, c.color), c.asked);
+        c.then();
+        EXPECT_EQ(calls_, c.asked.empty() ? 0 : 1);  // once, however many sequences
+        EXPECT_EQ(rerendered(), !c.asked.empty());
+        EXPECT_EQ(other_calls_, 0);  // a policy with no such sequence is never evaluated
+        calls_ = 0;
+        EXPECT_EQ(walk(c.originator, c.vpn, c.service, c.color), c.asked);
     }
 }
 
@@ -185,49 +178,19 @@ TEST_F(FwdLabelTest, EvaluationLooksOnlyAtItsOwnSequences)
     }
     notified();
     const int64_t blocks = live_count(POL_MEM_BLOCK);
+    {
+        AllocFailure fail(POL_MEM_BLOCK);  // no index: the evaluation walks instead and asks the same
+        EXPECT_EQ(evaluate(3, 12, 9), std::vector<std::string>{"3/1:12:0"});
+    }
+    EXPECT_EQ(live_count(POL_MEM_BLOCK), blocks);
     EXPECT_EQ(evaluate(3, 12, 9), std::vector<std::string>{"3/1:12:0"});  // the index is made here
     EXPECT_EQ(live_count(POL_MEM_BLOCK), blocks + 2);  // counted as the blocks' memory, freed with the context
-    for (int i = 0; i < 100; i++) {
-        pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000009u), 1, 12, 7, false);  // aimed at by none
-    }
+    pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000009u), 1, 12, 7, false);  // aimed at by none
     EXPECT_EQ(g_host.calls.size(), 1u);
-}
-
-// The service sequence's targets become the host's answer for the
-// originator: the TE entries when there are any, else the bare label at
-// the originator, else none.
-TEST_F(FwdLabelTest, ServiceSequenceTakesTheHostsAnswer)
-{
-    struct Case {
-        uint32_t label;
-        std::vector<t_pol_te> te;
-        std::vector<std::string> expect;
-    };
-    const Case cases[] = {
-        {55, {}, {"7/3:55:0"}},
-        {55, {{5, 40, {v4(3), 1, 2}}, {6, 50, {v4(4), 2, 2}}}, {"3/1:5:40", "4/2:6:50"}},
-        {0, {}, {}},
-    };
-    for (const Case &c : cases) {
-        g_host.service_label = c.label;
-        g_host.service_te = c.te;
-        pol_fwd_eval_label(ctx_, nullptr, htonl(0x0a000007u), 3, 12, 5, false);
-        EXPECT_EQ(targets(seq(40)), c.expect);
-        EXPECT_EQ(calls_, 1);
-        calls_ = 0;
-    }
 }
 
 TEST_F(FwdLabelTest, AllocationFailures)
 {
-    // The target index: the evaluation walks instead and asks the same.
-    {
-        AllocFailure fail(POL_MEM_BLOCK);
-        EXPECT_EQ(evaluate(3, 12, 9), std::vector<std::string>{"3/1:12:0"});
-    }
-    notified();
-    g_host.calls.clear();
-
     // The bare label's node: logged, and the rest of the policy is left.
     g_host.service_label = 55;
     {
@@ -349,15 +312,12 @@ TEST_F(NameSetTest, TestAndInsert)
 TEST_F(NameSetTest, ManyNamesEachOnce)
 {
     constexpr int kNames = 5000;
-    struct Case {
-        unsigned fail_at;  // 0: none
-        int tables;        // left with the set's record
-    };
-    for (const Case c : {Case{0, 1}, Case{36, 0}}) {
-        SCOPED_TRACE(c.fail_at);
+    // The allocation made to fail (0: none), the tables left with the set's record.
+    for (const auto &[fail_at, tables] : {std::pair{0u, 1}, std::pair{36u, 0}}) {
+        SCOPED_TRACE(fail_at);
         std::optional<AllocFailure> fail;
-        if (c.fail_at != 0) {
-            fail.emplace(POL_MEM_ENTRY_LIST, c.fail_at);
+        if (fail_at != 0) {
+            fail.emplace(POL_MEM_ENTRY_LIST, fail_at);
         }
         const int64_t before = live_count(POL_MEM_ENTRY_LIST);
         int answers = 0;
@@ -367,7 +327,7 @@ TEST_F(NameSetTest, ManyNamesEachOnce)
             }
         }
         EXPECT_EQ(answers, kNames);
-        EXPECT_EQ(live_count(POL_MEM_ENTRY_LIST), before + kNames + 1 + c.tables);
+        EXPECT_EQ(live_count(POL_MEM_ENTRY_LIST), before + kNames + 1 + tables);
         pol_fwd_list_clear(&list_);
         EXPECT_EQ(live_count(POL_MEM_ENTRY_LIST), before);
     }

@@ -1,7 +1,7 @@
 // Policers, SLA classes, app-probe classes and app-ids: their life cycle
-// with data-policy users, the policer's leaves, the colour entries, the
-// SLA-class chain of an app-probe class with its change cascade, and the
-// dumps.
+// with data-policy users, the policer's leaves, the colour entries and the
+// SLA-class chain of an app-probe class with its change cascade (their
+// dumps are the command-line goldens').
 #include <bsd/string.h>
 
 #include "fwd_test_support.hpp"
@@ -112,51 +112,6 @@ TEST_F(FwdObjectsTest, ValueObjectsLiveWhileConfiguredOrUsed)
     }
 }
 
-// The dumps beyond what the command-line goldens show (the policer's is
-// theirs, an app-id's users test_fwd_entry's): a new SLA class's unset
-// limits, a colour without DSCP.
-TEST_F(FwdObjectsTest, DumpsOfFilledObjects)
-{
-    DataSequence s1("AR1", POL_TYPE_PFR), s2("AR2", POL_TYPE_PFR);
-    pol_fwd_sla_class_entry_change(ctx_, "fresh");
-    t_fwd_sla_class *fresh = pol_fwd_sla_class_find(ctx_, "fresh");
-    t_fwd_sla_class *sla = pol_fwd_sla_class_user_add(ctx_, "voice", &s1.set);
-    pol_fwd_sla_class_user_add(ctx_, "voice", &s2.set);
-    sla->loss = 2;
-    sla->latency = 150;
-    sla->jitter = 0;
-    pol_app_probe_class_entry_change(ctx_, "apc", "fc-voice");
-    pol_app_probe_class_add_entry(ctx_, "apc", 5, 46);
-    pol_app_probe_class_add_entry(ctx_, "apc", 3, 0);
-    t_app_probe_class *apc = pol_fwd_app_probe_class_user_add(ctx_, "apc", sla);
-    apc->fetch_xml = 0;
-
-    const struct {
-        void (*dump)(mgmtd_cli_user_info *);
-        std::string expected;
-    } cases[] = {
-        {pol_dump_fwd_sla_class_all,
-         heading("SLA CLASSES         ") + "\nsla-class: fresh (" + ptr(fresh) +
-             ", 1)\n  Loss: Not Configured\n  Latency: Not Configured\n  Jitter: Not Configured"
-             "\n  App Probe Class: Not Configured\nend \n" +
-             "\nsla-class: voice (" + ptr(sla) +
-             ", 1)\n  Loss: 2\n  Latency: 150\n  Jitter: 0\n  App Probe Class: apc"
-             "\n  SLA CLASS User: AR1\n  SLA CLASS User: AR2\nend \n"},
-        {pol_dump_app_probe_class_all,
-         "\n================================\n APP PROBE CLASS LISTS\n================================"
-             "\napp_probe_class: apc (0x" + ptr(apc) +
-             ", 0)\n  Forwarding-Class: fc-voice\n  Color: 3\n  DSCP: Not Configured\n  Color: 5\n  DSCP: 46"
-             "\n App Probe Class apc is referenced in : voice\nend \n"},
-    };
-    for (const auto &c : cases) {
-        EXPECT_EQ(dump(c.dump), c.expected);
-    }
-
-    pol_fwd_sla_class_user_remove(ctx_, sla, &s1.set);
-    pol_fwd_sla_class_user_remove(ctx_, sla, &s2.set);
-    // Torn down with the SLA class still in the app-probe class's chain.
-}
-
 TEST_F(FwdObjectsTest, PolicerLeaves)
 {
     Calls calls;
@@ -241,7 +196,8 @@ TEST_F(FwdObjectsTest, AppProbeClassColourEntries)
 }
 
 // A change of an app-probe class is a change of each SLA class in its
-// chain, in chain order; the SLA classes' users hear of it.
+// chain, in chain order; the SLA classes' users hear of it. An SLA class
+// leaves the chain with its configuration, by name, or by moving.
 TEST_F(FwdObjectsTest, ProbeClassChangesCascadeToSlaClasses)
 {
     Calls calls;
@@ -260,7 +216,6 @@ TEST_F(FwdObjectsTest, ProbeClassChangesCascadeToSlaClasses)
     EXPECT_EQ(pol_fwd_app_probe_class_user_add(ctx_, "apc", a), apc);  // linked once
     EXPECT_TRUE(pol_app_probe_class_find_sla_entry(ctx_, apc, a) == a &&
                 pol_app_probe_class_find_sla_entry(ctx_, apc, lone) == nullptr);
-    EXPECT_EQ(std::string(a->app_probe_class_name), "apc");
 
     const std::function<void()> changes[] = {
         [&] { pol_app_probe_class_entry_change(ctx_, "apc", "fc"); },
@@ -289,33 +244,26 @@ TEST_F(FwdObjectsTest, ProbeClassChangesCascadeToSlaClasses)
     EXPECT_EQ(pol_fwd_sla_class_cfg_del(ctx_, "A"), ERR_OK);  // unused: it leaves the chain and goes
     EXPECT_TRUE(pol_fwd_sla_class_find(ctx_, "A") == nullptr && TAILQ_FIRST(&apc->sla_class_head) == b &&
                 TAILQ_NEXT(b, set_app_probe_class_sla_entry) == nullptr);
-}
 
-// Taking an SLA class out of its app-probe class, and moving it.
-TEST_F(FwdObjectsTest, SlaClassLeavesItsProbeClass)
-{
+    // Taking an SLA class out of its app-probe class, and moving it.
+    EXPECT_EQ(pol_fwd_app_probe_class_entry_find_and_delete(ctx_, lone), 0);  // names none
+    strlcpy(lone->app_probe_class_name, "apc", sizeof(lone->app_probe_class_name));
+    EXPECT_EQ(pol_fwd_app_probe_class_entry_find_and_delete(ctx_, lone), 1);  // not in its chain
+    strlcpy(lone->app_probe_class_name, "gone", sizeof(lone->app_probe_class_name));
+    EXPECT_EQ(pol_fwd_app_probe_class_entry_find_and_delete(ctx_, lone), 1);
+    EXPECT_EQ(pol_fwd_sla_class_cfg_del(ctx_, "B"), ERR_OK);
     pol_app_probe_class_entry_change(ctx_, "P1", nullptr);
-    pol_app_probe_class_entry_change(ctx_, "P2", "fc");
-    pol_fwd_sla_class_entry_change(ctx_, "S");
-    t_fwd_sla_class *s = pol_fwd_sla_class_find(ctx_, "S");
-    EXPECT_EQ(pol_fwd_app_probe_class_entry_find_and_delete(ctx_, s), 0);  // names none
-    strlcpy(s->app_probe_class_name, "P2", sizeof(s->app_probe_class_name));
-    EXPECT_EQ(pol_fwd_app_probe_class_entry_find_and_delete(ctx_, s), 1);  // not in its chain
-    strlcpy(s->app_probe_class_name, "gone", sizeof(s->app_probe_class_name));
-    EXPECT_EQ(pol_fwd_app_probe_class_entry_find_and_delete(ctx_, s), 1);
-
-    pol_fwd_app_probe_class_user_add(ctx_, "P1", s);
-    pol_fwd_app_probe_class_user_add(ctx_, "P2", s);  // moves; P1, left empty, goes
-    EXPECT_TRUE(pol_app_probe_class_find(ctx_, "P1") == nullptr && std::string(s->app_probe_class_name) == "P2");
-    t_app_probe_class *p2 = pol_app_probe_class_find(ctx_, "P2");
+    pol_fwd_app_probe_class_user_add(ctx_, "P1", lone);
+    pol_fwd_app_probe_class_user_add(ctx_, "apc", lone);  // moves; P1, left empty, goes
+    EXPECT_TRUE(pol_app_probe_class_find(ctx_, "P1") == nullptr && std::string(lone->app_probe_class_name) == "apc");
     {
         DebugLevel debug(1);
         LogCapture log;
-        EXPECT_EQ(pol_fwd_app_probe_class_entry_find_and_delete(ctx_, s), 0);
-        EXPECT_TRUE(logged(log, "[POL] Removing app-probe-class P2 entry from sla class S"));
+        EXPECT_EQ(pol_fwd_app_probe_class_entry_find_and_delete(ctx_, lone), 0);
+        EXPECT_TRUE(logged(log, "[POL] Removing app-probe-class apc entry from sla class lone"));
     }
-    EXPECT_TRUE(s->app_probe_class_name[0] == '\0' && s->pol_app_probe_class_p == nullptr);
-    EXPECT_TRUE(pol_app_probe_class_find(ctx_, "P2") == p2 && TAILQ_EMPTY(&p2->sla_class_head));  // kept by "fc"
+    EXPECT_TRUE(lone->app_probe_class_name[0] == '\0' && lone->pol_app_probe_class_p == nullptr);
+    EXPECT_TRUE(pol_app_probe_class_find(ctx_, "apc") == apc && TAILQ_EMPTY(&apc->sla_class_head));  // kept by "fc"
 }
 
 }  // namespace
