@@ -215,3 +215,7 @@ polctl_test(polctl_run_every_attribute 0 ARGS run ${POLCTL_DATA}/every-attribute
 # name in both prefix families, users by role and chain, unset limits.
 polctl_test(polctl_show_data_list_objects 0 ARGS show lists ${POLCTL_DATA}/data-lists.xml
   GOLDEN ${POLCTL_GOLDEN}/show-data-lists-objects.txt MASK_POINTERS 1)
+
+# The origin type and subtype each route origin name is stored as.
+polctl_test(polctl_show_origins 0 ARGS show policies ${POLCTL_DATA}/origins.xml
+  GOLDEN ${POLCTL_GOLDEN}/show-origins.txt MASK_POINTERS 1)

@@ -54,8 +54,7 @@ struct Route {
     // The verdict and the set actions applied.
     std::pair<e_pol_action, uint64_t> sets(t_pol_user *user)
     {
-        e_pol_action verdict = run(user);
-        return {verdict, p.entry_set_flags};
+        return {run(user), p.entry_set_flags};  // braces: the run comes first
     }
 };
 using sets = std::pair<e_pol_action, uint64_t>;
@@ -65,13 +64,6 @@ Route vroute(uint64_t vpn, const char *pfx = "10.1.0.0/16", e_zen_device device 
     Route r(POL_SAFI_VROUTE, device);
     r.p.u.vroute_info.vpn_id = vpn;
     r.p.u.vroute_info.prefix = prefix(pfx);
-    return r;
-}
-
-Route tloc_route(const t_tloc_id &t)
-{
-    Route r(POL_SAFI_TLOC);
-    r.p.u.tloc_info.tloc = t;
     return r;
 }
 
@@ -135,89 +127,70 @@ TEST_F(Exec, ListIndexesFallBackToTheEntriesWhenTheirAllocationFails)
 {
     const t_pfx_list_key key = {POL_AF_IPV4, "L"};
     const t_pfx_list_key key2 = {POL_AF_IPV4, "L2"};
-    auto add_pfx_to = [&](const t_pfx_list_key &k, const char *p, e_pfx_op op, uint8_t min, uint8_t max) {
-        const t_pfx_entry_param param{op, prefix(p), min, max};
-        ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &k, &param), ERR_OK);
-    };
-    auto add_pfx = [&](const char *p, e_pfx_op op, uint8_t min, uint8_t max) { add_pfx_to(key, p, op, min, max); };
-    struct Case {
-        const char *what;
-        e_pol_mem row;
-        std::function<void(t_pol_entry *)> attach;  // the list's entries and the condition
-        std::function<void()> grow;                 // one more entry
-        std::function<const void *()> index;
-        std::function<Route(int)> probe;            // route i of four
-        std::vector<bool> before, after;            // accepted, before and after grow
+    // Entries 0 and 1 of each list, then entry 2 added between the checks;
+    // route i of four is accepted as `before` says, then as `after` says.
+    const uint32_t lo[] = {5, 20, 10}, hi[] = {9, 20, 19}, ids[] = {4, 7, 15, 20};
+    const std::vector<bool> before{false, true, false, true}, after{false, true, true, true};
+    auto add_pfx = [&](const t_pfx_list_key &k, int i) {
+        const t_pfx_entry_param params[] = {{PFX_OP_LE, prefix("10.0.0.0/8"), 0, 16},
+                                            {PFX_OP_EQ, prefix("192.168.0.0/16"), 0, 0},
+                                            {PFX_OP_GE, prefix("172.16.0.0/12"), 24, 0}};
+        ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &k, &params[i]), ERR_OK);
     };
     // Both prefix conditions: the list's own index and the policy's.
     auto pfx_probe = [](int i) {
-        return vroute(1, std::vector<const char *>{"10.1.0.0/16", "10.1.1.0/24", "172.16.1.0/24", "192.168.0.0/16"}[i]);
+        return vroute(1, std::vector<const char *>{"10.1.1.0/24", "10.1.0.0/16", "172.16.1.0/24", "192.168.0.0/16"}[i]);
     };
-    const std::vector<bool> pfx_before{true, false, false, true}, pfx_after{true, false, true, true};
+    struct Case {
+        const char *what;
+        e_pol_mem row;
+        std::function<void(int)> add;  // entry i of the list
+        std::function<void(t_pol_entry *)> condition;
+        std::function<const void *()> index;
+        std::function<Route(int)> probe;
+    };
     const Case cases[] = {
         {"site list", POL_MEM_LIST_SITE,
-         [&](t_pol_entry *e) {
-             ASSERT_EQ(pol_site_list_add_entry(ctx_, "S", 5, 9), ERR_OK);
-             ASSERT_EQ(pol_site_list_add_entry(ctx_, "S", 20, 20), ERR_OK);
-             pol_entry_match_site_list_add(ctx_, e, "S", &changed_);
-         },
-         [&] { ASSERT_EQ(pol_site_list_add_entry(ctx_, "S", 10, 19), ERR_OK); },
+         [&](int i) { ASSERT_EQ(pol_site_list_add_entry(ctx_, "S", lo[i], hi[i]), ERR_OK); },
+         [&](t_pol_entry *e) { pol_entry_match_site_list_add(ctx_, e, "S", &changed_); },
          [&] { return pol_site_list_find(ctx_, "S")->exec_index; },
-         [](int i) {
+         [&](int i) {
              Route r = vroute(1);
-             r.attr.site_id = std::vector<uint32_t>{4, 7, 15, 20}[i];
+             r.attr.site_id = ids[i];
              return r;
-         },
-         {false, true, false, true}, {false, true, true, true}},
+         }},
         {"VPN list", POL_MEM_LIST_VPN,
-         [&](t_pol_entry *e) {
-             ASSERT_EQ(pol_vpn_list_add_entry(ctx_, "V", 1, 10), ERR_OK);
-             ASSERT_EQ(pol_vpn_list_add_entry(ctx_, "V", 30, 30), ERR_OK);
-             pol_entry_match_vpn_list_add(ctx_, e, "V", &changed_);
-         },
-         [&] { ASSERT_EQ(pol_vpn_list_add_entry(ctx_, "V", 11, 29), ERR_OK); },
-         [&] { return pol_vpn_list_find(ctx_, "V")->exec_index; },
-         [](int i) { return vroute(std::vector<uint64_t>{0, 5, 20, 30}[i]); },
-         {false, true, false, true}, {false, true, true, true}},
+         [&](int i) { ASSERT_EQ(pol_vpn_list_add_entry(ctx_, "V", lo[i], hi[i]), ERR_OK); },
+         [&](t_pol_entry *e) { pol_entry_match_vpn_list_add(ctx_, e, "V", &changed_); },
+         [&] { return pol_vpn_list_find(ctx_, "V")->exec_index; }, [&](int i) { return vroute(ids[i]); }},
         {"colour list", POL_MEM_LIST_COLOR,
-         [&](t_pol_entry *e) {
-             ASSERT_EQ(pol_color_list_add_entry(ctx_, "C", 3), ERR_OK);
-             ASSERT_EQ(pol_color_list_add_entry(ctx_, "C", 5), ERR_OK);
-             pol_entry_match_color_list_add(ctx_, e, "C", &changed_);
-         },
-         [&] { ASSERT_EQ(pol_color_list_add_entry(ctx_, "C", 7), ERR_OK); },
+         [&](int i) { ASSERT_EQ(pol_color_list_add_entry(ctx_, "C", std::vector<uint8_t>{3, 5, 7}[i]), ERR_OK); },
+         [&](t_pol_entry *e) { pol_entry_match_color_list_add(ctx_, e, "C", &changed_); },
          [&] { return pol_color_list_find(ctx_, "C")->exec_index; },
          [](int i) {
              Route r = vroute(1);
              r.attr.tloc.color = std::vector<uint8_t>{1, 3, 7, 5}[i];
              return r;
-         },
-         {false, true, false, true}, {false, true, true, true}},
-        {"prefix list", POL_MEM_LIST_PREFIX,
-         [&](t_pol_entry *e) {
-             add_pfx("10.0.0.0/8", PFX_OP_LE, 0, 16);
-             add_pfx("192.168.0.0/16", PFX_OP_EQ, 0, 0);
-             pol_entry_match_pfx_list_add(ctx_, e, &key, &changed_);
-         },
-         [&] { add_pfx("172.16.0.0/12", PFX_OP_GE, 24, 0); },
-         [&] { return pol_pfx_list_find(ctx_, &key)->exec_index; }, pfx_probe, pfx_before, pfx_after},
+         }},
+        {"prefix list", POL_MEM_LIST_PREFIX, [&](int i) { add_pfx(key, i); },
+         [&](t_pol_entry *e) { pol_entry_match_pfx_list_add(ctx_, e, &key, &changed_); },
+         [&] { return pol_pfx_list_find(ctx_, &key)->exec_index; }, pfx_probe},
         // The policy's sequence index, over the prefix conditions of enough
         // sequences to be indexed (the first decides).
-        {"sequence index", POL_MEM_BLOCK,
+        {"sequence index", POL_MEM_BLOCK, [&](int i) { add_pfx(key2, i); },
          [&](t_pol_entry *e) {
-             add_pfx_to(key2, "10.0.0.0/8", PFX_OP_LE, 0, 16);
-             add_pfx_to(key2, "192.168.0.0/16", PFX_OP_EQ, 0, 0);
              pol_entry_match_pfx_list_add(ctx_, e, &key2, &changed_);
              for (uint32_t n = 11; n < 20; n++) {
                  pol_entry_match_pfx_list_add(ctx_, seq(n, POL_MATCH_VROUTE), &key2, &changed_);
              }
          },
-         [&] { add_pfx_to(key2, "172.16.0.0/12", PFX_OP_GE, 24, 0); },
-         [&] { return block_->exec_index; }, pfx_probe, pfx_before, pfx_after},
+         [&] { return block_->exec_index; }, pfx_probe},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        c.attach(seq(10, POL_MATCH_VROUTE));
+        c.add(0);
+        c.add(1);
+        c.condition(seq(10, POL_MATCH_VROUTE));
         const int64_t lists = live_count(c.row);
         auto check = [&](const std::vector<bool> &want) {
             for (int i = 0; i < 4; i++) {
@@ -232,9 +205,9 @@ TEST_F(Exec, ListIndexesFallBackToTheEntriesWhenTheirAllocationFails)
             EXPECT_NE(c.index(), nullptr);
             EXPECT_EQ(live_count(c.row), lists + 1);
         };
-        check(c.before);
-        c.grow();
-        check(c.after);
+        check(before);
+        c.add(2);
+        check(after);
         pol_entry_find_and_delete(ctx_, block_, 10, &changed_);
     }
 }
@@ -251,36 +224,35 @@ TEST_F(Exec, ConditionsOnFieldsTheRouteKindLacksFail)
     ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &any_v6, &all_v6), ERR_OK);
     ASSERT_EQ(pol_pfx_list_entry_add(ctx_, &any_v4, &all_v4), ERR_OK);
     ASSERT_EQ(pol_vpn_list_add_entry(ctx_, "every-vpn", 0, UINT32_MAX), ERR_OK);
-    const t_tloc_id t = tloc("0.0.0.0", 3, 2);
-    Route tloc_r = tloc_route(t);
+    Route tloc_r(POL_SAFI_TLOC);
+    tloc_r.p.u.tloc_info.tloc = tloc("0.0.0.0", 3, 2);
     uint64_t tloc_as_vpn = 0;  // what a VPN read of the TLOC route would see
     std::memcpy(&tloc_as_vpn, &tloc_r.p.u, sizeof(tloc_as_vpn));
     Route service = Route(POL_SAFI_SERVICE);
     service.p.u.service_info.vpn_id = 5;
+    using Condition = std::function<void(t_pol_entry *)>;
+    auto vpn_id = [&](uint64_t id) -> Condition {
+        return [&, id](t_pol_entry *e) { pol_entry_match_vpn_id_add(ctx_, e, id, &changed_); };
+    };
+    const Condition vpn_list = [&](t_pol_entry *e) { pol_entry_match_vpn_list_add(ctx_, e, "every-vpn", &changed_); };
+    auto pfx_list = [&](const t_pfx_list_key &k) -> Condition {
+        return [&, key = &k](t_pol_entry *e) { pol_entry_match_pfx_list_add(ctx_, e, key, &changed_); };
+    };
     const struct {
         const char *what;
         e_pol_match_type type;
-        std::function<void(t_pol_entry *)> condition;
+        Condition condition;
         Route route;
         bool holds;
     } cases[] = {
-        {"VPN id on a TLOC route", POL_MATCH_TLOC,
-         [&](t_pol_entry *e) { pol_entry_match_vpn_id_add(ctx_, e, tloc_as_vpn, &changed_); }, tloc_r, false},
-        {"VPN list on a TLOC route", POL_MATCH_TLOC,
-         [&](t_pol_entry *e) { pol_entry_match_vpn_list_add(ctx_, e, "every-vpn", &changed_); }, tloc_r, false},
-        {"IPv6 prefix list on a TLOC route", POL_MATCH_TLOC,
-         [&](t_pol_entry *e) { pol_entry_match_pfx_list_add(ctx_, e, &any_v6, &changed_); }, tloc_r, false},
-        {"IPv4 prefix list on a TLOC route", POL_MATCH_TLOC,
-         [&](t_pol_entry *e) { pol_entry_match_pfx_list_add(ctx_, e, &any_v4, &changed_); }, tloc_r, false},
-        {"IPv6 prefix list on a service route", POL_MATCH_SERVICE,
-         [&](t_pol_entry *e) { pol_entry_match_pfx_list_add(ctx_, e, &any_v6, &changed_); }, service, false},
-        {"VPN id on a service route", POL_MATCH_SERVICE,
-         [&](t_pol_entry *e) { pol_entry_match_vpn_id_add(ctx_, e, 5, &changed_); }, service, true},
-        {"VPN list on a service route", POL_MATCH_SERVICE,
-         [&](t_pol_entry *e) { pol_entry_match_vpn_list_add(ctx_, e, "every-vpn", &changed_); }, service, true},
-        {"IPv6 prefix list on a virtual route", POL_MATCH_VROUTE,
-         [&](t_pol_entry *e) { pol_entry_match_pfx_list_add(ctx_, e, &any_v6, &changed_); },
-         vroute(1, "2001:db8::/32"), true},
+        {"VPN id on a TLOC route", POL_MATCH_TLOC, vpn_id(tloc_as_vpn), tloc_r, false},
+        {"VPN list on a TLOC route", POL_MATCH_TLOC, vpn_list, tloc_r, false},
+        {"IPv6 prefix list on a TLOC route", POL_MATCH_TLOC, pfx_list(any_v6), tloc_r, false},
+        {"IPv4 prefix list on a TLOC route", POL_MATCH_TLOC, pfx_list(any_v4), tloc_r, false},
+        {"IPv6 prefix list on a service route", POL_MATCH_SERVICE, pfx_list(any_v6), service, false},
+        {"VPN id on a service route", POL_MATCH_SERVICE, vpn_id(5), service, true},
+        {"VPN list on a service route", POL_MATCH_SERVICE, vpn_list, service, true},
+        {"IPv6 prefix list on a virtual route", POL_MATCH_VROUTE, pfx_list(any_v6), vroute(1, "2001:db8::/32"), true},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);

@@ -203,10 +203,7 @@ void use_every_list(t_pol_entry *e)
     t_pol_ctx *ctx = g_pol_ctx_p;
     uint8_t changed = 0;
     const t_pfx_list_key pfx = {POL_AF_IPV4, "PFX"};
-    t_pfx_entry_param param{};
-    param.pfx_op = PFX_OP_EQ;
-    IPADDR_SET_V4(&param.prefix.addr, 0x0000000a);
-    param.prefix.prefixlen = 8;
+    const t_pfx_entry_param param{PFX_OP_EQ, {{IP_ADDR_V4, {.addr32_b = {0x0000000a}}}, 8}, 0, 0};  // 10.0.0.0/8
     const t_tloc_id tloc = {{IP_ADDR_V4, {}}, 2, 2};
     ASSERT_TRUE(pol_site_list_add_entry(ctx, "SITES", 1, 9) == ERR_OK &&
                 pol_vpn_list_add_entry(ctx, "VPNS", 10, 20) == ERR_OK &&

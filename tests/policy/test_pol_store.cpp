@@ -85,7 +85,6 @@ TEST_F(PolStore, EqualValueAddedAgainChangesNothing)
         return effect([&](uint8_t *c) { EXPECT_EQ(pol_entry_match_tag_add(ctx_, e, v, c), &e->match_entry); });
     };
     EXPECT_EQ(tag(77), effects(1, 1));
-    EXPECT_TRUE(e->match_entry.match_tag == 77u && (e->entry_match_flags & POL_MATCH_FLAG_TAG) != 0);
     EXPECT_EQ(tag(77), effects(0, 0));
     EXPECT_EQ(tag(78), effects(1, 1));
     // A zero value is a value: the bit, not the field, says it is there.
@@ -235,25 +234,23 @@ TEST_F(PolStore, DeletingOneSetTlocClearsThePolicySummary)
     EXPECT_EQ(pol_handle_sets_tloc(user_), 0);
 }
 
-TEST_F(PolStore, OriginCodesMapToPairsAndUnknownCodesAreIgnored)
+// Each named origin's pair is pinned by the polctl_show_origins golden;
+// codes of no pair, which no configuration can give, change nothing.
+TEST_F(PolStore, UnknownOriginCodesAreIgnored)
 {
     t_pol_entry *e = seq(10);
     const t_pol_match_entry &m = e->match_entry;
     auto add = [&](uint32_t code) {
         return effect([&](uint8_t *c) { EXPECT_EQ(pol_entry_match_origin_add(ctx_, e, code, c), &e->match_entry); });
     };
-    // code -> (type, subtype); then the same pair again, or codes of no pair
-    const uint32_t rows[][3] = {{0, 2, 0}, {1, 1, 0}, {2, 4, 2}, {3, 4, 1}, {4, 4, 3}, {5, 4, 4},   {6, 3, 1},
-                                {7, 3, 2}, {11, 5, 0}, {12, 8, 0}, {12, 8, 0}, {8, 8, 0}, {9, 8, 0},  {10, 8, 0},
-                                {13, 8, 0}, {200, 8, 0}};
-    for (std::size_t i = 0; i < std::size(rows); i++) {
-        const int changes = i < 10 ? 1 : 0;
-        EXPECT_EQ(add(rows[i][0]), effects(changes, changes)) << "code " << rows[i][0];
-        EXPECT_TRUE(m.match_origin_type == rows[i][1] && m.match_origin_subtype == rows[i][2] &&
-                    (e->entry_match_flags & POL_MATCH_FLAG_ORIGIN) != 0) << "code " << rows[i][0];
+    EXPECT_EQ(add(12), effects(1, 1));
+    for (uint32_t code : {12u, 8u, 9u, 10u, 13u, 200u}) {  // the same pair again, or codes of no pair
+        EXPECT_EQ(add(code), effects(0, 0)) << "code " << code;
+        EXPECT_TRUE(m.match_origin_type == 8 && m.match_origin_subtype == 0 &&
+                    (e->entry_match_flags & POL_MATCH_FLAG_ORIGIN) != 0) << "code " << code;
     }
     EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_origin_delete(ctx_, e, c); }), effects(1, 1));
-    EXPECT_EQ(effect([&](uint8_t *c) { pol_entry_match_origin_add(ctx_, e, 9, c); }), effects(0, 0));
+    EXPECT_EQ(add(9), effects(0, 0));
     EXPECT_EQ(e->entry_match_flags & POL_MATCH_FLAG_ORIGIN, 0u);
 }
 

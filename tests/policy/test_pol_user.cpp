@@ -1,6 +1,5 @@
 // Registration of users, batched change notification and its re-entrancy
 // rules, and the small exported entry points.
-#include <cstring>
 #include <map>
 #include <set>
 
@@ -199,10 +198,8 @@ TEST_F(PolUser, CallbacksMayUnregisterAnyUserDuringAWalk)
         flush();
         EXPECT_TRUE(TAILQ_EMPTY(&ctx_->pol_users_chg) && avl_numnodes(&ctx_->pol_users) == 0u);
         EXPECT_EQ(live_count(POL_MEM_TYPE_POL_USER), users0);
-        for (const char *policy : {"P1", "P2", "P3", "P4", "P5", "P9"}) {
-            uint8_t changed = 0;
-            pol_block_find_and_delete(ctx_, policy, POL_TYPE_ROUTE, &changed);
-        }
+        expect_memory_back_to_start();  // then a fresh context for the next case
+        SetUp();
     }
 }
 
@@ -302,11 +299,7 @@ TEST_F(PolApi, SiteListWatcherMayLeaveFromItsCallback)
         std::vector<t_pol_list_user *> regs;
         bool ran = false;
         std::function<void()> steps;
-        t_pol_list_reg_params reg{};
-        reg.pol_list_type = POL_LIST_SITE;
-        std::strcpy(reg.pol_list_name, "L");
-        reg.pol_chg_cb = watcher_cb;
-        reg.user_ctx_p = &steps;
+        t_pol_list_reg_params reg{POL_LIST_SITE, "L", watcher_cb, &steps};
         steps = [&] {
             for (const std::string &step : ran ? std::vector<std::string>{} : c.steps) {
                 if (step == "-w") {
