@@ -11,7 +11,6 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <regex>
@@ -48,7 +47,6 @@ class Recorder {
 public:
     mgmtd_ds_t *ds = nullptr;
     std::vector<std::string> calls;
-    int32_t fail_status = 1;  // returned by the subscriptions made to fail
 
     static int32_t record(t_vmgmtd_context *, void *host, mgmtd_iter_op oper, uint8_t num_keys,
                           mgmtd_value_t *keys, uint16_t num_values, mgmtd_tag_value_t *values, int32_t arg)
@@ -71,12 +69,13 @@ public:
         return 0;
     }
 
-    // Records the call, then fails it.
+    // Records the call, then fails it with a status other than 1, which the
+    // commit's error has to pass on as it is.
     static int32_t failing(t_vmgmtd_context *v, void *host, mgmtd_iter_op oper, uint8_t num_keys,
                            mgmtd_value_t *keys, uint16_t num_values, mgmtd_tag_value_t *values, int32_t arg)
     {
         record(v, host, oper, num_keys, keys, num_values, values, arg);
-        return static_cast<Recorder *>(host)->fail_status;
+        return 2;
     }
 
     static void trace(void *ctx, const char *, const mgmtd_ds_sub_t *sub, mgmtd_iter_op, uint8_t,
@@ -103,6 +102,19 @@ std::string xml(const std::string &body)
     return "<policy xmlns=\"urn:zen:params:xml:ns:yang:zen-policy\">\n" + body + "</policy>\n";
 }
 
+const std::string &scratch_path()
+{
+    static const std::string path = ::testing::TempDir() + "mgmtd_ds_" + std::to_string(getpid()) + ".xml";
+    return path;
+}
+
+// Writes text to the test's scratch file and returns its path.
+std::string scratch(const std::string &text)
+{
+    std::ofstream(scratch_path()) << text;
+    return scratch_path();
+}
+
 using Calls = std::vector<std::string>;
 
 class DatastoreTest : public ::testing::Test {
@@ -115,15 +127,12 @@ protected:
         rec_.ds = ds_;
         subscribe({});
         mgmtd_ds_set_trace(ds_, Recorder::trace, &rec_);
-        char dir[] = "/tmp/mgmtd_ds_testXXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
     }
 
     void TearDown() override
     {
         mgmtd_ds_close(ds_);
-        std::filesystem::remove_all(dir_);
+        std::remove(scratch_path().c_str());
     }
 
     // The library's table with recording callbacks; the named rows fail.
@@ -138,13 +147,6 @@ protected:
         ASSERT_EQ(mgmtd_ds_subscribe(ds_, table_.data(), table_.size(), &rec_), MGMTD_DS_OK) << mgmtd_ds_error(ds_);
     }
 
-    std::string write(const std::string &text, const std::string &name = "c.xml")
-    {
-        const std::string path = dir_ + "/" + name;
-        std::ofstream(path) << text;
-        return path;
-    }
-
     // Commits a file and returns what was delivered.
     Calls commit_path(const std::string &path, int expect = MGMTD_DS_OK)
     {
@@ -153,7 +155,7 @@ protected:
         return rec_.calls;
     }
 
-    Calls commit(const std::string &body, int expect = MGMTD_DS_OK) { return commit_path(write(xml(body)), expect); }
+    Calls commit(const std::string &body, int expect = MGMTD_DS_OK) { return commit_path(scratch(xml(body)), expect); }
 
     std::string running()
     {
@@ -166,7 +168,6 @@ protected:
     mgmtd_ds_t *ds_ = nullptr;
     Recorder rec_;
     std::vector<mgmtd_ds_sub_t> table_;
-    std::string dir_;
 };
 
 // A control policy with one sequence: a site-list match and a set.
@@ -201,7 +202,6 @@ TEST_F(DatastoreTest, InvalidInputChangesAndDeliversNothing)
 TEST_F(DatastoreTest, FailedCallbackStopsTheCommitAndRunningKeepsWhatWasDelivered)
 {
     subscribe({"control-match"});
-    rec_.fail_status = 2;
     const std::string body =
         policy("<preference>1</preference>") + "<membership-policy><name>m</name></membership-policy>";
     const Calls first = commit(body, MGMTD_DS_STOPPED);
@@ -314,8 +314,7 @@ TEST(DatastoreValueCount, NodesBeyondTheCountOfOneCallAreRefused)
         long handed = -1;
         EXPECT_EQ(mgmtd_ds_subscribe(ds, top, 1, &handed), c.status) << mgmtd_ds_error(ds);
         if (c.values >= 0) {
-            const std::string path = ::testing::TempDir() + "mgmtd_ds_wide_" + std::to_string(getpid()) + ".xml";
-            std::ofstream(path) << wide(c.depth, c.leaves, false);
+            const std::string path = scratch(wide(c.depth, c.leaves, false));
             EXPECT_EQ(mgmtd_ds_commit_file(ds, path.c_str()), MGMTD_DS_OK) << mgmtd_ds_error(ds);
             std::remove(path.c_str());
             EXPECT_EQ(handed, c.values);
@@ -359,14 +358,8 @@ std::string every_kind(char slot, const std::string &leaves)
 // over as the default.
 TEST_F(DatastoreTest, ModifiedNodeGetsOneCallWithItsRemovalsFirst)
 {
-    struct leaf_change {
-        char slot;  // T: TLOC-list entry [t 2001:db8::1 gold gre], P: prefix-list entry [p 10.0.0.0/8],
-                    // 6: ipv6-prefix-list entry [p6 2001:db8::/32], M: control match [hs 10 route],
-                    // S: set of control sequence [hs 10], R: route sequence [rp 1], B: membership sequence [m 1]
-        const char *before;
-        const char *after;
-        const char *want;
-    };
+    // slot: the mark in every_kind() of the node that changes (want names it and its keys)
+    struct leaf_change { char slot; const char *before, *after, *want; };
     const leaf_change cases[] = {
         // every non-key leaf goes
         {'T', "<preference>5</preference>", "", "tloc-list-entry modify [t 2001:db8::1 11 1] preference=-"},
