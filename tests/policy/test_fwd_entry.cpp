@@ -75,7 +75,8 @@ const ScalarRow kScalars[] = {
     {"local tloc", [](ARGS) {
          const t_local_tloc_id_args a{uint32_t(k), uint32_t(2 * k), false, false};
          return pol_fwd_local_tloc_upd(AT, &a, add); },
-     [](const t_pol_entry &e) { return num(e.set_entry.set_local_tloc.color) + "/" + num(e.set_entry.set_local_tloc.encap); },
+     [](const t_pol_entry &e) {
+         return num(e.set_entry.set_local_tloc.color) + "/" + num(e.set_entry.set_local_tloc.encap); },
      false, 0x1000000, "1/2", "2/4", "0/0"},
     {"local tloc list", [](ARGS) {
          const t_pol_set_local_tloc_list_args a{1, 2, uint8_t(k - 1), false, false, false};
@@ -85,9 +86,11 @@ const ScalarRow kScalars[] = {
          return num(l.color_mask) + "/" + num(l.encap_mask) + "/" + num(l.restrict1); },
      false, 0x2000000, "1/2/0", "1/2/1", "0/0/0"},
     {"backup sla colour", [](ARGS) { return pol_fwd_entry_backup_sla_prefer_color_upd(AT, 11u * k, add); },
-     [](const t_pol_entry &e) { return num(e.set_entry.set_backup_sla_preferred_color); }, false, 0x8000, "11", "22", "0"},
+     [](const t_pol_entry &e) { return num(e.set_entry.set_backup_sla_preferred_color); }, false, 0x8000, "11", "22",
+     "0"},
     {"forwarding class", [](ARGS) { return pol_fwd_entry_fwd_class_upd(AT, k == 1 ? "gold" : "golden", add); },
-     [](const t_pol_entry &e) { return std::string(e.set_entry.set_fwd_class); }, false, 0x8000000, "gold", "golden", ""},
+     [](const t_pol_entry &e) { return std::string(e.set_entry.set_fwd_class); }, false, 0x8000000, "gold", "golden",
+     ""},
     {"counter", [](ARGS) { return pol_fwd_entry_count_upd(AT, k == 1 ? "c1" : "c2", add); },
      [](const t_pol_entry &e) { return std::string(e.set_entry.set_counter_name); }, false, 0x2000, "c1", "c2", ""},
     {"dns", [](ARGS) { return pol_fwd_entry_dns_upd(AT, uint32_t(k), add); },
@@ -437,11 +440,9 @@ TEST_F(FwdEntryTest, NamedListReferences)
     EXPECT_EQ(pol_fwd_entry_set_policer_add(ctx_, entry_, "", &changed), nullptr);  // lets go only
     EXPECT_TRUE(entry_->set_entry.set_fwd_policer_p == nullptr &&
                 TAILQ_EMPTY(&pol_fwd_policer_find(ctx_, "P")->set_policer_head));
-}
 
-// SaaS lists are a set: each name adds one, an empty name drops them all.
-TEST_F(FwdEntryTest, SaasListsAreASet)
-{
+    // SaaS lists are a set: each name adds one, an empty name drops them all.
+    notified();
     auto upd = [&](const char *name) { pol_fwd_entry_saas_app_list_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, name); };
     auto held = [&] { return showing(pol_dump_app_list_all, "SAAS APP LIST User: D"); };
     upd("S1");
@@ -499,7 +500,8 @@ TEST_F(FwdEntryTest, SlaClassOfAppRouteSequences)
     EXPECT_EQ(pol_fwd_entry_app_probe_class_add(ctx_, "S1", "probe"), 0);
     EXPECT_EQ(s1->pol_app_probe_class_p, pol_app_probe_class_find(ctx_, "probe"));
     EXPECT_EQ(pol_fwd_entry_app_probe_class_add(ctx_, "nope", "probe"), 1);
-    EXPECT_DEATH({ dup2(2, 1); pol_fwd_entry_sla_class_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, "S1", 0, 0, false, true, true); },
+    EXPECT_DEATH({ dup2(2, 1); pol_fwd_entry_sla_class_upd(ctx_, "D", POL_TYPE_DATA, "V", 10, "S1", 0, 0, false,
+                                                           true, true); },
                  "failed assertion `pol_type == POL_TYPE_PFR'");
 }
 

@@ -114,8 +114,10 @@ TEST_F(ConfigFwdTest, ObjectsOfOneKeyLifeAndFailure)
 /* ---- SLA classes ---- */
 
 // A removed limit reads as unset (all ones) and marks the class for fetching;
-// the limits a file sets are in the show-data-lists golden.
-TEST_F(ConfigFwdTest, SlaClassLimitsAndRemovedLeaves)
+// the limits a file sets are in the show-data-lists golden. A change from
+// app-probe class A to B leaves A before B is named, and a removed app-probe
+// class leaves the class without one.
+TEST_F(ConfigFwdTest, SlaClassLimitsRemovedLeavesAndAppProbeClass)
 {
     ASSERT_EQ(sla(MOP_CREATED, "voice", values().u8(T_SLA_LOSS, 3).u16(T_SLA_LATENCY, 150).u16(T_SLA_JITTER, 20)),
               POL_CONFIG_OK);
@@ -129,19 +131,10 @@ TEST_F(ConfigFwdTest, SlaClassLimitsAndRemovedLeaves)
         EXPECT_EQ(sla(MOP_MODIFIED, "voice", values().removed(tag)), POL_CONFIG_OK);
         EXPECT_TRUE(limits() == want && c->fetch_xml == 1) << tag;
     }
-    EXPECT_EQ(sla(MOP_DELETED, "voice"), POL_CONFIG_OK);
-    EXPECT_EQ(pol_fwd_sla_class_find(ctx_, "voice"), nullptr);
-    EXPECT_EQ(sla(MOP_DELETED, "voice"), POL_CONFIG_NOT_FOUND);
-}
 
-// A change from app-probe class A to B leaves A before B is named, and a
-// removed app-probe class leaves the class without one.
-TEST_F(ConfigFwdTest, SlaClassLeavesItsOldAppProbeClassFirst)
-{
     ASSERT_EQ(probe_class("A", 2, 46), POL_CONFIG_OK);
     ASSERT_EQ(probe_class("B", 4, 34), POL_CONFIG_OK);
-    ASSERT_EQ(sla(MOP_CREATED, "voice", values().text(T_APP_PROBE_CLASS, "A")), POL_CONFIG_OK);
-    t_fwd_sla_class *c = pol_fwd_sla_class_find(ctx_, "voice");
+    ASSERT_EQ(sla(MOP_MODIFIED, "voice", values().text(T_APP_PROBE_CLASS, "A")), POL_CONFIG_OK);
     t_app_probe_class *a = pol_app_probe_class_find(ctx_, "A"), *b = pol_app_probe_class_find(ctx_, "B");
     ASSERT_EQ(c->pol_app_probe_class_p, a);
 
@@ -152,14 +145,19 @@ TEST_F(ConfigFwdTest, SlaClassLeavesItsOldAppProbeClassFirst)
     EXPECT_EQ(sla(MOP_MODIFIED, "voice", values().removed(T_APP_PROBE_CLASS).u8(T_SLA_LOSS, 9)), POL_CONFIG_OK);
     EXPECT_STREQ(c->app_probe_class_name, "");
     EXPECT_NE(c->loss, 9) << "the walk ends at a removed app-probe class";
+    EXPECT_EQ(sla(MOP_DELETED, "voice"), POL_CONFIG_OK);
+    EXPECT_EQ(pol_fwd_sla_class_find(ctx_, "voice"), nullptr);
+    EXPECT_EQ(sla(MOP_DELETED, "voice"), POL_CONFIG_NOT_FOUND);
 }
 
 /* ---- application lists, prefixes, colours, cflowd ---- */
 
 // What a file creates is in the show-data-lists golden (the kind of an
 // application list, prefixes in network order, a probe class's colours,
-// DSCPs and forwarding class); here, their entries go.
-TEST_F(ConfigFwdTest, EntriesOfListsAndClassesGo)
+// DSCPs and forwarding class) and the show-data-policies golden (a cflowd
+// template's leaves and collectors); here, list and class entries go, and
+// every change marks the template for fetching.
+TEST_F(ConfigFwdTest, EntriesGoAndCflowdChangesMarkTheTemplate)
 {
     keys app, pfx6;
     app.text("office").text("webex");
@@ -177,12 +175,7 @@ TEST_F(ConfigFwdTest, EntriesOfListsAndClassesGo)
     EXPECT_EQ(run(pol_config_policy_app_probe_class_color_read, MOP_DELETED, keys().text("probe").enum_value(2)),
               POL_CONFIG_OK);
     EXPECT_EQ(pol_app_probe_class_find_entry(ctx_, pc, 2), nullptr);
-}
 
-// What a file creates is in the show-data-policies golden (a template's
-// leaves and collectors); here, every change marks the template for fetching.
-TEST_F(ConfigFwdTest, CflowdTemplateChangesAndCollectors)
-{
     ASSERT_EQ(named(pol_config_cflowd_template_read, MOP_CREATED, "tmpl",
                     values().u32(T_FLOW_ACTIVE_TIMEOUT, 60).u32(T_TEMPLATE_REFRESH, 90)),
               POL_CONFIG_OK);
@@ -250,12 +243,23 @@ protected:
     }
 };
 
+// A failed update ends the call with status 1, names the operation, and
+// notifies nobody.
 TEST_F(ConfigFwdPolicyTest, PolicyVpnListAndSequenceLifeCycle)
 {
     int notified = 0;
     poltest::register_user("u", "dp", POL_TYPE_DATA, POL_DIR_OUT, poltest::count_cb, &notified);
     make();
     EXPECT_GT(notified, 0);
+    notified = 0;
+    {
+        LogCapture log;
+        poltest::AllocFailure fail(POL_MEM_ENTRY_MATCH_DST_PORT);
+        EXPECT_EQ(seq(MOP_MODIFIED, values().text(T_COUNT, "c").text(T_DST_PORT, "1-2")), POL_CONFIG_NOT_FOUND);
+        EXPECT_TRUE(logged(log, "Failed to alloc memory for range config, match "));
+    }
+    EXPECT_EQ(notified, 0);
+    EXPECT_STREQ(entry()->set_entry.set_counter_name, "c") << "what came before stays";
     ASSERT_EQ(vpn_list(MOP_MODIFIED, values().enum_leaf(T_DEFAULT_ACTION, 0)), POL_CONFIG_OK);
     t_pol_entry *d = default_entry();
     ASSERT_NE(d, nullptr);
@@ -383,25 +387,6 @@ TEST_F(ConfigFwdPolicyTest, SteeringChangeRefreshesLabels)
     EXPECT_EQ(entry()->entry_set_flags & POL_FWD_SET_FLAG_TLOC, 0u);
     EXPECT_EQ(g_labels.size(), 2u);
     pol::config::set_fwd_label_hook(nullptr);
-}
-
-// A failed update ends the call with status 1, names the operation, and
-// notifies nobody.
-TEST_F(ConfigFwdPolicyTest, FailedUpdateStopsWithoutNotification)
-{
-    int notified = 0;
-    poltest::register_user("u", "dp", POL_TYPE_DATA, POL_DIR_OUT, poltest::count_cb, &notified);
-    make();
-    notified = 0;
-    LogCapture log;
-    {
-        poltest::AllocFailure fail(POL_MEM_ENTRY_MATCH_DST_PORT);
-        EXPECT_EQ(seq(MOP_MODIFIED, values().text(T_COUNT, "c").text(T_DST_PORT, "1-2")), POL_CONFIG_NOT_FOUND);
-    }
-    EXPECT_TRUE(logged(log, "Failed to alloc memory for range config, match "));
-    EXPECT_EQ(notified, 0);
-    EXPECT_STREQ(entry()->set_entry.set_counter_name, "c") << "what came before stays";
-    pol_user_find_and_delete(ctx_, "u", "dp", POL_TYPE_DATA, POL_DIR_OUT);
 }
 
 /* ---- the start-up read through the host's read calls ---- */
