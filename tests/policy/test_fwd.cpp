@@ -170,10 +170,10 @@ TEST(FwdModel, LinkedList)
     t_dll tailed{&n[0], &n[0], 0};
     t_dlnode linked{&n[1], nullptr};
     EXPECT_DEATH({ dup2(2, 1); DLL_ADD(&empty, &linked); },
-                 "^dll:[0-9]+: failed assertion `p_newnode->p_next == NULL && p_newnode->p_prev == NULL'");
-    EXPECT_DEATH({ dup2(2, 1); DLL_ADD(&broken, &n[1]); }, "^dll:[0-9]+: failed assertion `p_dll->count == 0'");
-    EXPECT_DEATH({ dup2(2, 1); DLL_ADD(&tailed, &n[1]); }, "^dll:[0-9]+: failed assertion `p_dll->count > 0'");
-    EXPECT_DEATH({ dup2(2, 1); DLL_REMOVE(&empty, &n[1]); }, "^dll:[0-9]+: failed assertion `p_dll->count > 0'");
+                 "(^|\n)dll:[0-9]+: failed assertion `p_newnode->p_next == NULL && p_newnode->p_prev == NULL'");
+    EXPECT_DEATH({ dup2(2, 1); DLL_ADD(&broken, &n[1]); }, "(^|\n)dll:[0-9]+: failed assertion `p_dll->count == 0'");
+    EXPECT_DEATH({ dup2(2, 1); DLL_ADD(&tailed, &n[1]); }, "(^|\n)dll:[0-9]+: failed assertion `p_dll->count > 0'");
+    EXPECT_DEATH({ dup2(2, 1); DLL_REMOVE(&empty, &n[1]); }, "(^|\n)dll:[0-9]+: failed assertion `p_dll->count > 0'");
 }
 
 TEST_F(FwdModelTest, WrongPolicyTypeStops)
